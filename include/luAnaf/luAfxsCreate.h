@@ -1,0 +1,134 @@
+// The writer: a link that creates a new cross-section file and the buffer of
+// one plane subset that is flushed into it. The on-disk layout is described
+// in docs/format.md.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include <luAnaf/luAfxsBaseLink.h>
+#include <luAnaf/luAfxsRecords.h>
+
+class LuAfxsCreateData;
+
+// Creates one file and appends records to it. The client owns the link; it
+// must outlive every LuAfxsCreateData made on it. The file survives the link
+// only when release() was called and no failure occurred: otherwise the
+// destructor deletes it.
+//
+// Calling order: construct, setHeader, optionally setCameras, create, any
+// number of LuAfxsCreateData flushes, release, destroy.
+class LUANAF_API LuAfxsCreateLink : public LuAfxsBaseLink {
+  friend class LuAfxsCreateData;
+
+public:
+  // The path is taken as given.
+  explicit LuAfxsCreateLink(const wchar_t* path);
+  // The path of cross-section file `number` of the series `name`, as
+  // LuFileName::XSFile forms it (kind 1), truncated to 1023 characters.
+  LuAfxsCreateLink(const wchar_t* name, uint64_t number);
+  // Member by member, the open file handle included: both links then share
+  // one stdio stream. Intended; callers must not close both.
+  LuAfxsCreateLink(const LuAfxsCreateLink&) = default;
+  LuAfxsCreateLink& operator=(const LuAfxsCreateLink&) = default;
+  // Rewrites a dirty STATE line, closes the file, and deletes it unless
+  // release() was called and the link is still OK. Never throws.
+  ~LuAfxsCreateLink() override;
+
+  // Creates the file ("w+b", replacing a writable existing file) and writes
+  // the nine header lines, then the cameras record when the table is not
+  // empty. keepOpen keeps the file open between records; otherwise each
+  // record reopens it. False, with a report, on any failure.
+  bool create(bool keepOpen);
+  // Appends the cameras record. False without a report when the table is empty.
+  bool createCamerasRecord();
+  // Rewrites the STATE line if the state word changed, then closes the file
+  // unless close is false and the link keeps it open.
+  void closeFile(bool close);
+  // The file survives the link.
+  void release();
+
+  LuAfxsHeader& getHeader() { return m_header; }
+  const LuAfxsHeader& getHeader() const { return m_header; }
+  void setHeader(const LuAfxsHeader& header);
+  LuAfxsCamerasTable& getCameras() { return m_cameras; }
+  const LuAfxsCamerasTable& getCameras() const { return m_cameras; }
+  void setCameras(const LuAfxsCamerasTable& cameras);
+  // The AND of the field masks of every flushed record; 0xFFFFFFFF at first.
+  uint32_t getState() const { return m_state; }
+  // Sets the state word without marking it dirty: it reaches the file only
+  // with the next flush.
+  void setState(uint32_t state) { m_state = state; }
+  bool isOK() const { return m_ok; }
+  void isOK(bool ok) { m_ok = ok; }
+  const std::wstring& filePath() const { return m_path; }
+
+protected:
+  // Appends an empty record of `kind` and links it into the chain; returns
+  // the file positioned for the record's body, or null.
+  FILE* createNewRecord(luafxs_records_en kind);
+  // Appends a plane record the first time planeId is seen, then a
+  // plane-subset record, and links it into the plane's subset chain.
+  FILE* createPlaneSubsetRecord(uint32_t planeId, uint32_t subsetId);
+  // state word &= mask; marks it dirty.
+  void updateState(uint32_t mask);
+
+  LuAfxsHeader m_header;
+  LuAfxsCamerasTable m_cameras;
+  uint32_t m_state = 0xFFFFFFFF;
+  bool m_keepOpen = false;
+  std::wstring m_path;
+  bool m_ok = false;
+  FILE* m_file = nullptr;
+  bool m_deleteOnDestroy = true;
+  bool m_stateDirty = false;
+  uint64_t m_recordCount = 0;
+  uint32_t m_lastRecordOffset = 0;
+  uint32_t m_patchOffset = 0;
+  uint32_t m_stateLineOffset = 0;
+  std::map<uint32_t, uint32_t> m_planeLinks;  // plane -> offset of its last subset link
+};
+
+// Buffers the data of one plane in one subset and writes it as one
+// plane-subset record on flush(). Holds a reference to its link, which must
+// outlive it.
+class LUANAF_API LuAfxsCreateData {
+public:
+  LuAfxsCreateData(LuAfxsCreateLink& link, uint32_t planeId, uint32_t subsetId);
+  LuAfxsCreateData(const LuAfxsCreateData&) = default;
+  // Calls link.closeFile(false). Never throws.
+  virtual ~LuAfxsCreateData();
+
+  // Each replaces its vector and sets its mask bit; a count of 0 changes nothing.
+  void setPoints(const double (*points)[3], size_t count);
+  void setNormals(const double (*normals)[3], size_t count);
+  void setSegments(const int* segments, size_t count);
+  // Groups of auxiliary control positions: `counts` gives the size of each
+  // of the groupCount groups, `positions` holds them one group after another.
+  // Derives the offsets (exclusive prefix sum) and each group's first
+  // position. A count of 0 changes nothing. Groups that would run past
+  // positionCount are rejected: nothing changes (the input is never read
+  // outside its bounds).
+  void setAuxCtrlPos(const uint32_t* positions, size_t positionCount, const uint32_t* counts,
+                     size_t groupCount);
+  // Result points and distances, as Unify would bring them in (bits 16, 32).
+  void setResPoints(const double (*points)[3], size_t count);
+  void setDistances(const double* values, size_t count);
+
+  // Writes the record. False when the link is not OK, nothing is set, or a
+  // write failed (reported once, the link then turns not OK).
+  bool flush();
+  // Copies a whole plane in, ids included; ORs in the bits of its non-empty
+  // fields except the aux group, which travels only through setAuxCtrlPos.
+  bool Unify(const LuAfxsPlane* plane);
+  // The field mask of the buffered data.
+  uint32_t state() const { return m_mask; }
+  const LuAfxsPlane& plane() const { return m_plane; }
+
+protected:
+  LuAfxsPlane m_plane;
+  uint32_t m_mask = 0;
+  LuAfxsCreateLink& m_link;
+};

@@ -1,0 +1,133 @@
+// The reader and updater: a link on an existing file and the view of one
+// plane-subset record in it.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <set>
+#include <string>
+
+#include <luAnaf/luAfxsBaseLink.h>
+#include <luAnaf/luAfxsRecords.h>
+
+class LuAfxsUserData;
+class LuAfxsUserDataSet;
+class LuAfxsCreateLink;
+
+// A handle on one existing file. Construction only stores the path; all file
+// access starts with verify() or create(). Between calls the file is closed
+// unless the caller asked to keep it open. It never rewrites the header.
+class LUANAF_API LuAfxsUserLink : public LuAfxsBaseLink {
+  friend class LuAfxsUserData;
+  friend class LuAfxsUserDataSet;
+
+public:
+  explicit LuAfxsUserLink(const wchar_t* path);
+  // The path of cross-section file `number` of the series `name`, as
+  // LuFileName::XSFile forms it (kind 1), truncated to 1023 characters.
+  LuAfxsUserLink(const wchar_t* name, size_t number);
+  // Copies the path only: the copy starts unread and closed.
+  LuAfxsUserLink(const LuAfxsUserLink& other);
+  // Copies every member, the open stream included: both links then share one
+  // stdio stream (closing it through one leaves the other stale). Intended.
+  LuAfxsUserLink& operator=(const LuAfxsUserLink& other);
+  ~LuAfxsUserLink() override;
+
+  // Replaces the path; resets nothing else. Always true.
+  bool setFilePath(std::wstring path);
+  const std::wstring& fileName() const { return m_filePath; }
+  bool fileExists() const { return m_fileExists; }
+  bool fileWritable() const { return m_fileExists && m_fileWritable; }
+  bool updateSupported() const { return m_fileExists && m_updateSupported; }
+  const LuAfxsHeader& getHeader() const { return m_header; }
+
+  // Reads header and record chain again when the file's modification time
+  // changed since the last look (always on the first call). True when the
+  // file exists and both were read.
+  bool verify(bool keepOpen);
+  // Reads header and record chain unconditionally.
+  bool create(bool keepOpen);
+  // The cameras table of the first cameras record; empty when there is none
+  // or it is damaged (no report).
+  const LuAfxsCamerasTable& getCameras();
+  // Closes the file and deletes it.
+  void remove();
+
+protected:
+  // Stream helpers for the data objects; streams returned are the link's own
+  // and are never closed by the caller.
+  FILE* openFile(long offset, bool forWrite);
+  void closeFile(bool force);
+  bool readHeader();
+  bool scanRecords();
+  FILE* getRecord(luafxs_records_en kind);
+  FILE* getPlaneRecord(unsigned long planeId);
+  FILE* createNewRecord(luafxs_records_en kind);
+
+  LuAfxsHeader m_header;
+  LuAfxsCamerasTable m_cameras;
+  bool m_camerasLoaded = false;
+  std::wstring m_filePath;
+  FILE* m_file = nullptr;
+  bool m_fileOpenForWrite = false;
+  bool m_fileExists = false;
+  bool m_fileWritable = false;
+  bool m_updateSupported = false;
+  bool m_keepOpen = false;
+  int64_t m_fileTime = 0;
+  uint32_t m_state = 0;
+  int32_t m_firstRecord = 0;
+  std::map<uint32_t, uint32_t> m_recordIndex;  // kind -> body offset (cameras only)
+  std::map<uint32_t, uint32_t> m_planeIndex;   // plane -> offset of first-subset field
+  bool m_fileModified = false;
+  uint32_t m_lastNextField = 0;
+  uint64_t m_fileSize = 0;  // size at the last read of the chain; bounds every count
+};
+
+// The reading side's view of one plane-subset record. Created and owned by
+// LuAfxsUserDataSet; holds a non-owning pointer to its link.
+class LUANAF_API LuAfxsUserData {
+  friend class LuAfxsUserDataSet;
+
+public:
+  LuAfxsUserData(const LuAfxsUserData&) = default;
+
+  // Loads every field whose bit is in mask and that is not loaded yet. The
+  // first call reads the record's field directory. False on damage or a
+  // failed open; fields loaded before stay. Does not close the file.
+  bool load(unsigned long mask);
+  // Attach results; a count of 0 changes nothing. Values set here are never
+  // overwritten by a later load.
+  void setDistances(const double* values, size_t count);
+  void setResPoints(const double (*points)[3], size_t count);
+  // Appends a results record with the attached result points and distances
+  // and links it from this record, once per record. False when the record
+  // already has results, nothing is attached, or a write failed.
+  bool flush();
+  // Writes this record's points, segments, normals and aux groups (those in
+  // mask) as a new record through a writer link. Result points and distances
+  // are never copied.
+  bool copy(LuAfxsCreateLink& link, unsigned long mask);
+  // The mask of the fields in memory / in the file; 0 while nothing is loaded.
+  uint32_t state() const { return m_recordLoaded ? m_state : 0; }
+  uint32_t fileState() const { return m_recordLoaded ? m_fileState : 0; }
+  const LuAfxsPlane& getPlaneData() const { return m_plane; }
+
+protected:
+  LuAfxsUserData(LuAfxsUserLink& link, long recordOffset, unsigned long planeId,
+                 unsigned long subsetId);
+  virtual ~LuAfxsUserData();
+  void loadRecordData(FILE* stream, long kind, long mask);
+  void loadFieldData(FILE* stream, long id);
+
+  LuAfxsPlane m_plane;
+  LuAfxsUserLink* m_link;
+  bool m_recordLoaded = false;
+  uint32_t m_state = 0;
+  std::set<uint32_t> m_loadedFields;
+  uint32_t m_fileState = 0;
+  int32_t m_recordOffset = 0;
+  uint32_t m_resultsOffset = 0;
+  std::map<uint32_t, uint32_t> m_fieldDirectory;  // id -> offset of its count word
+};

@@ -1,0 +1,12 @@
+// luAnaf: cross-section files of measured 3D objects. The one include a
+// client needs. Only the headers of include/luAnaf/ are public.
+#pragma once
+
+#include <luAnaf/luExport.h>
+#include <luAnaf/luEnv.h>
+#include <luAnaf/luGeom.h>
+#include <luAnaf/luAfxsRecords.h>
+#include <luAnaf/luAfxsBaseLink.h>
+#include <luAnaf/luAfxsCreate.h>
+#include <luAnaf/luAfxsUser.h>
+#include <luAnaf/luAfxsDataSet.h>

@@ -1,0 +1,24 @@
+// A fault-injection seam in the library's I/O layer, for tests. Every file
+// operation of the library goes through one small layer that counts its calls
+// by kind; arming a fault makes the N-th call of a kind (counted from the
+// arming, 1-based) fail as the runtime would: open returns null, read and
+// write come up short, seek returns non-zero, tell returns -1. Not for
+// production use; one thread at a time.
+#pragma once
+
+#include <cstdint>
+
+#include <luAnaf/luExport.h>
+
+enum class LuIoOp : int { Open = 0, Read = 1, Write = 2, Seek = 3, Tell = 4, Any = 5 };
+
+// Fail the nth call of op from now on (Any: of any kind). Replaces an armed fault.
+LUANAF_API void luIoFaultArm(LuIoOp op, uint64_t nth);
+// Make every call of op from the nth on fail (a device that stays broken).
+LUANAF_API void luIoFaultArmSticky(LuIoOp op, uint64_t nth);
+LUANAF_API void luIoFaultDisarm();
+// Whether the armed fault has fired since it was armed.
+LUANAF_API bool luIoFaultFired();
+// Calls of op (Any: of every kind) since the last reset.
+LUANAF_API uint64_t luIoCallCount(LuIoOp op);
+LUANAF_API void luIoResetCounts();

@@ -1,0 +1,206 @@
+#include "platform/lu_io.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#if defined(_WIN32)
+#include <io.h>
+#include <windows.h>
+#endif
+
+#include <luAnaf/luIoFault.h>
+
+namespace {
+
+struct FaultState {
+  uint64_t counts[6] = {0, 0, 0, 0, 0, 0};
+  LuIoOp armedOp = LuIoOp::Any;
+  uint64_t armedAt = 0;  // 0: disarmed
+  bool sticky = false;
+  bool fired = false;
+};
+
+FaultState& faults() {
+  static FaultState state;
+  return state;
+}
+
+// Counts one call of op and tells whether the armed fault hits it.
+bool injectFault(LuIoOp op) {
+  FaultState& f = faults();
+  uint64_t& ofKind = f.counts[static_cast<int>(op)];
+  uint64_t& ofAny = f.counts[static_cast<int>(LuIoOp::Any)];
+  ++ofKind;
+  ++ofAny;
+  if (f.armedAt == 0) return false;
+  if (f.armedOp != LuIoOp::Any && f.armedOp != op) return false;
+  uint64_t n = f.armedOp == LuIoOp::Any ? ofAny : ofKind;
+  if (n == f.armedAt || (f.sticky && n > f.armedAt)) {
+    f.fired = true;
+    errno = EIO;
+    return true;
+  }
+  return false;
+}
+
+void arm(LuIoOp op, uint64_t nth, bool sticky) {
+  FaultState& f = faults();
+  for (auto& c : f.counts) c = 0;
+  f.armedOp = op;
+  f.armedAt = nth;
+  f.sticky = sticky;
+  f.fired = false;
+}
+
+}  // namespace
+
+void luIoFaultArm(LuIoOp op, uint64_t nth) { arm(op, nth, false); }
+void luIoFaultArmSticky(LuIoOp op, uint64_t nth) { arm(op, nth, true); }
+void luIoFaultDisarm() {
+  faults().armedAt = 0;
+  faults().sticky = false;
+}
+bool luIoFaultFired() { return faults().fired; }
+uint64_t luIoCallCount(LuIoOp op) { return faults().counts[static_cast<int>(op)]; }
+void luIoResetCounts() {
+  for (auto& c : faults().counts) c = 0;
+}
+
+namespace luio {
+
+std::string narrowPath(const std::wstring& path) {
+  std::string out;
+  out.reserve(path.size());
+  for (size_t i = 0; i < path.size(); ++i) {
+    uint32_t c = static_cast<uint32_t>(path[i]);
+    // UTF-16 surrogate pairs (wchar_t of 16 bits) become one code point.
+    if (c >= 0xD800 && c <= 0xDBFF && i + 1 < path.size()) {
+      uint32_t lo = static_cast<uint32_t>(path[i + 1]);
+      if (lo >= 0xDC00 && lo <= 0xDFFF) {
+        c = 0x10000 + ((c - 0xD800) << 10) + (lo - 0xDC00);
+        ++i;
+      }
+    }
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else if (c < 0x800) {
+      out += static_cast<char>(0xC0 | (c >> 6));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+      out += static_cast<char>(0xE0 | (c >> 12));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x110000) {
+      out += static_cast<char>(0xF0 | (c >> 18));
+      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      out += '?';
+    }
+  }
+  return out;
+}
+
+std::wstring widen(const std::string& text) {
+  std::wstring out;
+  out.reserve(text.size());
+  size_t i = 0;
+  while (i < text.size()) {
+    unsigned char b = static_cast<unsigned char>(text[i]);
+    uint32_t c = b;
+    size_t extra = 0;
+    if (b >= 0xF0) {
+      c = b & 0x07;
+      extra = 3;
+    } else if (b >= 0xE0) {
+      c = b & 0x0F;
+      extra = 2;
+    } else if (b >= 0xC0) {
+      c = b & 0x1F;
+      extra = 1;
+    }
+    if (extra != 0 && i + extra >= text.size()) {
+      out += static_cast<wchar_t>(b);  // truncated sequence: keep the byte
+      ++i;
+      continue;
+    }
+    for (size_t k = 1; k <= extra; ++k) c = (c << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
+    i += extra + 1;
+    if (sizeof(wchar_t) == 2 && c >= 0x10000) {
+      c -= 0x10000;
+      out += static_cast<wchar_t>(0xD800 + (c >> 10));
+      out += static_cast<wchar_t>(0xDC00 + (c & 0x3FF));
+    } else {
+      out += static_cast<wchar_t>(c);
+    }
+  }
+  return out;
+}
+
+FILE* open(const std::wstring& path, const char* mode) {
+  if (injectFault(LuIoOp::Open)) return nullptr;
+#if defined(_WIN32)
+  std::wstring wmode(mode, mode + std::strlen(mode));
+  return _wfopen(path.c_str(), wmode.c_str());
+#else
+  return std::fopen(narrowPath(path).c_str(), mode);
+#endif
+}
+
+size_t read(void* buffer, size_t size, size_t count, FILE* file) {
+  if (injectFault(LuIoOp::Read)) return 0;
+  return std::fread(buffer, size, count, file);
+}
+
+size_t write(const void* buffer, size_t size, size_t count, FILE* file) {
+  if (injectFault(LuIoOp::Write)) return 0;
+  return std::fwrite(buffer, size, count, file);
+}
+
+int seek(FILE* file, int64_t offset, int origin) {
+  if (injectFault(LuIoOp::Seek)) return -1;
+#if defined(_WIN32)
+  return _fseeki64(file, offset, origin);
+#else
+  return fseeko(file, static_cast<off_t>(offset), origin);
+#endif
+}
+
+int64_t tell(FILE* file) {
+  if (injectFault(LuIoOp::Tell)) return -1;
+#if defined(_WIN32)
+  return _ftelli64(file);
+#else
+  return static_cast<int64_t>(ftello(file));
+#endif
+}
+
+int close(FILE* file) { return std::fclose(file); }
+
+bool error(FILE* file) { return std::ferror(file) != 0; }
+
+bool status(const std::wstring& path, FileStatus& out) {
+#if defined(_WIN32)
+  struct _stat64 st;
+  if (_wstat64(path.c_str(), &st) != 0) return false;
+#else
+  struct stat st;
+  if (::stat(narrowPath(path).c_str(), &st) != 0) return false;
+#endif
+  out.mode = static_cast<uint32_t>(st.st_mode);
+  out.modified = static_cast<int64_t>(st.st_mtime);
+  out.size = static_cast<uint64_t>(st.st_size);
+  return true;
+}
+
+bool writable(const std::wstring& path) {
+  FileStatus st;
+  return status(path, st) && (st.mode & 0x80) != 0;
+}
+
+std::wstring systemErrorText(int errnum) { return widen(std::strerror(errnum)); }
+
+}  // namespace luio

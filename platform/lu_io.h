@@ -1,0 +1,37 @@
+// The library's one door to the file system. Every open, read, write, seek
+// and tell of the library goes through here, so that one seam can inject
+// faults (luAnaf/luIoFault.h) and one place knows the platform's calls.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+namespace luio {
+
+// UTF-8 form of a wide path, for file systems that take narrow paths.
+std::string narrowPath(const std::wstring& path);
+std::wstring widen(const std::string& text);
+
+FILE* open(const std::wstring& path, const char* mode);
+size_t read(void* buffer, size_t size, size_t count, FILE* file);
+size_t write(const void* buffer, size_t size, size_t count, FILE* file);
+// 0 on success, as fseek.
+int seek(FILE* file, int64_t offset, int origin);
+// -1 on failure, as ftell.
+int64_t tell(FILE* file);
+int close(FILE* file);
+bool error(FILE* file);
+
+struct FileStatus {
+  uint32_t mode = 0;      // permission bits; 0x80 is the owner-write bit
+  int64_t modified = 0;   // whole seconds
+  uint64_t size = 0;
+};
+bool status(const std::wstring& path, FileStatus& out);
+// The write-access test of an existing file: the owner-write bit.
+bool writable(const std::wstring& path);
+// The runtime's text for the current errno, widened.
+std::wstring systemErrorText(int errnum);
+
+}  // namespace luio
