@@ -20,7 +20,7 @@ if [ ! -f "$gtest_prefix/lib/cmake/GTest/GTestConfig.cmake" ]; then
 fi
 
 cmake -S "$here" -B "$build/luanaf" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
-  -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH="$gtest_prefix" \
+  -DCMAKE_BUILD_TYPE=Release -DGTest_DIR="$gtest_prefix/lib/cmake/GTest" \
   -DLUANAF_BUILD_BENCH=OFF -DLUANAF_BUILD_TOOLS=OFF -DLUANAF_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build/luanaf" -j "$jobs"
 

@@ -55,10 +55,10 @@ TEST_F(EnvTest, SetSinkReturnsThePreviousOne) {
 TEST_F(EnvTest, LogEnvironmentVariableSendsEveryLevelToAFile) {
   LuLogSink mine = luEnvSetLogSink(nullptr);  // the default sink
   std::string file = path("log.txt").string();
-  ::setenv("LUANAF_LOG", file.c_str(), 1);
+  setEnv("LUANAF_LOG", file.c_str());
   writeLogF(0, 1, L"s", L"d", L"progress %d", 1);
   writeLogF(5, 1, L"s", L"d", L"failure %d", 2);
-  ::unsetenv("LUANAF_LOG");
+  unsetEnv("LUANAF_LOG");
   luEnvSetLogSink(std::move(mine));
   std::string text = readText(path("log.txt"));
   EXPECT_NE(text.find("progress 1"), std::string::npos);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <cstdlib>
 
 namespace lutest {
 
@@ -81,6 +82,22 @@ void setReadOnly(const fs::path& file, bool readOnly) {
   fs::permissions(file, fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write,
                   readOnly ? fs::perm_options::remove : fs::perm_options::add);
   if (!readOnly) fs::permissions(file, fs::perms::owner_write, fs::perm_options::add);
+}
+
+void setEnv(const char* name, const char* value) {
+#if defined(_WIN32)
+  _putenv_s(name, value);
+#else
+  ::setenv(name, value, 1);
+#endif
+}
+
+void unsetEnv(const char* name) {
+#if defined(_WIN32)
+  _putenv_s(name, "");
+#else
+  ::unsetenv(name);
+#endif
 }
 
 fs::path dataFile(const std::string& name) { return fs::path(LUANAF_TEST_DATA_DIR) / name; }

@@ -60,6 +60,9 @@ void writeBytes(const fs::path& file, const std::vector<uint8_t>& bytes);
 std::string readText(const fs::path& file);
 // Clears or sets the owner-write bit of a file.
 void setReadOnly(const fs::path& file, bool readOnly);
+// Sets or removes an environment variable (portable).
+void setEnv(const char* name, const char* value);
+void unsetEnv(const char* name);
 // The checked-in sample files (tests/data).
 fs::path dataFile(const std::string& name);
 
