@@ -74,6 +74,10 @@ protected:
   FILE* createPlaneSubsetRecord(uint32_t planeId, uint32_t subsetId);
   // state word &= mask; marks it dirty.
   void updateState(uint32_t mask);
+  // False, silently, when the link is not OK. Reopens a closed file with
+  // "r+b"; when that fails, reports 0xc41b0011 and returns false, leaving ok
+  // as it is. Used before a record is appended.
+  bool reopenForRecord();
 
   LuAfxsHeader m_header;
   LuAfxsCamerasTable m_cameras;

@@ -1,0 +1,178 @@
+// LuAfxsCreateData: buffers one plane of one subset and writes it as one
+// plane-subset record through its LuAfxsCreateLink.
+#include <cstring>
+#include <vector>
+
+#include <luAnaf/luAfxsCreate.h>
+
+#include "format/coding.h"
+#include "format/format.h"
+#include "format/io_error.h"
+
+namespace {
+
+template <typename T>
+uint64_t blockBytes(const std::vector<T>& values) {
+  return afxs::kFieldHeaderSize + static_cast<uint64_t>(values.size()) * sizeof(T);
+}
+
+// One field block: identifier, byte count, raw contents (none for a count of 0).
+template <typename T>
+void putBlock(FILE* f, uint32_t id, const std::vector<T>& values) {
+  const uint64_t bytes = static_cast<uint64_t>(values.size()) * sizeof(T);
+  afxs::putU32(f, id);
+  afxs::putU32(f, static_cast<uint32_t>(bytes));
+  afxs::putBytes(f, values.data(), static_cast<size_t>(bytes));
+}
+
+void copyPoints(std::vector<LuVec3>& out, const double (*points)[3], size_t count) {
+  out.resize(count);
+  std::memcpy(out.data(), points, count * sizeof(LuVec3));
+}
+
+}  // namespace
+
+LuAfxsCreateData::LuAfxsCreateData(LuAfxsCreateLink& link, uint32_t planeId, uint32_t subsetId)
+    : m_link(link) {
+  m_plane.planeId = planeId;
+  m_plane.subsetId = subsetId;
+}
+
+LuAfxsCreateData::~LuAfxsCreateData() {
+  try {
+    m_link.closeFile(false);
+  } catch (...) {
+  }
+}
+
+void LuAfxsCreateData::setPoints(const double (*points)[3], size_t count) {
+  if (count == 0 || points == nullptr) return;
+  copyPoints(m_plane.points, points, count);
+  m_mask |= LU_AFXS_MASK_POINTS;
+}
+
+void LuAfxsCreateData::setNormals(const double (*normals)[3], size_t count) {
+  if (count == 0 || normals == nullptr) return;
+  copyPoints(m_plane.normals, normals, count);
+  m_mask |= LU_AFXS_MASK_NORMALS;
+}
+
+void LuAfxsCreateData::setSegments(const int* segments, size_t count) {
+  if (count == 0 || segments == nullptr) return;
+  m_plane.segments.assign(segments, segments + count);
+  m_mask |= LU_AFXS_MASK_SEGMENTS;
+}
+
+void LuAfxsCreateData::setAuxCtrlPos(const uint32_t* positions, size_t positionCount,
+                                     const uint32_t* counts, size_t groupCount) {
+  if (positionCount == 0 || groupCount == 0 || positions == nullptr || counts == nullptr) return;
+  // Every group must lie inside the positions, and every group start (which
+  // is read as the group's first position) must be a position: otherwise
+  // the input is rejected before anything is read past its end.
+  std::vector<uint32_t> offsets(groupCount);
+  std::vector<uint32_t> first(groupCount);
+  uint64_t start = 0;
+  uint32_t offset = 0;
+  for (size_t i = 0; i < groupCount; ++i) {
+    if (start >= positionCount) return;
+    offsets[i] = offset;
+    start += counts[i];
+    // The stored offsets are an exclusive prefix sum computed in u32.
+    offset += counts[i];
+  }
+  if (start > positionCount) return;
+  for (size_t i = 0; i < groupCount; ++i) first[i] = positions[offsets[i]];
+
+  m_plane.auxCtrlPos.assign(positions, positions + positionCount);
+  m_plane.auxCtrlCounts.assign(counts, counts + groupCount);
+  m_plane.auxCtrlOffsets = std::move(offsets);
+  m_plane.auxCtrlFirst = std::move(first);
+  m_mask |= LU_AFXS_MASK_AUX;
+}
+
+void LuAfxsCreateData::setResPoints(const double (*points)[3], size_t count) {
+  if (count == 0 || points == nullptr) return;
+  copyPoints(m_plane.resPoints, points, count);
+  m_mask |= LU_AFXS_MASK_RESPOINTS;
+}
+
+void LuAfxsCreateData::setDistances(const double* values, size_t count) {
+  if (count == 0 || values == nullptr) return;
+  m_plane.distances.assign(values, values + count);
+  m_mask |= LU_AFXS_MASK_DISTANCES;
+}
+
+bool LuAfxsCreateData::flush() {
+  if (!m_link.isOK() || m_mask == 0) return false;
+  if (!m_link.reopenForRecord()) return false;
+
+  const LuAfxsPlane& p = m_plane;
+  uint64_t body = afxs::kResultsLinkBlockSize + afxs::kEndMarkSize;
+  if (m_mask & LU_AFXS_MASK_POINTS) body += blockBytes(p.points);
+  if (m_mask & LU_AFXS_MASK_NORMALS) body += blockBytes(p.normals);
+  if (m_mask & LU_AFXS_MASK_SEGMENTS) body += blockBytes(p.segments);
+  if (m_mask & LU_AFXS_MASK_AUX)
+    body += blockBytes(p.auxCtrlPos) + blockBytes(p.auxCtrlOffsets) + blockBytes(p.auxCtrlCounts) +
+            blockBytes(p.auxCtrlFirst);
+  if (m_mask & LU_AFXS_MASK_DISTANCES) body += blockBytes(p.distances);
+  if (m_mask & LU_AFXS_MASK_RESPOINTS) body += blockBytes(p.resPoints);
+
+  FILE* f = m_link.m_file;
+  try {
+    // Field blocks that would end past u32 offsets are refused before the
+    // record is appended, so the records before it stay intact. When even
+    // the record's head does not fit, the link refuses it itself.
+    afxs::seekEnd(f);
+    const int64_t end = afxs::position(f);
+    const uint64_t head = afxs::kSubsetRecordHead +
+                          (m_link.m_planeLinks.count(p.planeId) != 0 ? 0 : afxs::kPlaneRecordSize);
+    if (static_cast<uint64_t>(end) + head <= afxs::kMaxFileOffset + 1)
+      afxs::requireRoom(end + static_cast<int64_t>(head), body);
+  } catch (...) {
+    afxs::report(afxs::kErrDataFlush, afxs::kCreateSource, m_link.filePath());
+    m_link.isOK(false);
+    return false;
+  }
+
+  f = m_link.createPlaneSubsetRecord(p.planeId, p.subsetId);
+  if (f == nullptr) return false;
+  try {
+    if (m_mask & LU_AFXS_MASK_POINTS) putBlock(f, afxs::kFieldPoints, p.points);
+    if (m_mask & LU_AFXS_MASK_NORMALS) putBlock(f, afxs::kFieldNormals, p.normals);
+    if (m_mask & LU_AFXS_MASK_SEGMENTS) putBlock(f, afxs::kFieldSegments, p.segments);
+    if (m_mask & LU_AFXS_MASK_AUX) {
+      putBlock(f, afxs::kFieldAuxPos, p.auxCtrlPos);
+      putBlock(f, afxs::kFieldAuxOffsets, p.auxCtrlOffsets);
+      putBlock(f, afxs::kFieldAuxCounts, p.auxCtrlCounts);
+      putBlock(f, afxs::kFieldAuxFirst, p.auxCtrlFirst);
+    }
+    if (m_mask & LU_AFXS_MASK_DISTANCES) putBlock(f, afxs::kFieldDistances, p.distances);
+    if (m_mask & LU_AFXS_MASK_RESPOINTS) putBlock(f, afxs::kFieldResPoints, p.resPoints);
+    afxs::putU32(f, afxs::kFieldResultsLink);
+    afxs::putU32(f, 4);
+    afxs::putU32(f, 0);
+    afxs::putU32(f, afxs::kEndMark);
+    afxs::putU32(f, LU_AFXS_REC_PLANE_SUBSET);
+  } catch (...) {
+    afxs::report(afxs::kErrDataFlush, afxs::kCreateSource, m_link.filePath());
+    m_link.isOK(false);
+    return false;
+  }
+  m_link.updateState(m_mask);
+  m_link.closeFile(!m_link.isOK());
+  return m_link.isOK();
+}
+
+bool LuAfxsCreateData::Unify(const LuAfxsPlane* plane) {
+  if (plane == nullptr) return false;
+  m_plane = *plane;
+  if (!plane->points.empty()) m_mask |= LU_AFXS_MASK_POINTS;
+  if (!plane->normals.empty()) m_mask |= LU_AFXS_MASK_NORMALS;
+  if (!plane->segments.empty()) m_mask |= LU_AFXS_MASK_SEGMENTS;
+  if (!plane->resPoints.empty()) m_mask |= LU_AFXS_MASK_RESPOINTS;
+  if (!plane->distances.empty()) m_mask |= LU_AFXS_MASK_DISTANCES;
+  // Intended: the aux group is never added here; aux data travel only
+  // through setAuxCtrlPos, so a unified plane is written without its aux
+  // blocks unless that bit was already set.
+  return true;
+}
