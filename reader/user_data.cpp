@@ -1,0 +1,238 @@
+// LuAfxsUserData: the reading side's view of one plane-subset record, loaded
+// field by field, with results written back as a results record.
+#include <cstring>
+#include <memory>
+
+#include <luAnaf/luAfxsCreate.h>
+#include <luAnaf/luAfxsUser.h>
+
+#include "format/coding.h"
+#include "format/format.h"
+#include "format/io_error.h"
+#include "reader/reader_io.h"
+
+namespace {
+
+// Sizes a member vector for `count` bytes of data and returns its storage.
+template <typename T>
+void* resizeFor(std::vector<T>& v, uint32_t count) {
+  v.resize(count / sizeof(T));
+  return v.data();
+}
+
+}  // namespace
+
+LuAfxsUserData::LuAfxsUserData(LuAfxsUserLink& link, long recordOffset, unsigned long planeId,
+                               unsigned long subsetId)
+    : m_link(&link), m_recordOffset(static_cast<int32_t>(recordOffset)) {
+  m_plane.planeId = static_cast<uint32_t>(planeId);
+  m_plane.subsetId = static_cast<uint32_t>(subsetId);
+}
+
+LuAfxsUserData::~LuAfxsUserData() = default;
+
+// The first call walks the record (and its results record) once and builds
+// the field directory; later calls read only the fields still missing, each
+// straight from its directory entry. Nothing is reported here and the file
+// is not closed: the data set does that.
+bool LuAfxsUserData::load(unsigned long mask) {
+  try {
+    if (!m_recordLoaded) {
+      m_resultsOffset = 0;
+      m_fileState = 0;
+      m_state = 0;
+      m_loadedFields.clear();
+      if (m_recordOffset != 0) {
+        FILE* f = m_link->openFile(m_recordOffset, false);
+        if (!f) afxs::fail();
+        loadRecordData(f, LU_AFXS_REC_PLANE_SUBSET, static_cast<long>(mask));
+      }
+      if (m_resultsOffset != 0) {
+        FILE* f = m_link->openFile(static_cast<long>(m_resultsOffset), false);
+        if (!f) afxs::fail();
+        loadRecordData(f, LU_AFXS_REC_RESULTS, static_cast<long>(mask));
+      }
+      m_recordLoaded = true;
+      return true;
+    }
+    for (const auto& [id, offset] : m_fieldDirectory) {
+      uint32_t bit = afxs::fieldMaskBit(id);
+      if ((bit & mask) == 0 || m_loadedFields.count(id) != 0) continue;
+      FILE* f = m_link->openFile(static_cast<long>(offset), false);
+      if (!f) afxs::fail();
+      loadFieldData(f, static_cast<long>(id));
+      m_state |= bit;
+      m_loadedFields.insert(id);
+    }
+    return true;
+  } catch (...) {
+    m_recordLoaded = false;
+    return false;
+  }
+}
+
+// Walks the field blocks of one record from the stream's position up to the
+// end mark, whose kind must match. Intended: a block with a byte count of 0
+// is damage, whether it is loaded or stepped over.
+void LuAfxsUserData::loadRecordData(FILE* stream, long kind, long mask) {
+  const uint64_t fileSize = m_link->m_fileSize;
+  uint32_t id = afxs::getU32(stream);
+  while (id != afxs::kEndMark) {
+    uint32_t countWord = afxs::offset32(stream);
+    // An identifier already present keeps its first position.
+    m_fieldDirectory.emplace(id, countWord);
+    if (id == afxs::kFieldResultsLink) {
+      loadFieldData(stream, static_cast<long>(id));
+    } else {
+      uint32_t bit = afxs::fieldMaskBit(id);  // 0 for identifiers the table lacks
+      m_fileState |= bit;
+      if ((bit & static_cast<uint32_t>(mask)) != 0) {
+        loadFieldData(stream, static_cast<long>(id));
+        m_state |= bit;
+        m_loadedFields.insert(id);
+      } else {
+        uint32_t count = afxs::getU32(stream);
+        if (static_cast<int32_t>(count) <= 0) afxs::fail();
+        afxs::requireInFile(static_cast<uint64_t>(countWord) + 4, count, fileSize);
+        afxs::seekBy(stream, count);
+      }
+    }
+    id = afxs::getU32(stream);
+  }
+  if (afxs::getU32(stream) != static_cast<uint32_t>(kind)) afxs::fail();
+}
+
+// Reads one block's byte count and data into its member. A count that is not
+// a whole number of elements is refused as damage (reading it would write past
+// the vector), as is any count running past the end of the file.
+void LuAfxsUserData::loadFieldData(FILE* stream, long id) {
+  uint32_t countWord = afxs::offset32(stream);
+  uint32_t count = afxs::getU32(stream);
+  if (id == afxs::kFieldResultsLink) {
+    if (count != 4) afxs::fail();
+    m_resultsOffset = afxs::getU32(stream);
+    return;
+  }
+  size_t element = 0;
+  switch (id) {
+    case afxs::kFieldPoints:
+    case afxs::kFieldNormals:
+    case afxs::kFieldSegments:
+    case afxs::kFieldResPoints:
+    case afxs::kFieldDistances:
+    case afxs::kFieldAuxPos:
+    case afxs::kFieldAuxOffsets:
+    case afxs::kFieldAuxCounts:
+      element = afxs::fieldElementSize(static_cast<uint32_t>(id));
+      break;
+    default:
+      afxs::fail();  // 3 (auxCtrlFirst) and unknown identifiers are never loaded
+  }
+  if (count == 0 || element == 0 || count % element != 0) afxs::fail();
+  afxs::requireInFile(static_cast<uint64_t>(countWord) + 4, count, m_link->m_fileSize);
+  void* data = nullptr;
+  switch (id) {
+    case afxs::kFieldPoints:
+      data = resizeFor(m_plane.points, count);
+      break;
+    case afxs::kFieldNormals:
+      data = resizeFor(m_plane.normals, count);
+      break;
+    case afxs::kFieldSegments:
+      data = resizeFor(m_plane.segments, count);
+      break;
+    case afxs::kFieldResPoints:
+      data = resizeFor(m_plane.resPoints, count);
+      break;
+    case afxs::kFieldDistances:
+      data = resizeFor(m_plane.distances, count);
+      break;
+    case afxs::kFieldAuxPos:
+      data = resizeFor(m_plane.auxCtrlPos, count);
+      break;
+    case afxs::kFieldAuxOffsets:
+      data = resizeFor(m_plane.auxCtrlOffsets, count);
+      break;
+    case afxs::kFieldAuxCounts:
+      data = resizeFor(m_plane.auxCtrlCounts, count);
+      break;
+    default:
+      afxs::fail();
+  }
+  afxs::getBytes(stream, data, count);
+}
+
+void LuAfxsUserData::setDistances(const double* values, size_t count) {
+  if (count == 0) return;
+  m_plane.distances.assign(values, values + count);
+  m_state |= LU_AFXS_MASK_DISTANCES;
+  m_loadedFields.insert(afxs::kFieldDistances);
+}
+
+void LuAfxsUserData::setResPoints(const double (*points)[3], size_t count) {
+  if (count == 0) return;
+  m_plane.resPoints.resize(count);
+  std::memcpy(m_plane.resPoints.data(), points, count * sizeof(LuVec3));
+  m_state |= LU_AFXS_MASK_RESPOINTS;
+  m_loadedFields.insert(afxs::kFieldResPoints);
+}
+
+// Appends one results record and patches field 4 of the plane-subset record
+// to name it. Failures after the record was started leave what was written
+// in the file; only the link reports (0xc41b0014).
+bool LuAfxsUserData::flush() {
+  if (!m_recordLoaded && !load(0)) return false;
+  if (m_resultsOffset != 0) return false;
+  if ((m_state & (LU_AFXS_MASK_RESPOINTS | LU_AFXS_MASK_DISTANCES)) == 0) return false;
+  try {
+    FILE* f = m_link->createNewRecord(LU_AFXS_REC_RESULTS);
+    if (!f) return false;
+    uint32_t body = afxs::offset32(f);
+    if (m_state & LU_AFXS_MASK_RESPOINTS) {
+      uint64_t bytes = m_plane.resPoints.size() * afxs::kPointSize;
+      afxs::requireRoom(afxs::position(f), afxs::kFieldHeaderSize + bytes);
+      afxs::putU32(f, afxs::kFieldResPoints);
+      afxs::putU32(f, static_cast<uint32_t>(bytes));
+      afxs::putBytes(f, m_plane.resPoints.data(), bytes);
+    }
+    if (m_state & LU_AFXS_MASK_DISTANCES) {
+      uint64_t bytes = m_plane.distances.size() * afxs::kDistanceSize;
+      afxs::requireRoom(afxs::position(f), afxs::kFieldHeaderSize + bytes);
+      afxs::putU32(f, afxs::kFieldDistances);
+      afxs::putU32(f, static_cast<uint32_t>(bytes));
+      if (bytes != 0) afxs::putBytes(f, m_plane.distances.data(), bytes);
+    }
+    afxs::putU32(f, afxs::kEndMark);
+    afxs::putU32(f, LU_AFXS_REC_RESULTS);
+    uint64_t end = static_cast<uint64_t>(afxs::position(f));
+    if (end > m_link->m_fileSize) m_link->m_fileSize = end;
+    auto link = m_fieldDirectory.find(afxs::kFieldResultsLink);
+    if (link == m_fieldDirectory.end()) return false;
+    afxs::seekTo(f, link->second);
+    afxs::putU32(f, 4);
+    afxs::putU32(f, body);
+    m_resultsOffset = body;
+    m_link->m_fileModified = true;
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+// Result points and distances (bits 16 and 32) are deliberately never copied:
+// a rewritten file carries none.
+bool LuAfxsUserData::copy(LuAfxsCreateLink& link, unsigned long mask) {
+  if (!load(mask)) return false;
+  LuAfxsCreateData data(link, m_plane.planeId, m_plane.subsetId);
+  const LuAfxsPlane& p = m_plane;
+  if (mask & LU_AFXS_MASK_POINTS)
+    data.setPoints(reinterpret_cast<const double(*)[3]>(p.points.data()), p.points.size());
+  if (mask & LU_AFXS_MASK_SEGMENTS) data.setSegments(p.segments.data(), p.segments.size());
+  if (mask & LU_AFXS_MASK_NORMALS)
+    data.setNormals(reinterpret_cast<const double(*)[3]>(p.normals.data()), p.normals.size());
+  if (mask & LU_AFXS_MASK_AUX)
+    data.setAuxCtrlPos(p.auxCtrlPos.data(), p.auxCtrlPos.size(), p.auxCtrlCounts.data(),
+                       p.auxCtrlCounts.size());
+  // Nothing to write is success.
+  return data.state() != 0 ? data.flush() : true;
+}

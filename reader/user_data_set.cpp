@@ -1,0 +1,183 @@
+// LuAfxsUserDataSet, container side: every plane-subset record of one file
+// as LuAfxsUserData objects, in the order the plane and subset chains lead
+// to them, and the removal of field groups by rewriting the file.
+#include <string>
+#include <unordered_set>
+
+#include <luAnaf/luAfxsDataSet.h>
+#include <luAnaf/luEnv.h>
+
+#include "format/coding.h"
+#include "format/format.h"
+#include "format/io_error.h"
+
+namespace {
+
+// Capacity, NUL included, of the buffer the temporary path is formed in.
+constexpr size_t kPathBuffer = 1024;
+
+// The smallest plane-subset record: its head, the results link block and the
+// end mark. No file holds more records than its size allows for.
+constexpr uint64_t kMinSubsetRecord =
+    afxs::kSubsetRecordHead + afxs::kResultsLinkBlockSize + afxs::kEndMarkSize;
+
+}  // namespace
+
+LuAfxsUserDataSet::LuAfxsUserDataSet(LuAfxsUserLink& link) : m_link(&link) {}
+
+LuAfxsUserDataSet::~LuAfxsUserDataSet() {
+  try {
+    clear(false);
+  } catch (...) {
+    // Destructors never throw.
+  }
+}
+
+// The first load verifies the file and walks each plane's subset chain in
+// ascending plane order. Intended: when verify fails the file is deleted
+// (a missing file, a bad header or a file without records); callers rely on
+// the first load clearing such files away. A subset chain that comes back to
+// an offset it already visited, or that leads to more records than the file
+// could hold, ends as a failed load.
+bool LuAfxsUserDataSet::load(unsigned long mask) {
+  if (!m_dataList.empty()) {
+    for (LuAfxsUserData* data : m_dataList) {
+      if (!data->load(mask)) {
+        clear(false);
+        return false;
+      }
+    }
+    m_loaded = true;
+    return true;
+  }
+  if (!m_link->verify(true)) {
+    m_link->remove();
+    return false;
+  }
+  try {
+    const uint64_t maxRecords = m_link->m_fileSize / kMinSubsetRecord;
+    for (const auto& [planeId, firstSubsetField] : m_link->m_planeIndex) {
+      FILE* f = m_link->getPlaneRecord(planeId);
+      if (!f) afxs::fail();
+      uint32_t offset = afxs::getU32(f);
+      std::unordered_set<uint32_t> visited;
+      while (offset != 0) {
+        if (!visited.insert(offset).second) afxs::fail();
+        if (m_dataList.size() >= maxRecords) afxs::fail();
+        f = m_link->m_file;  // the link keeps its stream open during the walk
+        if (!f) afxs::fail();
+        afxs::seekTo(f, offset);
+        if (afxs::getU32(f) != LU_AFXS_REC_PLANE_SUBSET) afxs::fail();
+        afxs::getU32(f);  // the record chain's next field: not used here
+        uint32_t subsetId = afxs::getU32(f);
+        uint32_t nextSubset = afxs::getU32(f);
+        auto* data = new LuAfxsUserData(
+            *m_link, static_cast<long>(offset) + afxs::kSubsetFirstFieldOffset, planeId, subsetId);
+        try {
+          push_back(data);
+        } catch (...) {
+          delete data;
+          throw;
+        }
+        if (!data->load(mask)) afxs::fail();
+        offset = nextSubset;
+      }
+    }
+  } catch (...) {
+    clear(false);
+    return false;
+  }
+  m_loaded = true;
+  return true;
+}
+
+// Rewrites the file without the groups in mask through "<path>.tmp". The
+// original is deleted only after every record was copied, so a failure on
+// the way leaves it byte for byte as it was. Intended: result points and
+// distances never survive a rewrite, and the new file's version is 0 (the
+// link never keeps the VER value).
+bool LuAfxsUserDataSet::remove(unsigned long mask) {
+  if (!load(~mask)) return false;
+  bool anyToRemove = false;
+  for (const LuAfxsUserData* data : m_dataList) {
+    if ((data->fileState() & mask) != 0) anyToRemove = true;
+  }
+  if (!anyToRemove) return true;
+
+  std::wstring tmpPath = m_link->fileName() + L".tmp";
+  if (tmpPath.size() > kPathBuffer - 1) tmpPath.resize(kPathBuffer - 1);
+  LuAfxsCreateLink out(tmpPath.c_str());
+  out.setHeader(getHeader());
+  out.setCameras(m_link->getCameras());
+  if (!out.create(true)) return false;
+  for (LuAfxsUserData* data : m_dataList) {
+    if (!data->copy(out, ~mask)) {
+      // Intended: the temporary file stays behind; a writer that failed
+      // deletes its partial file itself.
+      out.release();
+      return false;
+    }
+  }
+  m_link->closeFile(true);
+  LuDeleteFile(m_link->fileName().c_str());
+  out.release();
+  out.closeFile(true);
+  // The results of the delete and the move are not checked.
+  LuMoveFile(tmpPath.c_str(), m_link->fileName().c_str(), 0);
+  return true;
+}
+
+LuAfxsUserDataSet::iterator LuAfxsUserDataSet::find(unsigned long planeId, unsigned long subsetId) {
+  for (auto it = m_dataList.begin(); it != m_dataList.end(); ++it) {
+    const LuAfxsPlane& plane = (*it)->getPlaneData();
+    if (plane.planeId == planeId && plane.subsetId == subsetId) return it;
+  }
+  return m_dataList.end();
+}
+
+void LuAfxsUserDataSet::closefile() { m_link->closeFile(true); }
+
+void LuAfxsUserDataSet::clear(bool keepOpen) {
+  for (LuAfxsUserData* data : m_dataList) delete data;
+  m_dataList.clear();
+  m_link->closeFile(!keepOpen);
+}
+
+void LuAfxsUserDataSet::push_back(LuAfxsUserData* const& data) { m_dataList.push_back(data); }
+
+LuAfxsHeader LuAfxsUserDataSet::getHeader() {
+  const LuAfxsHeader& source = m_link->getHeader();
+  LuAfxsHeader header;
+  header.version = source.version;
+  for (int i = 0; i < 3; ++i) {
+    header.point[i] = source.point[i];
+    header.normal[i] = source.normal[i];
+  }
+  header.numPlanes = source.numPlanes;
+  header.distBwPlanes = source.distBwPlanes;
+  return header;
+}
+
+unsigned int LuAfxsUserDataSet::getSubsetsIds(std::vector<unsigned int>& ids) {
+  for (const LuAfxsUserData* data : m_dataList) {
+    unsigned int id = data->getPlaneData().subsetId;
+    bool seen = false;
+    for (unsigned int known : ids) {
+      if (known == id) {
+        seen = true;
+        break;
+      }
+    }
+    if (!seen) ids.push_back(id);
+  }
+  return static_cast<unsigned int>(ids.size());
+}
+
+unsigned int LuAfxsUserDataSet::getCurrentSubsetsPlanes(std::vector<const LuAfxsPlane*>* planes,
+                                                        unsigned int subsetId, unsigned long mask) {
+  for (LuAfxsUserData* data : m_dataList) {
+    data->load(mask);  // a failure is ignored: the entry still counts
+    if (data->getPlaneData().subsetId == subsetId) planes->push_back(&data->getPlaneData());
+  }
+  return static_cast<unsigned int>(planes->size());
+}

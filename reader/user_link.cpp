@@ -1,0 +1,329 @@
+// LuAfxsUserLink: the reading and updating side's handle on one existing
+// cross-section file (source "LuAfxsUserIface"). See docs/format.md for the
+// layout it parses.
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <string>
+#include <unordered_set>
+
+#include <luAnaf/luAfxsUser.h>
+#include <luAnaf/luEnv.h>
+
+#include "format/coding.h"
+#include "format/format.h"
+#include "format/io_error.h"
+#include "platform/lu_io.h"
+#include "reader/reader_io.h"
+
+namespace {
+
+// Capacity, NUL included, of the buffer a cross-section file name is formed in.
+constexpr size_t kPathBuffer = 1024;
+
+std::filesystem::path headerStreamPath(const std::wstring& path) {
+#if defined(_WIN32)
+  return std::filesystem::path(path);
+#else
+  // The file system takes the UTF-8 form of the wide path.
+  return std::filesystem::path(luio::narrowPath(path));
+#endif
+}
+
+bool isKeyword(const std::string& word, int lineId) {
+  return word == afxs::headerKeyword(lineId).keyword;
+}
+
+}  // namespace
+
+LuAfxsUserLink::LuAfxsUserLink(const wchar_t* path) : m_filePath(path ? path : L"") {}
+
+LuAfxsUserLink::LuAfxsUserLink(const wchar_t* name, size_t number) {
+  wchar_t buffer[kPathBuffer] = {0};
+  // The result is deliberately not looked at: whatever XSFile left in the
+  // buffer (an empty string on failure) becomes the path.
+  LuFileName::XSFile(name, static_cast<uint32_t>(number), 1, buffer, kPathBuffer);
+  buffer[kPathBuffer - 1] = 0;
+  m_filePath = buffer;
+}
+
+LuAfxsUserLink::LuAfxsUserLink(const LuAfxsUserLink& other)
+    : LuAfxsBaseLink(other), m_filePath(other.m_filePath) {}
+
+LuAfxsUserLink& LuAfxsUserLink::operator=(const LuAfxsUserLink& other) {
+  if (this == &other) return *this;
+  LuAfxsBaseLink::operator=(other);
+  // Intended shallow copy: both links then hold the same stdio stream.
+  m_header = other.m_header;
+  m_cameras = other.m_cameras;
+  m_camerasLoaded = other.m_camerasLoaded;
+  m_filePath = other.m_filePath;
+  m_file = other.m_file;
+  m_fileOpenForWrite = other.m_fileOpenForWrite;
+  m_fileExists = other.m_fileExists;
+  m_fileWritable = other.m_fileWritable;
+  m_updateSupported = other.m_updateSupported;
+  m_keepOpen = other.m_keepOpen;
+  m_fileTime = other.m_fileTime;
+  m_state = other.m_state;
+  m_firstRecord = other.m_firstRecord;
+  m_recordIndex = other.m_recordIndex;
+  m_planeIndex = other.m_planeIndex;
+  m_fileModified = other.m_fileModified;
+  m_lastNextField = other.m_lastNextField;
+  m_fileSize = other.m_fileSize;
+  return *this;
+}
+
+LuAfxsUserLink::~LuAfxsUserLink() {
+  try {
+    closeFile(true);
+  } catch (...) {
+    // Destructors never throw.
+  }
+}
+
+bool LuAfxsUserLink::setFilePath(std::wstring path) {
+  if (path != m_filePath) m_filePath = std::move(path);
+  return true;
+}
+
+// Re-reads header and chain only when the modification time (whole seconds)
+// differs from the one remembered: a file this process changed through the
+// link had its new time recorded by closeFile, so it is not read again.
+bool LuAfxsUserLink::verify(bool keepOpen) {
+  closeFile(true);
+  m_keepOpen = keepOpen;
+  luio::FileStatus st;
+  if (!luio::status(m_filePath, st)) {
+    m_fileExists = false;
+    return false;
+  }
+  m_fileWritable = (st.mode & 0x80) != 0;
+  if (st.modified != m_fileTime) {
+    m_updateSupported = false;
+    m_fileTime = st.modified;
+    m_fileExists = create(keepOpen);
+  }
+  return m_fileExists;
+}
+
+bool LuAfxsUserLink::create(bool keepOpen) {
+  m_keepOpen = keepOpen;
+  m_camerasLoaded = false;
+  m_cameras.cameras.clear();
+  m_recordIndex.clear();
+  m_planeIndex.clear();
+  m_fileModified = false;
+  if (!readHeader() || !scanRecords()) return false;
+  closeFile(false);
+  return true;
+}
+
+// Parses the text header word by word with a narrow input stream of its own
+// (not the link's stdio stream), so it can be read while that one is open.
+// Values read before a failure stay in the header: nothing is rolled back.
+bool LuAfxsUserLink::readHeader() {
+  m_firstRecord = 0;
+  m_updateSupported = false;
+  int version = -1;  // the header's version field is intentionally never set here
+
+  std::ifstream in(headerStreamPath(m_filePath));
+  bool ok = in.is_open();
+  std::string word;
+  if (ok) ok = static_cast<bool>(in >> word) && word == afxs::kFileIdentifier;
+  while (ok && in >> word) {
+    if (isKeyword(word, afxs::kLineVersion)) {
+      ok = static_cast<bool>(in >> std::dec >> version);
+    } else if (isKeyword(word, afxs::kLineFirstRecord)) {
+      // Hexadecimal reading accepts the "0x" prefix the writer puts there.
+      ok = static_cast<bool>(in >> std::hex >> m_firstRecord);
+    } else if (isKeyword(word, afxs::kLinePoint)) {
+      ok = static_cast<bool>(in >> m_header.point[0] >> m_header.point[1] >> m_header.point[2]);
+    } else if (isKeyword(word, afxs::kLineNormal)) {
+      ok = static_cast<bool>(in >> m_header.normal[0] >> m_header.normal[1] >> m_header.normal[2]);
+    } else if (isKeyword(word, afxs::kLineNumPlanes)) {
+      // Intended: written as a signed 32-bit " %d", read back as unsigned 64-bit.
+      ok = static_cast<bool>(in >> std::dec >> m_header.numPlanes);
+    } else if (isKeyword(word, afxs::kLineDistBwPlanes)) {
+      ok = static_cast<bool>(in >> m_header.distBwPlanes);
+    } else if (isKeyword(word, afxs::kLineState)) {
+      ok = static_cast<bool>(in >> std::hex >> m_state);
+    } else if (isKeyword(word, afxs::kLineHeaderEnd)) {
+      break;
+    } else {
+      // An unknown keyword: the rest of its line is skipped.
+      in.ignore(0x7FFFFFFF, '\n');
+    }
+  }
+  if (!ok) {
+    afxs::report(afxs::kErrReadHeader, afxs::kUserSource, m_filePath);
+    return false;
+  }
+  m_updateSupported = version >= 0;
+  return true;
+}
+
+// Walks the record chain once and indexes the cameras record and every plane
+// record. A chain that comes back to an offset it already visited ends as a
+// failed read, reported like a short one.
+bool LuAfxsUserLink::scanRecords() {
+  if (m_firstRecord == 0) return false;  // a file without records; no report
+  m_lastNextField = 0;
+  m_fileExists = true;
+  luio::FileStatus st;
+  m_fileSize = luio::status(m_filePath, st) ? st.size : 0;
+  try {
+    std::unordered_set<uint32_t> visited;
+    uint32_t offset = static_cast<uint32_t>(m_firstRecord);
+    uint32_t lastNextField = 0;
+    while (offset != 0) {
+      if (!visited.insert(offset).second) afxs::fail();
+      FILE* f = openFile(static_cast<long>(offset), false);
+      if (!f) afxs::fail();
+      uint32_t kind = afxs::getU32(f);
+      lastNextField = offset + afxs::kNextFieldOffset;
+      uint32_t next = afxs::getU32(f);
+      if (kind == LU_AFXS_REC_PLANE) {
+        uint32_t planeId = afxs::getU32(f);
+        // An existing key is kept: of two plane records of one number, the first wins.
+        m_planeIndex.emplace(planeId, offset + afxs::kPlaneFirstSubsetOffset);
+      } else if (kind == LU_AFXS_REC_CAMERAS) {
+        m_recordIndex.emplace(LU_AFXS_REC_CAMERAS, offset + afxs::kCamerasBodyOffset);
+      }
+      offset = next;
+    }
+    m_lastNextField = lastNextField;
+    return true;
+  } catch (...) {
+    afxs::report(afxs::kErrScanRecords, afxs::kUserSource, m_filePath);
+    closeFile(true);
+    m_fileExists = false;
+    return false;
+  }
+}
+
+FILE* LuAfxsUserLink::openFile(long offset, bool forWrite) {
+  if (!m_fileExists) return nullptr;
+  if (m_file && forWrite && !m_fileOpenForWrite) closeFile(true);
+  if (!m_file) {
+    m_file = luio::open(m_filePath, forWrite ? "r+b" : "rb");
+    if (m_file) m_fileOpenForWrite = forWrite;
+  }
+  // An open stream is reused as it is: a read may get a stream open for writing.
+  int err = 0;
+  if (!m_file) {
+    err = errno;
+  } else if (luio::error(m_file)) {
+    err = errno;
+  } else if (luio::seek(m_file, offset, SEEK_SET) != 0) {
+    err = errno;
+  } else {
+    return m_file;
+  }
+  afxs::reportWithSystemText(afxs::kErrOpenFile, afxs::kUserSource, m_filePath, err);
+  closeFile(true);
+  return nullptr;
+}
+
+void LuAfxsUserLink::closeFile(bool force) {
+  if (!force && m_keepOpen) return;
+  if (m_file) {
+    luio::close(m_file);
+    m_file = nullptr;
+    m_fileOpenForWrite = false;
+  }
+  if (m_fileModified) {
+    // Recording the new time keeps the next verify from re-reading a file
+    // that this process changed itself.
+    luio::FileStatus st;
+    if (luio::status(m_filePath, st)) m_fileTime = st.modified;
+    m_fileModified = false;
+  }
+}
+
+FILE* LuAfxsUserLink::getRecord(luafxs_records_en kind) {
+  auto it = m_recordIndex.find(static_cast<uint32_t>(kind));
+  if (it == m_recordIndex.end()) return nullptr;
+  return openFile(static_cast<long>(it->second), false);
+}
+
+FILE* LuAfxsUserLink::getPlaneRecord(unsigned long planeId) {
+  if (planeId > std::numeric_limits<uint32_t>::max()) return nullptr;
+  auto it = m_planeIndex.find(static_cast<uint32_t>(planeId));
+  if (it == m_planeIndex.end()) return nullptr;
+  return openFile(static_cast<long>(it->second), false);
+}
+
+// Appends an empty record and links it behind the last record of the chain.
+// What was written before a failure stays in the file. The new record enters
+// neither index.
+FILE* LuAfxsUserLink::createNewRecord(luafxs_records_en kind) {
+  if (!m_fileExists || m_lastNextField == 0) return nullptr;
+  try {
+    FILE* f = openFile(0, true);
+    if (!f) afxs::fail();
+    afxs::seekEnd(f);
+    uint32_t recordOffset = afxs::offset32(f);
+    afxs::requireRoom(recordOffset, afxs::kRecordHeaderSize);
+    afxs::putU32(f, static_cast<uint32_t>(kind));
+    uint32_t nextField = recordOffset + afxs::kNextFieldOffset;
+    afxs::putU32(f, 0);
+    afxs::seekTo(f, m_lastNextField);
+    afxs::putU32(f, recordOffset);
+    m_lastNextField = nextField;
+    afxs::seekEnd(f);
+    uint64_t end = static_cast<uint64_t>(recordOffset) + afxs::kRecordHeaderSize;
+    if (end > m_fileSize) m_fileSize = end;
+    return f;
+  } catch (...) {
+    afxs::report(afxs::kErrUserNewRecord, afxs::kUserSource, m_filePath);
+    return nullptr;
+  }
+}
+
+// Reads the first cameras record. Any damage (short read, zero count, a count
+// past the end of the file or not a multiple of 24, a wrong kind after the end
+// mark, a failed seek) empties the table; nothing is reported.
+const LuAfxsCamerasTable& LuAfxsUserLink::getCameras() {
+  if (m_camerasLoaded) return m_cameras;
+  FILE* f = getRecord(LU_AFXS_REC_CAMERAS);
+  if (!f) {
+    closeFile(false);
+    return m_cameras;
+  }
+  try {
+    uint64_t at = m_recordIndex[LU_AFXS_REC_CAMERAS];
+    for (;;) {
+      uint32_t id = afxs::getU32(f);
+      if (id == afxs::kEndMark) {
+        if (afxs::getU32(f) != LU_AFXS_REC_CAMERAS) afxs::fail();
+        break;
+      }
+      uint32_t count = afxs::getU32(f);
+      at += afxs::kFieldHeaderSize;
+      if (count == 0) afxs::fail();
+      afxs::requireInFile(at, count, m_fileSize);
+      if (id == afxs::kFieldCameras) {
+        // Intended guard: a count that is not whole entries would not fit the table.
+        if (count % afxs::kPointSize != 0) afxs::fail();
+        m_cameras.cameras.resize(count / afxs::kPointSize);
+        afxs::getBytes(f, m_cameras.cameras.data(), count);
+      } else {
+        afxs::seekBy(f, count);
+      }
+      at += count;
+    }
+  } catch (...) {
+    m_cameras.cameras.clear();
+  }
+  closeFile(false);
+  return m_cameras;
+}
+
+void LuAfxsUserLink::remove() {
+  closeFile(true);
+  LuDeleteFile(m_filePath.c_str());
+}
