@@ -116,6 +116,8 @@ public:
   ProbeUserData(LuAfxsUserLink& link, long recordOffset, unsigned long planeId,
                 unsigned long subsetId)
       : LuAfxsUserData(link, recordOffset, planeId, subsetId) {}
+  // Through the public copy constructor.
+  explicit ProbeUserData(const LuAfxsUserData& other) : LuAfxsUserData(other) {}
   ~ProbeUserData() override = default;
   bool recordLoaded() const { return m_recordLoaded; }
   uint32_t resultsOffset() const { return m_resultsOffset; }
