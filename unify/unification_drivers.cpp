@@ -50,6 +50,11 @@ void endDriverOnException(const wchar_t* driver, const std::wstring& what,
 
 }  // namespace
 
+// m_XSHeader is taken from the first data set before the drivers load
+// anything (intended order): a data set whose link has not read its file yet
+// gives an empty header, so a client that blends loads the first data set
+// first (the header's normal steers the blend).
+//
 // Implementer's choices:
 // - An empty data-set list: the registry entry for the current id is still
 //   replaced (by an empty one), m_XSHeader keeps its value, a level-5 line says

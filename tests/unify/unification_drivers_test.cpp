@@ -51,6 +51,7 @@ TEST_F(UnificationDriversTest, UnifyRegistersDataSetsAndWritesEveryPlane) {
 
 TEST_F(UnificationDriversTest, UnifyTakesHeaderOfFirstDataSet) {
   auto sets = threeScans();
+  ASSERT_TRUE(sets[0]->load(0));  // the client has read the file
   EXPECT_FALSE(unify(sets, {1, 2, 3}, "out.afxs"));
   const LuAfxsHeader expected = scanHeader(2);
   const LuAfxsHeader& header = UnifyProbe::xsHeader();
@@ -60,6 +61,16 @@ TEST_F(UnificationDriversTest, UnifyTakesHeaderOfFirstDataSet) {
   }
   EXPECT_EQ(header.numPlanes, 2u);
   EXPECT_EQ(header.distBwPlanes, expected.distBwPlanes);
+}
+
+TEST_F(UnificationDriversTest, HeaderIsTakenBeforeTheDataSetsAreLoaded) {
+  auto sets = threeScans();
+  UnifyProbe::xsHeader().distBwPlanes = 42.0;
+  EXPECT_FALSE(unify(sets, {1, 2, 3}, "out.afxs"));
+  // The first data set's link had not read its header yet.
+  EXPECT_EQ(UnifyProbe::xsHeader().distBwPlanes, 0.0);
+  EXPECT_EQ(UnifyProbe::xsHeader().point[0], 0.0);
+  EXPECT_EQ(UnifyProbe::xsHeader().numPlanes, 0u);
 }
 
 TEST_F(UnificationDriversTest, UnifyWithExistingEntryReplacesItWholesale) {
@@ -93,7 +104,9 @@ TEST_F(UnificationDriversTest, UnifyWithFailingLoadWritesOutputWithoutPlanes) {
 
 TEST_F(UnificationDriversTest, UnifyWithEmptyListWritesOutputWithoutPlanesAndKeepsHeader) {
   writeScan("a.afxs", 1, {0});
-  EXPECT_FALSE(unify({dataSet("a.afxs")}, {1}, "first.afxs"));
+  LuAfxsUserDataSet* first = dataSet("a.afxs");
+  ASSERT_TRUE(first->load(0));
+  EXPECT_FALSE(unify({first}, {1}, "first.afxs"));
   LuAfxsUserDataSet::SetCurrentXSId(4);
   EXPECT_FALSE(unify({}, {}, "out.afxs"));
   EXPECT_TRUE(hasEntry(4));

@@ -39,7 +39,13 @@ protected:
   }
   std::vector<LuAfxsUserDataSet*> openScans(uint32_t first, uint32_t count) {
     std::vector<LuAfxsUserDataSet*> sets;
-    for (uint32_t s = first; s < first + count; ++s) sets.push_back(dataSet(scanName(s)));
+    // Loaded first, as a client does to look at them: the cross-section's
+    // header (its plane normal steers the blend) is taken before the drivers
+    // load anything.
+    for (uint32_t s = first; s < first + count; ++s) {
+      sets.push_back(dataSet(scanName(s)));
+      EXPECT_TRUE(sets.back()->load(LU_AFXS_MASK_ALL));
+    }
     return sets;
   }
   // Every plane holds the records of the given scans (by index), in order,
