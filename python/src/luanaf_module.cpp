@@ -1,0 +1,765 @@
+// _luanaf: the compiled half of the luanaf Python package. A thin layer over
+// the public C++ API of luAnaf: every byte is read and written by the library;
+// this file only moves arrays across and turns false results into exceptions.
+//
+// Locking: every call keeps the GIL for its whole duration. The library keeps
+// unguarded process-wide state (the unification registry, the sinks), so
+// holding the GIL is what serialises Python threads on it.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <luAnaf/luAfxsInspect.h>
+#include <luAnaf/luAnaf.h>
+
+namespace py = pybind11;
+
+namespace {
+
+// ---- Error reports and log records ------------------------------------------
+
+// Reports and failure records arriving while one binding call runs. The
+// innermost capture gets them; outside any call, reports go to the log.
+struct Capture {
+  std::vector<LuErrorReport> reports;
+  std::vector<LuLogRecord> failures;  // level-5 log records
+  Capture* outer;
+
+  Capture();
+  ~Capture();
+  Capture(const Capture&) = delete;
+  Capture& operator=(const Capture&) = delete;
+};
+
+Capture* g_capture = nullptr;
+bool g_sinksActive = false;  // cleared by _shutdown before the interpreter goes
+LuErrorSink g_previousErrorSink;
+LuLogSink g_previousLogSink;
+PyObject* g_errorClass = nullptr;  // luanaf.Error, registered by the package
+
+Capture::Capture() : outer(g_capture) { g_capture = this; }
+Capture::~Capture() { g_capture = outer; }
+
+std::string narrow(const std::wstring& w) {
+  // Wide strings on POSIX hold UTF-32 code points; Python converts them.
+  py::object s = py::cast(w);
+  return s.cast<std::string>();
+}
+
+std::string hex32(uint32_t v) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "0x%08x", v);
+  return buf;
+}
+
+std::string describe(const LuErrorReport& r) {
+  std::string text =
+      "error " + hex32(r.code) + " (" + narrow(r.source) + ":" + std::to_string(r.line) + ")";
+  if (r.hasSystemText) text += ": " + narrow(r.systemText);
+  return text;
+}
+
+// Python logging level of a library log level: 0 progress, 5 failure.
+int pythonLevel(int level) {
+  if (level <= 0) return 20;  // INFO
+  if (level >= 5) return 40;  // ERROR
+  return 30;                  // WARNING
+}
+
+void emitToLogging(int pyLevel, const std::wstring& message, const LuLogRecord* record) {
+  static py::object* logger = nullptr;  // never freed: it must outlive static destruction
+  if (logger == nullptr) {
+    logger = new py::object(py::module_::import("logging").attr("getLogger")("luanaf"));
+  }
+  if (!(*logger).attr("isEnabledFor")(pyLevel).cast<bool>()) return;
+  py::dict extra;
+  if (record != nullptr) {
+    extra["luanaf_level"] = record->level;
+    extra["luanaf_line"] = record->line;
+    extra["luanaf_source"] = record->source;
+    extra["luanaf_build_date"] = record->buildDate;
+  }
+  (*logger).attr("log")(pyLevel, "%s", message, py::arg("extra") = extra);
+}
+
+void errorSink(const LuErrorReport& report) {
+  if (!g_sinksActive) return;
+  py::gil_scoped_acquire gil;
+  if (g_capture != nullptr) {
+    g_capture->reports.push_back(report);
+    return;
+  }
+  // A report outside any call (a link destroyed by the garbage collector).
+  try {
+    std::string text = "luAnaf " + describe(report) + " for " + narrow(report.path);
+    emitToLogging(40, py::cast(text).cast<std::wstring>(), nullptr);
+  } catch (py::error_already_set& e) {
+    e.discard_as_unraisable("luanaf error sink");
+  } catch (...) {
+  }
+}
+
+void logSink(const LuLogRecord& record) {
+  if (!g_sinksActive) return;
+  py::gil_scoped_acquire gil;
+  if (g_capture != nullptr && record.level >= 5) g_capture->failures.push_back(record);
+  try {
+    emitToLogging(pythonLevel(record.level), record.message, &record);
+  } catch (py::error_already_set& e) {
+    e.discard_as_unraisable("luanaf log sink");
+  } catch (...) {
+  }
+}
+
+// Raises luanaf.Error (or OSError before the package registered it).
+[[noreturn]] void raiseError(const std::string& what, const std::wstring& path,
+                             const std::vector<LuErrorReport>& reports, int errnum = 0) {
+  std::string message = what;
+  py::list reportList;
+  py::object code = py::none();
+  for (const LuErrorReport& r : reports) {
+    message += "; " + describe(r);
+    py::dict d;
+    d["code"] = r.code;
+    d["line"] = r.line;
+    d["source"] = r.source;
+    d["path"] = r.path;
+    d["build_date"] = r.buildDate;
+    d["system_text"] = r.hasSystemText ? py::cast(r.systemText) : py::none();
+    reportList.append(d);
+    code = py::int_(r.code);  // the outermost operation reports last
+  }
+  py::object pathObj = py::cast(path);
+  py::object errnoObj = errnum != 0 ? py::object(py::int_(errnum)) : py::object(py::none());
+  if (g_errorClass != nullptr) {
+    py::object cls = py::reinterpret_borrow<py::object>(g_errorClass);
+    py::object exc = cls(message, py::arg("code") = code, py::arg("path") = pathObj,
+                         py::arg("reports") = reportList, py::arg("errno") = errnoObj);
+    PyErr_SetObject(g_errorClass, exc.ptr());
+  } else {
+    py::object exc = py::reinterpret_borrow<py::object>(PyExc_OSError)(errnoObj, message, pathObj);
+    PyErr_SetObject(PyExc_OSError, exc.ptr());
+  }
+  throw py::error_already_set();
+}
+
+// True when a level-5 record says the whole driver call failed (as opposed to
+// one position that could not be blended and was skipped).
+bool endsDriver(const LuLogRecord& r) {
+  return r.message.find(L"- Exception: ") != std::wstring::npos ||
+         r.message.find(L"loading Failed") != std::wstring::npos ||
+         r.message.find(L"No DataSets") != std::wstring::npos;
+}
+
+// ---- Arrays -----------------------------------------------------------------
+
+using Vec3Array = py::array_t<double, py::array::c_style | py::array::forcecast>;
+template <typename T>
+using FlatArray = py::array_t<T, py::array::c_style | py::array::forcecast>;
+
+void makeReadOnly(py::array& a) { a.attr("setflags")(py::arg("write") = false); }
+
+// A read-only (n, 3) view of a vector of LuVec3 that `base` keeps alive.
+py::array viewVec3(const std::vector<LuVec3>& v, py::handle base) {
+  if (v.empty()) return py::array_t<double>(std::vector<py::ssize_t>{0, 3});
+  py::array a(py::dtype::of<double>(),
+              std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size()), 3},
+              std::vector<py::ssize_t>{static_cast<py::ssize_t>(sizeof(LuVec3)),
+                                       static_cast<py::ssize_t>(sizeof(double))},
+              &v[0].x, base);
+  makeReadOnly(a);
+  return a;
+}
+
+template <typename T>
+py::array viewFlat(const std::vector<T>& v, py::handle base) {
+  if (v.empty()) return py::array_t<T>(std::vector<py::ssize_t>{0});
+  py::array a(py::dtype::of<T>(), std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size())},
+              std::vector<py::ssize_t>{static_cast<py::ssize_t>(sizeof(T))}, v.data(), base);
+  makeReadOnly(a);
+  return a;
+}
+
+py::array copyVec3(const std::vector<LuVec3>& v) {
+  py::array_t<double> a(std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size()), 3});
+  if (!v.empty()) std::memcpy(a.mutable_data(), v.data(), v.size() * sizeof(LuVec3));
+  return a;
+}
+
+template <typename T>
+py::array copyFlat(const std::vector<T>& v) {
+  py::array_t<T> a(std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size())});
+  if (!v.empty()) std::memcpy(a.mutable_data(), v.data(), v.size() * sizeof(T));
+  return a;
+}
+
+// Checks an (n, 3) float64 array; n may be 0.
+Vec3Array asVec3(py::handle obj, const char* name) {
+  Vec3Array a = Vec3Array::ensure(obj);
+  if (!a) {
+    PyErr_Clear();
+    throw py::type_error(std::string(name) + ": expected an array of float64");
+  }
+  if (a.ndim() != 2 || a.shape(1) != 3) {
+    throw py::value_error(std::string(name) + ": expected shape (n, 3)");
+  }
+  return a;
+}
+
+template <typename T>
+FlatArray<T> asFlat(py::handle obj, const char* name) {
+  FlatArray<T> a = FlatArray<T>::ensure(obj);
+  if (!a) {
+    PyErr_Clear();
+    throw py::type_error(std::string(name) + ": expected a one-dimensional array");
+  }
+  if (a.ndim() != 1) throw py::value_error(std::string(name) + ": expected shape (n,)");
+  return a;
+}
+
+const double (*rows(const Vec3Array& a))[3] {
+  return reinterpret_cast<const double(*)[3]>(a.data());
+}
+
+// ---- Header and cameras -----------------------------------------------------
+
+py::dict headerToDict(const LuAfxsHeader& h) {
+  py::dict d;
+  d["version"] = h.version;
+  d["point"] = py::make_tuple(h.point[0], h.point[1], h.point[2]);
+  d["normal"] = py::make_tuple(h.normal[0], h.normal[1], h.normal[2]);
+  d["num_planes"] = h.numPlanes;
+  d["dist_bw_planes"] = h.distBwPlanes;
+  return d;
+}
+
+LuAfxsHeader headerFromDict(const py::dict& d) {
+  LuAfxsHeader h;
+  if (d.contains("version")) h.version = d["version"].cast<int32_t>();
+  for (const char* key : {"point", "normal"}) {
+    if (!d.contains(key)) continue;
+    std::vector<double> v = d[key].cast<std::vector<double>>();
+    if (v.size() != 3)
+      throw py::value_error(std::string("header '") + key + "': expected 3 values");
+    double* target = std::strcmp(key, "point") == 0 ? h.point : h.normal;
+    for (int i = 0; i < 3; ++i) target[i] = v[i];
+  }
+  if (d.contains("num_planes")) h.numPlanes = d["num_planes"].cast<uint64_t>();
+  if (d.contains("dist_bw_planes")) h.distBwPlanes = d["dist_bw_planes"].cast<double>();
+  return h;
+}
+
+LuAfxsCamerasTable camerasFromObject(py::handle obj) {
+  LuAfxsCamerasTable table;
+  if (obj.is_none()) return table;
+  Vec3Array a = asVec3(obj, "cameras");
+  const double(*r)[3] = rows(a);
+  for (py::ssize_t i = 0; i < a.shape(0); ++i) table.cameras.push_back({r[i][0], r[i][1], r[i][2]});
+  return table;
+}
+
+// ---- Field names ------------------------------------------------------------
+
+enum class Field { Points, Normals, Segments, AuxPos, AuxOffsets, AuxCounts, ResPoints, Distances };
+
+struct FieldInfo {
+  const char* name;
+  Field field;
+  uint32_t mask;
+};
+
+constexpr FieldInfo kFields[] = {
+    {"points", Field::Points, LU_AFXS_MASK_POINTS},
+    {"normals", Field::Normals, LU_AFXS_MASK_NORMALS},
+    {"segments", Field::Segments, LU_AFXS_MASK_SEGMENTS},
+    {"aux_ctrl_pos", Field::AuxPos, LU_AFXS_MASK_AUX},
+    {"aux_ctrl_offsets", Field::AuxOffsets, LU_AFXS_MASK_AUX},
+    {"aux_ctrl_counts", Field::AuxCounts, LU_AFXS_MASK_AUX},
+    {"res_points", Field::ResPoints, LU_AFXS_MASK_RESPOINTS},
+    {"distances", Field::Distances, LU_AFXS_MASK_DISTANCES},
+};
+
+const FieldInfo& fieldInfo(const std::string& name) {
+  for (const FieldInfo& f : kFields) {
+    if (name == f.name) return f;
+  }
+  throw py::key_error("unknown field: " + name);
+}
+
+// Fields handed out as views: once loaded they are never loaded again, so
+// their vectors keep their storage for as long as the data set lives.
+constexpr uint32_t kViewMask =
+    LU_AFXS_MASK_POINTS | LU_AFXS_MASK_NORMALS | LU_AFXS_MASK_SEGMENTS | LU_AFXS_MASK_AUX;
+
+// ---- Checking a file before a data set sees it --------------------------------
+
+// A data set deletes a file that its first load cannot verify, so a file
+// reaches a data set only after two checks that never delete: the read-only
+// inspection walk, which also says what a load would trip over and where,
+// and verify() on the link itself, which gives the library's error codes.
+// The data set's own verify then finds the modification time unchanged and
+// reads nothing again.
+void verifyOrRaise(LuAfxsUserLink& link, const std::wstring& path) {
+  if (!LuFileExist(path.c_str())) raiseError("no such file", path, {}, ENOENT);
+  const LuAfxsInspection inspection = luAfxsInspect(path, false);
+  Capture cap;
+  const bool verified = link.verify(true);
+  if (verified && inspection.loadable()) return;
+  std::string what = "not a readable cross-section file";
+  for (const LuAfxsInspectProblem& p : inspection.problems) {
+    if (p.breaksLoad) what += "; at byte " + std::to_string(p.offset) + ": " + p.message;
+  }
+  raiseError(what, path, cap.reports);
+}
+
+// ---- The file object --------------------------------------------------------
+
+class PyFile {
+public:
+  PyFile(const std::wstring& path, uint32_t mask) : m_path(path) {
+    m_link = std::make_unique<LuAfxsUserLink>(path.c_str());
+    verifyOrRaise(*m_link, path);
+    m_set = std::make_unique<LuAfxsUserDataSet>(*m_link);
+    Capture cap;
+    if (!m_set->load(mask)) raiseError("damaged plane-subset records", path, cap.reports);
+    for (LuAfxsUserData* d : *m_set) {
+      m_records.push_back(d);
+      m_pinned.push_back(d->state() & kViewMask);
+    }
+    m_flushed.assign(m_records.size(), false);
+  }
+  ~PyFile() {
+    // The set's destructor closes the file through the link: set first.
+    m_set.reset();
+    m_link.reset();
+  }
+
+  size_t size() const { return m_records.size(); }
+  const std::wstring& path() const { return m_path; }
+  bool closed() const { return m_closed; }
+  void close() {
+    if (m_closed) return;
+    m_set->closefile();
+    m_closed = true;
+  }
+
+  py::dict header() const { return headerToDict(m_link->getHeader()); }
+  bool updateSupported() const { return m_link->updateSupported(); }
+  bool writable() const { return m_link->fileWritable(); }
+
+  py::array cameras() {
+    requireOpen();
+    return copyVec3(m_link->getCameras().cameras);
+  }
+
+  // Python-style index (negative counts from the end) to a position.
+  size_t position(py::ssize_t index) const {
+    if (index < 0) index += static_cast<py::ssize_t>(m_records.size());
+    if (index < 0 || static_cast<size_t>(index) >= m_records.size()) {
+      throw py::index_error("plane subset index out of range");
+    }
+    return static_cast<size_t>(index);
+  }
+  LuAfxsUserData& record(py::ssize_t index) const { return *m_records[position(index)]; }
+
+  py::array field(py::object self, py::ssize_t index, const std::string& name) {
+    const FieldInfo& info = fieldInfo(name);
+    LuAfxsUserData& d = record(index);
+    uint32_t& pinned = m_pinned[position(index)];
+    const bool view = (info.mask & kViewMask) != 0;
+    const bool present = view ? (pinned & info.mask) != 0 : (d.state() & info.mask) != 0;
+    if (!present) {
+      requireOpen();
+      Capture cap;
+      if (!d.load(info.mask)) {
+        raiseError("cannot load field '" + name + "' of plane " +
+                       std::to_string(d.getPlaneData().planeId) + " subset " +
+                       std::to_string(d.getPlaneData().subsetId),
+                   m_path, cap.reports);
+      }
+      if (view) pinned |= info.mask;
+    }
+    const LuAfxsPlane& p = d.getPlaneData();
+    switch (info.field) {
+      case Field::Points:
+        return viewVec3(p.points, self);
+      case Field::Normals:
+        return viewVec3(p.normals, self);
+      case Field::Segments:
+        return viewFlat(p.segments, self);
+      case Field::AuxPos:
+        return viewFlat(p.auxCtrlPos, self);
+      case Field::AuxOffsets:
+        return viewFlat(p.auxCtrlOffsets, self);
+      case Field::AuxCounts:
+        return viewFlat(p.auxCtrlCounts, self);
+      // Copies: setResPoints and setDistances replace these vectors.
+      case Field::ResPoints:
+        return copyVec3(p.resPoints);
+      case Field::Distances:
+        return copyFlat(p.distances);
+    }
+    throw py::key_error(name);
+  }
+
+  void setResults(py::ssize_t index, py::object resPoints, py::object distances) {
+    LuAfxsUserData& d = record(index);
+    if (resPoints.is_none() && distances.is_none()) {
+      throw py::value_error("set_results: give res_points, distances or both");
+    }
+    std::optional<Vec3Array> res;
+    std::optional<FlatArray<double>> dist;
+    if (!resPoints.is_none()) {
+      res = asVec3(resPoints, "res_points");
+      if (res->shape(0) == 0) throw py::value_error("res_points: empty");
+    }
+    if (!distances.is_none()) {
+      dist = asFlat<double>(distances, "distances");
+      if (dist->shape(0) == 0) throw py::value_error("distances: empty");
+    }
+    if (res) d.setResPoints(rows(*res), static_cast<size_t>(res->shape(0)));
+    if (dist) d.setDistances(dist->data(), static_cast<size_t>(dist->shape(0)));
+  }
+
+  void flush(py::ssize_t index) {
+    LuAfxsUserData& d = record(index);
+    requireOpen();
+    // The library's flush would open a read-only file for update when run by
+    // root; the owner-write bit decides here, as it does for the writer.
+    if (!m_link->fileWritable()) raiseError("the file is read-only", m_path, {}, EACCES);
+    Capture cap;
+    if (d.flush()) {
+      m_flushed[position(index)] = true;
+      return;
+    }
+    std::string what = "cannot write results of plane " + std::to_string(d.getPlaneData().planeId) +
+                       " subset " + std::to_string(d.getPlaneData().subsetId);
+    if (cap.reports.empty()) {
+      // No report: the library refused before writing. The record's results
+      // link is not public; an earlier flush or result fields in the file
+      // tell the likely reason.
+      if (m_flushed[position(index)] ||
+          (d.fileState() & (LU_AFXS_MASK_RESPOINTS | LU_AFXS_MASK_DISTANCES))) {
+        what += ": the record already has results";
+      } else if ((d.state() & (LU_AFXS_MASK_RESPOINTS | LU_AFXS_MASK_DISTANCES)) == 0) {
+        what += ": no results attached (call set_results first)";
+      }
+    }
+    raiseError(what, m_path, cap.reports);
+  }
+
+  py::ssize_t find(uint32_t planeId, uint32_t subsetId) const {
+    for (size_t i = 0; i < m_records.size(); ++i) {
+      const LuAfxsPlane& p = m_records[i]->getPlaneData();
+      if (p.planeId == planeId && p.subsetId == subsetId) return static_cast<py::ssize_t>(i);
+    }
+    return -1;
+  }
+
+private:
+  void requireOpen() const {
+    if (m_closed) throw py::value_error("I/O operation on closed file");
+  }
+
+  std::wstring m_path;
+  std::unique_ptr<LuAfxsUserLink> m_link;
+  std::unique_ptr<LuAfxsUserDataSet> m_set;
+  std::vector<LuAfxsUserData*> m_records;  // owned by m_set
+  std::vector<uint32_t> m_pinned;          // per record: view fields loaded for good
+  std::vector<bool> m_flushed;             // per record: results written by this object
+  bool m_closed = false;
+};
+
+// ---- write ------------------------------------------------------------------
+
+struct PlaneInput {
+  uint32_t planeId = 0;
+  uint32_t subsetId = 0;
+  std::optional<Vec3Array> points, normals, resPoints;
+  std::optional<FlatArray<int32_t>> segments;
+  std::optional<FlatArray<uint32_t>> auxPos, auxCounts;
+  std::optional<FlatArray<double>> distances;
+};
+
+PlaneInput planeFromDict(const py::dict& d, size_t index) {
+  PlaneInput p;
+  const std::string where = "plane " + std::to_string(index) + ": ";
+  if (!d.contains("plane_id") || !d.contains("subset_id")) {
+    throw py::value_error(where + "plane_id and subset_id are required");
+  }
+  p.planeId = d["plane_id"].cast<uint32_t>();
+  p.subsetId = d["subset_id"].cast<uint32_t>();
+  auto has = [&](const char* key) { return d.contains(key) && !d[key].is_none(); };
+  if (has("points")) p.points = asVec3(d["points"], "points");
+  if (has("normals")) p.normals = asVec3(d["normals"], "normals");
+  if (has("res_points")) p.resPoints = asVec3(d["res_points"], "res_points");
+  if (has("segments")) p.segments = asFlat<int32_t>(d["segments"], "segments");
+  if (has("aux_ctrl_pos")) p.auxPos = asFlat<uint32_t>(d["aux_ctrl_pos"], "aux_ctrl_pos");
+  if (has("aux_ctrl_counts")) {
+    p.auxCounts = asFlat<uint32_t>(d["aux_ctrl_counts"], "aux_ctrl_counts");
+  }
+  if (has("distances")) p.distances = asFlat<double>(d["distances"], "distances");
+  const bool auxPos = p.auxPos && p.auxPos->shape(0) > 0;
+  const bool auxCounts = p.auxCounts && p.auxCounts->shape(0) > 0;
+  if (auxPos != auxCounts) {
+    throw py::value_error(where + "aux_ctrl_pos and aux_ctrl_counts go together");
+  }
+  if (auxCounts) {
+    uint64_t total = 0;
+    for (py::ssize_t i = 0; i < p.auxCounts->shape(0); ++i) total += p.auxCounts->data()[i];
+    if (total > static_cast<uint64_t>(p.auxPos->shape(0))) {
+      throw py::value_error(where + "aux_ctrl_counts add up to more than aux_ctrl_pos holds");
+    }
+  }
+  return p;
+}
+
+void writeFile(const std::wstring& path, const py::dict& header, const py::list& planes,
+               py::object cameras) {
+  // Everything is checked before the file is created.
+  LuAfxsHeader h = headerFromDict(header);
+  LuAfxsCamerasTable table = camerasFromObject(cameras);
+  std::vector<PlaneInput> inputs;
+  for (size_t i = 0; i < planes.size(); ++i) {
+    inputs.push_back(planeFromDict(planes[i].cast<py::dict>(), i));
+  }
+
+  Capture cap;
+  LuAfxsCreateLink link(path.c_str());
+  link.setHeader(h);
+  link.setCameras(table);
+  if (!link.create(true)) raiseError("cannot create the file", path, cap.reports);
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    const PlaneInput& p = inputs[i];
+    LuAfxsCreateData data(link, p.planeId, p.subsetId);
+    auto count = [](const auto& a) { return static_cast<size_t>(a->shape(0)); };
+    if (p.points) data.setPoints(rows(*p.points), count(p.points));
+    if (p.normals) data.setNormals(rows(*p.normals), count(p.normals));
+    if (p.segments) data.setSegments(p.segments->data(), count(p.segments));
+    if (p.auxPos && p.auxCounts) {
+      data.setAuxCtrlPos(p.auxPos->data(), count(p.auxPos), p.auxCounts->data(),
+                         count(p.auxCounts));
+    }
+    if (p.resPoints) data.setResPoints(rows(*p.resPoints), count(p.resPoints));
+    if (p.distances) data.setDistances(p.distances->data(), count(p.distances));
+    if (data.state() == 0) {
+      // Nothing to write: the link deletes the partial file when it goes.
+      throw py::value_error("plane " + std::to_string(i) +
+                            ": no data to write (every array empty)");
+    }
+    if (!data.flush()) {
+      raiseError("cannot write plane " + std::to_string(p.planeId) + " subset " +
+                     std::to_string(p.subsetId),
+                 path, cap.reports);
+    }
+  }
+  link.release();
+  link.closeFile(true);
+  if (!link.isOK() || !cap.reports.empty()) raiseError("cannot finish the file", path, cap.reports);
+}
+
+// ---- remove_fields ----------------------------------------------------------
+
+bool removeFields(const std::wstring& path, uint32_t mask) {
+  if (mask == 0 || (mask & ~static_cast<uint32_t>(LU_AFXS_MASK_ALL)) != 0) {
+    throw py::value_error("mask: expected a non-empty combination of the field bits 1 to 32");
+  }
+  LuAfxsUserLink link(path.c_str());
+  verifyOrRaise(link, path);
+  if (!link.fileWritable()) raiseError("the file is read-only", path, {}, EACCES);
+  bool anyPresent = false;
+  {
+    LuAfxsUserDataSet set(link);
+    Capture cap;
+    if (!set.load(0)) raiseError("damaged plane-subset records", path, cap.reports);
+    for (const LuAfxsUserData* d : set) anyPresent |= (d->fileState() & mask) != 0;
+    if (!anyPresent) return false;
+    if (!set.remove(mask)) raiseError("cannot rewrite the file", path, cap.reports);
+  }
+  const std::wstring tmp = path + L".tmp";
+  if (LuFileExist(tmp.c_str())) {
+    raiseError("the rewritten file could not replace the old one; it was left at " + narrow(tmp),
+               path, {});
+  }
+  if (!LuFileExist(path.c_str())) raiseError("the rewritten file is missing", path, {}, ENOENT);
+  return true;
+}
+
+// ---- unify ------------------------------------------------------------------
+
+constexpr uint32_t kKeepSubsetIds = 0xFFFFFFFF;
+
+// Owns the links and data sets of one unify call until the registry has
+// taken the data sets; then ClearXSBlendingInfo deletes them.
+struct UnifyInputs {
+  std::vector<std::unique_ptr<LuAfxsUserLink>> links;
+  std::vector<LuAfxsUserDataSet*> sets;
+  bool registered = false;
+  uint32_t xsId = 0;
+
+  ~UnifyInputs() {
+    if (registered) {
+      LuAfxsUserDataSet::ClearXSBlendingInfo(xsId);
+    } else {
+      for (LuAfxsUserDataSet* s : sets) delete s;
+    }
+    sets.clear();
+    links.clear();  // after the sets: each set closes its file through its link
+  }
+};
+
+void unify(const std::vector<std::wstring>& inputs, const std::wstring& output,
+           std::optional<std::vector<uint32_t>> outputIds, bool blend, uint32_t xsId) {
+  if (inputs.empty()) throw py::value_error("unify: no inputs");
+  if (outputIds && outputIds->size() != inputs.size()) {
+    throw py::value_error("unify: output_ids must hold one id per input");
+  }
+  UnifyInputs in;
+  in.xsId = xsId;
+  size_t slotCount = 0;
+  std::vector<std::vector<uint32_t>> subsetIds(inputs.size()), planeIds(inputs.size());
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    in.links.push_back(std::make_unique<LuAfxsUserLink>(inputs[i].c_str()));
+    verifyOrRaise(*in.links.back(), inputs[i]);
+    in.sets.push_back(new LuAfxsUserDataSet(*in.links.back()));
+    Capture cap;
+    if (!in.sets.back()->load(0)) {
+      raiseError("damaged plane-subset records", inputs[i], cap.reports);
+    }
+    slotCount = std::max(slotCount, in.sets.back()->size());
+    for (const LuAfxsUserData* d : *in.sets.back()) {
+      const uint32_t sid = d->getPlaneData().subsetId;
+      if (std::find(subsetIds[i].begin(), subsetIds[i].end(), sid) == subsetIds[i].end()) {
+        subsetIds[i].push_back(sid);
+      }
+      planeIds[i].push_back(d->getPlaneData().planeId);
+    }
+  }
+  std::vector<uint32_t> ids;
+  if (outputIds) {
+    ids = *outputIds;
+  } else {
+    // Default: when every input holds one subset, its planes go out under that
+    // subset's id and line up by plane number; otherwise every plane keeps
+    // its own subset id and planes line up by record order.
+    bool single = true;
+    for (const auto& s : subsetIds) single &= s.size() == 1;
+    for (size_t i = 0; i < inputs.size(); ++i) {
+      ids.push_back(single ? subsetIds[i][0] : kKeepSubsetIds);
+    }
+  }
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    if (ids[i] == kKeepSubsetIds) continue;
+    for (uint32_t pid : planeIds[i]) {
+      // The library stores such a plane at index planeId of a list of
+      // slotCount entries; a larger plane id would end the whole call.
+      if (pid >= slotCount) {
+        throw py::value_error("unify: plane " + std::to_string(pid) + " of " + narrow(inputs[i]) +
+                              " lies beyond the " + std::to_string(slotCount) +
+                              " slots; pass output id 0xFFFFFFFF to keep subset ids");
+      }
+    }
+  }
+
+  LuAfxsCreateLink createLink(output.c_str());
+  createLink.setHeader(in.links[0]->getHeader());
+  {
+    Capture cap;
+    createLink.setCameras(in.links[0]->getCameras());
+  }
+  LuAfxsUserDataSet::SetCurrentXSId(xsId);
+  LuAfxsUserDataSet::SupportXSectionBlending(blend);
+  Capture cap;
+  in.registered = true;
+  in.sets[0]->UnifyMultipleDataSets(in.sets, ids, createLink, LU_AFXS_MASK_ALL);
+  bool fatal = !cap.reports.empty() || !createLink.isOK() || !LuFileExist(output.c_str());
+  std::string why;
+  for (const LuLogRecord& r : cap.failures) {
+    if (endsDriver(r)) {
+      fatal = true;
+      why += "; " + narrow(r.message);
+    }
+  }
+  if (fatal) raiseError("unification failed" + why, output, cap.reports);
+}
+
+void setErrorClass(py::object cls) {
+  Py_XDECREF(g_errorClass);
+  g_errorClass = cls.release().ptr();
+}
+
+void installSinks() {
+  if (g_sinksActive) return;
+  g_sinksActive = true;
+  g_previousErrorSink = luEnvSetErrorSink(errorSink);
+  g_previousLogSink = luEnvSetLogSink(logSink);
+}
+
+void shutdown() {
+  if (!g_sinksActive) return;
+  g_sinksActive = false;
+  luEnvSetErrorSink(g_previousErrorSink);
+  luEnvSetLogSink(g_previousLogSink);
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_luanaf, m) {
+  m.doc() = "Compiled half of luanaf; use the luanaf package.";
+
+  m.attr("MASK_POINTS") = static_cast<uint32_t>(LU_AFXS_MASK_POINTS);
+  m.attr("MASK_SEGMENTS") = static_cast<uint32_t>(LU_AFXS_MASK_SEGMENTS);
+  m.attr("MASK_NORMALS") = static_cast<uint32_t>(LU_AFXS_MASK_NORMALS);
+  m.attr("MASK_AUX") = static_cast<uint32_t>(LU_AFXS_MASK_AUX);
+  m.attr("MASK_RESPOINTS") = static_cast<uint32_t>(LU_AFXS_MASK_RESPOINTS);
+  m.attr("MASK_DISTANCES") = static_cast<uint32_t>(LU_AFXS_MASK_DISTANCES);
+  m.attr("MASK_ALL") = static_cast<uint32_t>(LU_AFXS_MASK_ALL);
+  m.attr("KEEP_SUBSET_IDS") = kKeepSubsetIds;
+  m.attr("build_date") = std::wstring(luEnvBuildDate());
+
+  py::class_<PyFile>(m, "File")
+      .def(py::init<const std::wstring&, uint32_t>(), py::arg("path"), py::arg("mask"))
+      .def("__len__", &PyFile::size)
+      .def_property_readonly("path", &PyFile::path)
+      .def_property_readonly("closed", &PyFile::closed)
+      .def_property_readonly("update_supported", &PyFile::updateSupported)
+      .def_property_readonly("writable", &PyFile::writable)
+      .def("close", &PyFile::close)
+      .def("header", &PyFile::header)
+      .def("cameras", &PyFile::cameras)
+      .def("plane_id",
+           [](const PyFile& f, py::ssize_t i) { return f.record(i).getPlaneData().planeId; })
+      .def("subset_id",
+           [](const PyFile& f, py::ssize_t i) { return f.record(i).getPlaneData().subsetId; })
+      .def("state", [](const PyFile& f, py::ssize_t i) { return f.record(i).state(); })
+      .def("file_state", [](const PyFile& f, py::ssize_t i) { return f.record(i).fileState(); })
+      .def(
+          "field",
+          [](py::object self, py::ssize_t i, const std::string& name) {
+            return self.cast<PyFile&>().field(self, i, name);
+          },
+          py::arg("index"), py::arg("name"))
+      .def("set_results", &PyFile::setResults, py::arg("index"), py::arg("res_points"),
+           py::arg("distances"))
+      .def("flush", &PyFile::flush, py::arg("index"))
+      .def("find", &PyFile::find, py::arg("plane_id"), py::arg("subset_id"));
+
+  m.def("write", &writeFile, py::arg("path"), py::arg("header"), py::arg("planes"),
+        py::arg("cameras"));
+  m.def("remove_fields", &removeFields, py::arg("path"), py::arg("mask"));
+  m.def("unify", &unify, py::arg("inputs"), py::arg("output"), py::arg("output_ids"),
+        py::arg("blend"), py::arg("xs_id"));
+  m.def("_set_error_class", &setErrorClass);
+  m.def("_shutdown", &shutdown);
+
+  installSinks();
+}
