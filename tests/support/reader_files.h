@@ -134,6 +134,8 @@ public:
   using LuAfxsUserDataSet::LuAfxsUserDataSet;
   using LuAfxsUserDataSet::push_back;
   bool loaded() const { return m_loaded; }
+  // Drops the list without deleting the entries (a shallow copy owns them).
+  void forgetEntries() { m_dataList.clear(); }
 };
 
 // Random plane data of a given size, every vector filled consistently
