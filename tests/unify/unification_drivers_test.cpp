@@ -323,6 +323,22 @@ TEST_F(UnificationDriversTest, RemoveWithInvalidUserLinkDeletesItsFileAndChanges
   EXPECT_THAT(m_destroyed, IsEmpty());
 }
 
+TEST_F(UnificationDriversTest, RemoveEndedByOutOfRangePlaneNumberIsLoggedUnderItsName) {
+  writeScan("far.afxs", 2, {0, 9});
+  writeScan("a.afxs", 1, {0, 1});
+  // far keeps its subset ids at first; sorting the ids pairs it with 1.
+  EXPECT_FALSE(unify({dataSet("far.afxs"), dataSet("a.afxs")}, {kKeep, 1}, "out.afxs"));
+  EXPECT_THAT(capture().messages(5), IsEmpty());
+  std::vector<uint32_t> ids{99};
+  uint32_t remaining = 0;
+  bool result = true;
+  EXPECT_NO_THROW(result = removeIds(ids, remaining, "after.afxs"));
+  EXPECT_FALSE(result);
+  EXPECT_EQ(remaining, 2u);
+  EXPECT_EQ(countLogged(5, L"LuAfxsUserDataSet::RemoveDataSetsFromUnify()- Exception: "), 1u);
+  EXPECT_FALSE(exists("after.afxs"));
+}
+
 TEST_F(UnificationDriversTest, RemovingEveryDataSetLeavesOutputWithoutPlanes) {
   auto sets = threeScans();
   EXPECT_FALSE(unify(sets, {1, 2, 3}, "out.afxs"));
