@@ -76,7 +76,7 @@ const char* luAfxsFieldName(uint32_t id) {
 
 namespace {
 
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* fmt, ...) LUANAF_PRINTF_FORMAT(1, 2);
 std::string format(const char* fmt, ...) {
   char buffer[512];
   va_list args;

@@ -80,5 +80,5 @@ public:
 class LUANAF_API LuStrFrmt {
 public:
   // printf-style formatting into a narrow string (the C library's rules).
-  static std::string format(const char* format, ...);
+  static std::string format(const char* format, ...) LUANAF_PRINTF_FORMAT(1, 2);
 };

@@ -10,3 +10,16 @@
 #else
 #define LUANAF_API __attribute__((visibility("default")))
 #endif
+
+// Lets the compiler check printf-style arguments: LUANAF_PRINTF_FORMAT(1, 2)
+// after a declaration whose first parameter is the format. MinGW checks
+// against the C99 rules its ANSI stdio follows.
+#if defined(__GNUC__) || defined(__clang__)
+#if defined(__MINGW32__)
+#define LUANAF_PRINTF_FORMAT(fmt, args) __attribute__((format(gnu_printf, fmt, args)))
+#else
+#define LUANAF_PRINTF_FORMAT(fmt, args) __attribute__((format(printf, fmt, args)))
+#endif
+#else
+#define LUANAF_PRINTF_FORMAT(fmt, args)
+#endif
