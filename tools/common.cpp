@@ -1,0 +1,186 @@
+// Helpers shared by the verbs.
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include <fmt/format.h>
+
+#include "luafxs.h"
+
+namespace luafxs {
+
+void error(const std::string& file, const std::string& what) {
+  if (file.empty())
+    fmt::print(stderr, "luafxs: {}\n", what);
+  else
+    fmt::print(stderr, "luafxs: {}: {}\n", file, what);
+}
+
+void warning(const std::string& file, const std::string& what) { error(file, "warning: " + what); }
+
+std::wstring widen(const std::string& path) {
+  // Paths are UTF-8 on POSIX; decode them so that the library's own UTF-8
+  // conversion gives the same bytes back.
+  std::wstring out;
+  for (size_t i = 0; i < path.size();) {
+    unsigned char c = static_cast<unsigned char>(path[i]);
+    int extra = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : -1;
+    bool valid = extra >= 0 && i + static_cast<size_t>(extra) < path.size();
+    for (int k = 1; valid && k <= extra; ++k)
+      valid = (static_cast<unsigned char>(path[i + static_cast<size_t>(k)]) & 0xC0) == 0x80;
+    if (!valid) {
+      out.push_back(static_cast<wchar_t>(c));
+      ++i;
+      continue;
+    }
+    uint32_t cp = extra == 0 ? c : c & (0x3F >> extra);
+    for (int k = 1; k <= extra; ++k)
+      cp = (cp << 6) | (static_cast<unsigned char>(path[i + static_cast<size_t>(k)]) & 0x3F);
+    out.push_back(static_cast<wchar_t>(cp));
+    i += static_cast<size_t>(extra) + 1;
+  }
+  return out;
+}
+
+std::string narrow(const std::wstring& text) {
+  std::string out;
+  for (wchar_t w : text) {
+    uint32_t c = static_cast<uint32_t>(w);
+    if (c < 0x80) {
+      out.push_back(static_cast<char>(c));
+    } else if (c < 0x800) {
+      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else if (c < 0x10000) {
+      out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    } else {
+      out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+      out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    }
+  }
+  return out;
+}
+
+std::string hex32(uint64_t value) { return fmt::format("0x{:08X}", value); }
+
+namespace {
+struct FieldName {
+  const char* name;
+  uint32_t bit;
+};
+constexpr FieldName kFieldNames[] = {
+    {"points", LU_AFXS_MASK_POINTS},     {"segments", LU_AFXS_MASK_SEGMENTS},
+    {"normals", LU_AFXS_MASK_NORMALS},   {"aux", LU_AFXS_MASK_AUX},
+    {"results", LU_AFXS_MASK_RESPOINTS}, {"distances", LU_AFXS_MASK_DISTANCES},
+};
+}  // namespace
+
+std::string maskNames(uint32_t mask) {
+  std::string out;
+  for (const FieldName& f : kFieldNames)
+    if (mask & f.bit) out += std::string(out.empty() ? "" : " ") + f.name;
+  return out.empty() ? "none" : out;
+}
+
+nlohmann::json maskNameList(uint32_t mask) {
+  nlohmann::json out = nlohmann::json::array();
+  for (const FieldName& f : kFieldNames)
+    if (mask & f.bit) out.push_back(f.name);
+  return out;
+}
+
+bool parseFields(const std::string& list, uint32_t& mask, std::string& bad) {
+  mask = 0;
+  std::stringstream in(list);
+  std::string name;
+  while (std::getline(in, name, ',')) {
+    if (name.empty()) continue;
+    if (name == "all") {
+      mask |= LU_AFXS_MASK_ALL;
+      continue;
+    }
+    bool found = false;
+    for (const FieldName& f : kFieldNames)
+      if (name == f.name || (name == "resPoints" && f.bit == LU_AFXS_MASK_RESPOINTS)) {
+        mask |= f.bit;
+        found = true;
+      }
+    if (!found) {
+      bad = name;
+      return false;
+    }
+  }
+  return true;
+}
+
+bool stdoutIsTerminal() { return isatty(fileno(stdout)) != 0; }
+bool stderrIsTerminal() { return isatty(fileno(stderr)) != 0; }
+
+bool checkBeforeLoad(const std::string& path, const LuAfxsInspection& in, bool strict) {
+  if (!in.opened) {
+    error(path, "cannot be opened for reading");
+    return false;
+  }
+  bool ok = true;
+  for (const LuAfxsInspectProblem& p : in.problems) {
+    bool refuses = strict || p.breaksLoad;
+    std::string text = fmt::format("at {}: {}", hex32(p.offset), p.message);
+    if (refuses) {
+      error(path, text);
+      ok = false;
+    } else {
+      warning(path, text);
+    }
+  }
+  if (!ok) error(path, "damaged file; nothing was done (run: luafxs validate " + path + ")");
+  return ok;
+}
+
+LoadedFile::~LoadedFile() {
+  // The set closes the file and frees its records before the link goes.
+  set.reset();
+  link.reset();
+}
+
+std::unique_ptr<LoadedFile> loadChecked(const std::string& path, uint32_t mask, bool strict) {
+  auto file = std::make_unique<LoadedFile>();
+  file->path = path;
+  file->inspection = luAfxsInspect(widen(path), true);
+  if (!checkBeforeLoad(path, file->inspection, strict)) return nullptr;
+  file->link = std::make_unique<LuAfxsUserLink>(widen(path).c_str());
+  file->set = std::make_unique<LuAfxsUserDataSet>(*file->link);
+  if (!file->set->load(mask)) {
+    error(path, "the reader could not load the file");
+    return nullptr;
+  }
+  file->set->closefile();
+  for (LuAfxsUserData* data : *file->set) file->planes.push_back(&data->getPlaneData());
+  return file;
+}
+
+bool writeOutput(const std::string& path, const std::string& text, bool binary) {
+  if (path.empty() || path == "-") {
+    return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
+           std::fflush(stdout) == 0;
+  }
+  std::ofstream out(path, binary ? std::ios::binary | std::ios::trunc : std::ios::trunc);
+  if (!out) {
+    error(path, "cannot be written");
+    return false;
+  }
+  out.write(text.data(), static_cast<std::streamsize>(text.size()));
+  out.close();
+  if (!out) {
+    error(path, "writing failed");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace luafxs

@@ -1,0 +1,128 @@
+// luafxs: look at, dump, check, unify and plot cross-section files. A thin
+// main that parses the command line and hands each verb to its function.
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+#include "luafxs.h"
+
+namespace {
+
+constexpr const char* kVersion = "1.0.0";
+
+std::string example(const std::string& text) { return "\nExample:\n  " + text + "\n"; }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace luafxs;
+  CLI::App app{"luafxs: look at, dump, check, unify and plot luAnaf cross-section files (.afxs)"};
+  app.set_version_flag("--version", std::string("luafxs ") + kVersion);
+  app.require_subcommand(1);
+  app.footer(
+      "Exit codes: 0 ok, 1 bad or damaged input (or a failed operation), 2 usage.\n"
+      "Run 'luafxs VERB --help' for the options of a verb.");
+
+  InfoArgs info;
+  auto* infoCmd = app.add_subcommand("info",
+                                     "Header, cameras, counts and field groups of a file "
+                                     "(reads the index only)");
+  infoCmd->add_option("FILE", info.file, "the .afxs file")->required();
+  infoCmd->add_flag("--json", info.json, "print one JSON object (see docs/luafxs.md)");
+  infoCmd->footer(example("luafxs info scan.afxs --json"));
+
+  ValidateArgs validate;
+  auto* validateCmd = app.add_subcommand(
+      "validate", "Deep check of a file; exit 0 clean, 1 damaged, 2 usage. Never changes the file");
+  validateCmd->add_option("FILE", validate.file, "the .afxs file")->required();
+  validateCmd->add_flag("--json", validate.json, "print one JSON object");
+  validateCmd->footer(example("luafxs validate scan.afxs"));
+
+  DumpArgs dump;
+  auto* dumpCmd = app.add_subcommand("dump", "The points of a file as xyz, csv, ply or json");
+  dumpCmd->add_option("FILE", dump.file, "the .afxs file")->required();
+  dumpCmd->add_option("--plane", dump.plane, "only this plane number");
+  dumpCmd->add_option("--subset", dump.subset, "only this subset number");
+  dumpCmd->add_option("--fields", dump.fields,
+                      "comma-separated: points,normals,segments,aux,results,distances "
+                      "(default: all the file holds)");
+  dumpCmd->add_option("--format", dump.format, "xyz (default), csv, ply, ply-binary or json")
+      ->check(CLI::IsMember({"xyz", "csv", "ply", "ply-binary", "json"}));
+  dumpCmd->add_flag("--binary", dump.binary, "with --format ply: binary little-endian PLY");
+  dumpCmd->add_option("-o,--output", dump.output, "write here instead of standard output");
+  dumpCmd->footer(example("luafxs dump scan.afxs --plane 3 --format ply -o plane3.ply"));
+
+  UnifyArgs unify;
+  auto* unifyCmd =
+      app.add_subcommand("unify", "Unify the data sets of one cross-section into one output file");
+  unifyCmd->add_option("-o,--output", unify.output, "the output .afxs file")->required();
+  unifyCmd
+      ->add_option("INPUTS", unify.inputs,
+                   "input files, each optionally followed by :ID, the subset id its planes "
+                   "are written under (default: they keep their own)")
+      ->required();
+  unifyCmd->add_flag("--blend", unify.blend, "blend overlapping subsets of a plane into one");
+  unifyCmd->add_option("--xs-id", unify.xsId, "the cross-section id (default 0)");
+  unifyCmd->add_option("--load-mode", unify.loadMode,
+                       "field mask the planes are loaded with (default 63: all)");
+  unifyCmd->footer(
+      example("luafxs unify --blend -o unified.afxs left.afxs:1 right.afxs:2") +
+      "\nAdding data sets to, or removing them from, an earlier unification needs the\n"
+      "registry of that unification, which lives in the memory of the process that made\n"
+      "it. Separate luafxs runs do not share it, so there are no 'add' or 'remove-sets'\n"
+      "verbs: run unify again with the full list of inputs.\n");
+
+  RemoveArgs remove;
+  auto* removeCmd = app.add_subcommand(
+      "remove",
+      "Remove field groups from a file by rewriting it (result points and distances "
+      "always go too)");
+  removeCmd->add_option("FILE", remove.file, "the .afxs file (rewritten in place)")->required();
+  removeCmd
+      ->add_option("--fields", remove.fields,
+                   "comma-separated groups to remove: normals,segments,aux,results,distances")
+      ->required();
+  removeCmd->footer(example("luafxs remove scan.afxs --fields normals"));
+
+  PlotArgs plot;
+  auto* plotCmd = app.add_subcommand("plot", "An SVG of one plane seen along the header's normal");
+  plotCmd->add_option("FILES", plot.files, "one or more .afxs files, drawn on one plot")
+      ->required();
+  plotCmd->add_option("--plane", plot.plane, "plane number (default: the first of the first file)");
+  plotCmd->add_option("-o,--output", plot.output, "write the SVG here instead of standard output");
+  plotCmd->add_flag("--normals", plot.normals, "draw the normals");
+  plotCmd->add_flag("--results", plot.results, "draw the result points");
+  plotCmd->footer(example("luafxs plot left.afxs right.afxs unified.afxs --plane 20 -o cmp.svg"));
+
+  DemoArgs demo;
+  auto* demoCmd = app.add_subcommand(
+      "demo", "Synthesise two overlapping scans, unify them with blending, plot before and after");
+  demoCmd->add_option("DIR", demo.dir, "output folder (default: luafxs-demo)");
+  demoCmd->footer(example("luafxs demo /tmp/demo"));
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    app.exit(e);
+    return kExitUsage;
+  }
+
+  try {
+    if (*infoCmd) return runInfo(info);
+    if (*validateCmd) return runValidate(validate);
+    if (*dumpCmd) return runDump(dump);
+    if (*unifyCmd) return runUnify(unify);
+    if (*removeCmd) return runRemove(remove);
+    if (*plotCmd) return runPlot(plot);
+    if (*demoCmd) return runDemo(demo);
+  } catch (const std::exception& e) {
+    error("", std::string("internal error: ") + e.what());
+    return kExitBad;
+  }
+  return kExitUsage;
+}

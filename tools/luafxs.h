@@ -1,0 +1,142 @@
+// Shared pieces of the luafxs verbs: exit codes, the one-line error format,
+// the safe way to load a file, the plot writer that plot and demo share.
+// Every verb calls the public API only; no format logic lives here.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <luAnaf/luAfxsInspect.h>
+#include <luAnaf/luAnaf.h>
+#include <nlohmann/json.hpp>
+
+namespace luafxs {
+
+constexpr int kExitOk = 0;
+constexpr int kExitBad = 1;    // bad or damaged input, or an operation that failed
+constexpr int kExitUsage = 2;  // wrong command line
+
+// "luafxs: <file>: <what>" on standard error.
+void error(const std::string& file, const std::string& what);
+// "luafxs: <file>: warning: <what>" on standard error.
+void warning(const std::string& file, const std::string& what);
+
+std::wstring widen(const std::string& path);
+std::string narrow(const std::wstring& text);
+std::string hex32(uint64_t value);
+// "points segments normals" for a field mask.
+std::string maskNames(uint32_t mask);
+nlohmann::json maskNameList(uint32_t mask);
+// A field list such as "points,normals,results" as a mask; false and a
+// message for an unknown name.
+bool parseFields(const std::string& list, uint32_t& mask, std::string& bad);
+
+// Whether standard output / error is a terminal (no colour, no progress bar
+// otherwise).
+bool stdoutIsTerminal();
+bool stderrIsTerminal();
+
+// Checks a file with the inspection walk and prints what is wrong with it
+// (one "luafxs: <file>: ..." line per problem). With strict, any problem
+// refuses the file; otherwise only problems that would make a load fail
+// (the others are printed as warnings). True when the file may be loaded.
+bool checkBeforeLoad(const std::string& path, const LuAfxsInspection& in, bool strict);
+
+// A file loaded through the reader after it passed checkBeforeLoad. The
+// link outlives the set (declaration order).
+struct LoadedFile {
+  std::string path;
+  LuAfxsInspection inspection;
+  std::unique_ptr<LuAfxsUserLink> link;
+  std::unique_ptr<LuAfxsUserDataSet> set;
+  std::vector<const LuAfxsPlane*> planes;  // load order
+  ~LoadedFile();
+};
+// Inspects, refuses a damaged file (printing why), then loads every field
+// group in mask. Null on failure; the file is never handed to the load when
+// the inspection says the load would fail, so it is never deleted.
+std::unique_ptr<LoadedFile> loadChecked(const std::string& path, uint32_t mask, bool strict);
+
+// Writes text to path, or to standard output when path is empty or "-".
+bool writeOutput(const std::string& path, const std::string& text, bool binary = false);
+
+// ---- Plot ------------------------------------------------------------------
+struct PlotLayer {
+  std::string label;         // legend text
+  const LuAfxsPlane* plane;  // not owned
+};
+struct PlotOptions {
+  bool normals = false;
+  bool results = false;
+  std::string title;
+};
+// An SVG of the layers seen along `normal`: each layer in its own colour,
+// segments as separate polylines, a legend and axes with ticks in the
+// file's units.
+std::string plotSvg(const std::vector<PlotLayer>& layers, const double normal[3],
+                    const PlotOptions& options);
+
+// ---- Verbs -----------------------------------------------------------------
+struct InfoArgs {
+  std::string file;
+  bool json = false;
+};
+struct ValidateArgs {
+  std::string file;
+  bool json = false;
+};
+struct DumpArgs {
+  std::string file;
+  int64_t plane = -1;
+  int64_t subset = -1;
+  std::string fields;
+  std::string format = "xyz";
+  bool binary = false;
+  std::string output;
+};
+struct UnifyArgs {
+  std::string output;
+  std::vector<std::string> inputs;
+  bool blend = false;
+  uint32_t xsId = 0;
+  uint32_t loadMode = LU_AFXS_MASK_ALL;
+};
+struct RemoveArgs {
+  std::string file;
+  std::string fields;
+};
+struct PlotArgs {
+  std::vector<std::string> files;
+  int64_t plane = -1;
+  std::string output;
+  bool normals = false;
+  bool results = false;
+};
+struct DemoArgs {
+  std::string dir = "luafxs-demo";
+};
+
+int runInfo(const InfoArgs& args);
+int runValidate(const ValidateArgs& args);
+int runDump(const DumpArgs& args);
+int runUnify(const UnifyArgs& args);
+int runRemove(const RemoveArgs& args);
+int runPlot(const PlotArgs& args);
+int runDemo(const DemoArgs& args);
+
+// The unification itself, shared by unify and demo. Inputs must have passed
+// the strict check. Fills the summary; false when the output is missing.
+struct UnifySummary {
+  uint64_t planesWritten = 0;
+  uint64_t planesBlended = 0;
+  uint64_t positionsSkipped = 0;
+  std::vector<std::string> failures;  // level-5 log lines
+};
+bool unifyFiles(const std::vector<std::string>& inputs, const std::vector<uint32_t>& ids,
+                const std::string& output, bool blend, uint32_t xsId, uint32_t loadMode,
+                bool progress, UnifySummary& summary);
+
+}  // namespace luafxs

@@ -1,0 +1,40 @@
+// luafxs validate: the deep check of a file through the inspection walk.
+// Reads only; never hands the file to the reader.
+#include <fmt/format.h>
+
+#include "luafxs.h"
+
+namespace luafxs {
+
+int runValidate(const ValidateArgs& args) {
+  LuAfxsInspection in = luAfxsInspect(widen(args.file), true);
+  if (args.json) {
+    nlohmann::json problems = nlohmann::json::array();
+    for (const LuAfxsInspectProblem& p : in.problems)
+      problems.push_back(
+          {{"offset", p.offset}, {"breaksLoad", p.breaksLoad}, {"message", p.message}});
+    nlohmann::json out = {{"file", args.file},
+                          {"opened", in.opened},
+                          {"size", in.fileSize},
+                          {"clean", in.opened && in.clean()},
+                          {"loadable", in.loadable()},
+                          {"records", in.records.size()},
+                          {"planeSubsets", in.loadedSubsets},
+                          {"problems", problems}};
+    fmt::print("{}\n", out.dump(2));
+  } else if (in.opened && in.clean()) {
+    fmt::print("{}: ok: {} records, {} planes, {} plane subsets, {} results records\n", args.file,
+               in.records.size(), in.planes.size(), in.loadedSubsets, in.resultsRecords);
+  } else {
+    for (const LuAfxsInspectProblem& p : in.problems)
+      fmt::print("{}: at {}: {}{}\n", args.file, hex32(p.offset), p.message,
+                 p.breaksLoad ? " [the reader cannot load the file]" : "");
+    fmt::print("{}: damaged: {} problem{}{}\n", args.file, in.problems.size(),
+               in.problems.size() == 1 ? "" : "s",
+               in.loadable() ? " (the reader can still load it)" : "");
+  }
+  if (!in.opened) error(args.file, "cannot be opened for reading");
+  return in.opened && in.clean() ? kExitOk : kExitBad;
+}
+
+}  // namespace luafxs
