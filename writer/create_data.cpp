@@ -1,6 +1,5 @@
 // LuAfxsCreateData: buffers one plane of one subset and writes it as one
 // plane-subset record through its LuAfxsCreateLink.
-#include <cstring>
 #include <vector>
 
 #include <luAnaf/luAfxsCreate.h>
@@ -25,9 +24,12 @@ void putBlock(FILE* f, uint32_t id, const std::vector<T>& values) {
   afxs::putBytes(f, values.data(), static_cast<size_t>(bytes));
 }
 
+// A double[3] array has the layout of LuVec3 (three binary64, 24 bytes), so
+// the points are copied in one go, without first zero-filling the vector.
 void copyPoints(std::vector<LuVec3>& out, const double (*points)[3], size_t count) {
-  out.resize(count);
-  std::memcpy(out.data(), points, count * sizeof(LuVec3));
+  static_assert(sizeof(LuVec3) == sizeof(double[3]) && alignof(LuVec3) == alignof(double));
+  const LuVec3* first = reinterpret_cast<const LuVec3*>(points);
+  out.assign(first, first + count);
 }
 
 }  // namespace
