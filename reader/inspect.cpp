@@ -157,6 +157,9 @@ struct Walk {
   LuAfxsInspection& out;
   bool deep;
   uint64_t budget;  // bytes of record bodies still allowed to be walked
+  // The record chain was walked to its end; without that, records outside
+  // it and the STATE line are not judged (the damage is already named).
+  bool chainComplete = false;
 
   void problem(uint64_t offset, bool breaksLoad, std::string message) {
     out.problems.push_back({offset, breaksLoad, std::move(message)});
@@ -299,6 +302,7 @@ void Walk::chain() {
     from = uint64_t{offset} + afxs::kNextFieldOffset;
     offset = record.next;
   }
+  chainComplete = true;
 }
 
 // Walks the field blocks of one record from `at` up to and including its end
@@ -514,7 +518,7 @@ void Walk::subsetChains() {
         extra.kind = kind;
         extra.inChain = false;
         file.u32(uint64_t{at} + 4, extra.next);
-        if (kind == LU_AFXS_REC_PLANE_SUBSET)
+        if (kind == LU_AFXS_REC_PLANE_SUBSET && chainComplete)
           problem(at, false,
                   format("plane-subset record at %s (plane %u) is not in the record chain",
                          hex(at).c_str(), planeId));
@@ -733,7 +737,7 @@ void Walk::counts() {
         out.subsetIds.push_back(r.subsetId);
       if (r.end != 0) lengths(r);
     }
-  if (out.headerParsed && complete && out.state != out.expectedState)
+  if (out.headerParsed && chainComplete && complete && out.state != out.expectedState)
     problem(0, false,
             format("STATE line says 0x%.8X, but the AND of the plane-subset records' field masks "
                    "is 0x%.8X",

@@ -33,7 +33,11 @@ int runValidate(const ValidateArgs& args) {
                in.problems.size() == 1 ? "" : "s",
                in.loadable() ? " (the reader can still load it)" : "");
   }
-  if (!in.opened) error(args.file, "cannot be opened for reading");
+  if (!in.opened)
+    error(args.file, "cannot be opened for reading");
+  else if (!in.clean())
+    error(args.file, fmt::format("damaged: {} problem{}", in.problems.size(),
+                                 in.problems.size() == 1 ? "" : "s"));
   return in.opened && in.clean() ? kExitOk : kExitBad;
 }
 
