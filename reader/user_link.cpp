@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <locale>
 #include <string>
 #include <unordered_set>
 
@@ -131,6 +132,9 @@ bool LuAfxsUserLink::readHeader() {
   int version = -1;  // the header's version field is intentionally never set here
 
   std::ifstream in(headerStreamPath(m_filePath));
+  // Numbers are read as the writer's C-locale printf wrote them, whatever
+  // global locale the client has set.
+  in.imbue(std::locale::classic());
   bool ok = in.is_open();
   std::string word;
   if (ok) ok = static_cast<bool>(in >> word) && word == afxs::kFileIdentifier;

@@ -1,0 +1,197 @@
+// Reader throughput: loading every field of a large file beside a raw fread
+// of the same bytes, opening and indexing a file of many small records, and
+// removing one field group by rewriting the large file.
+//
+//   build-*/bench/read_bench                      (1,000 planes x 2 subsets x 5,000 points)
+//   LUANAF_READ_BENCH_PLANES=100 build-*/bench/read_bench   (a smaller file for a quick look)
+//
+// The files are written once per process with the writer into the system's
+// temporary folder and deleted at exit.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <luAnaf/luAnaf.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint32_t kSubsets = 2;
+constexpr size_t kPoints = 5000;
+constexpr uint32_t kIndexRecords = 100000;
+
+uint32_t planeCount() {
+  const char* env = std::getenv("LUANAF_READ_BENCH_PLANES");
+  if (env && std::atoi(env) > 0) return static_cast<uint32_t>(std::atoi(env));
+  return 1000;
+}
+
+fs::path benchDir() {
+  static fs::path dir = [] {
+    fs::path d = fs::temp_directory_path() / ("luanaf-read-bench-" + std::to_string(::getpid()));
+    fs::create_directories(d);
+    std::atexit([] {
+      std::error_code ec;
+      fs::remove_all(
+          fs::temp_directory_path() / ("luanaf-read-bench-" + std::to_string(::getpid())), ec);
+    });
+    return d;
+  }();
+  return dir;
+}
+
+const double (*raw(const std::vector<LuVec3>& v))[3] {
+  return reinterpret_cast<const double(*)[3]>(v.data());
+}
+
+// Writes planes x subsets records of `points` points with every field group.
+bool writeFile(const fs::path& file, uint32_t planes, uint32_t subsets, size_t points,
+               bool everyField) {
+  std::vector<LuVec3> pts(points), nrm(points), res(points);
+  std::vector<double> dist(points);
+  std::vector<uint32_t> aux(points), counts(points, 1);
+  std::vector<int> segments = {static_cast<int>(points / 2), static_cast<int>(points)};
+  for (size_t i = 0; i < points; ++i) {
+    double d = static_cast<double>(i);
+    pts[i] = {d, d * 0.5, 1};
+    nrm[i] = {0, 0, 1};
+    res[i] = {d + 0.25, d * 0.5, 1};
+    dist[i] = 0.25;
+    aux[i] = static_cast<uint32_t>(i);
+  }
+  LuAfxsCreateLink link(file.wstring().c_str());
+  LuAfxsHeader header;
+  header.normal[2] = 1;
+  header.numPlanes = planes;
+  header.distBwPlanes = 0.5;
+  link.setHeader(header);
+  LuAfxsCamerasTable cameras;
+  cameras.cameras = {{1000, 0, 250}, {-1000, 0, 250}};
+  link.setCameras(cameras);
+  if (!link.create(true)) return false;
+  for (uint32_t p = 0; p < planes; ++p) {
+    for (uint32_t s = 1; s <= subsets; ++s) {
+      LuAfxsCreateData data(link, p, s);
+      data.setPoints(raw(pts), points);
+      if (everyField) {
+        data.setSegments(segments.data(), segments.size());
+        data.setNormals(raw(nrm), points);
+        data.setAuxCtrlPos(aux.data(), points, counts.data(), points);
+        data.setResPoints(raw(res), points);
+        data.setDistances(dist.data(), points);
+      }
+      if (!data.flush()) return false;
+    }
+  }
+  link.release();
+  link.closeFile(true);
+  return link.isOK();
+}
+
+const fs::path& bigFile() {
+  static fs::path file = [] {
+    fs::path f = benchDir() / "big.afxs";
+    if (!writeFile(f, planeCount(), kSubsets, kPoints, true)) std::abort();
+    return f;
+  }();
+  return file;
+}
+
+const fs::path& indexFile() {
+  static fs::path file = [] {
+    fs::path f = benchDir() / "index.afxs";
+    if (!writeFile(f, kIndexRecords / 2, 2, 1, false)) std::abort();
+    return f;
+  }();
+  return file;
+}
+
+void BM_LoadEveryField(benchmark::State& state) {
+  const fs::path& file = bigFile();
+  size_t records = 0;
+  for (auto _ : state) {
+    LuAfxsUserLink link(file.wstring().c_str());
+    LuAfxsUserDataSet set(link);
+    if (!set.load(63)) state.SkipWithError("load failed");
+    records = set.size();
+    benchmark::DoNotOptimize(records);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                          static_cast<int64_t>(fs::file_size(file)));
+  state.counters["records"] = static_cast<double>(records);
+}
+BENCHMARK(BM_LoadEveryField)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The same bytes with one fread into a fresh buffer of the file's size: what
+// reading the file into memory costs at the least.
+void BM_RawFreadFreshBuffer(benchmark::State& state) {
+  const fs::path& file = bigFile();
+  size_t size = fs::file_size(file);
+  for (auto _ : state) {
+    std::unique_ptr<char[]> buffer(new char[size]);
+    FILE* f = std::fopen(file.c_str(), "rb");
+    size_t got = std::fread(buffer.get(), 1, size, f);
+    std::fclose(f);
+    if (got != size) state.SkipWithError("short read");
+    benchmark::DoNotOptimize(buffer.get());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(size));
+}
+BENCHMARK(BM_RawFreadFreshBuffer)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The same bytes through one reused 1 MiB buffer: the copy from the page
+// cache alone, without touching new memory.
+void BM_RawFreadReusedBuffer(benchmark::State& state) {
+  const fs::path& file = bigFile();
+  size_t size = fs::file_size(file);
+  std::vector<char> buffer(1 << 20);
+  for (auto _ : state) {
+    FILE* f = std::fopen(file.c_str(), "rb");
+    size_t total = 0, got = 0;
+    while ((got = std::fread(buffer.data(), 1, buffer.size(), f)) > 0) total += got;
+    std::fclose(f);
+    if (total != size) state.SkipWithError("short read");
+    benchmark::DoNotOptimize(buffer.data());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(size));
+}
+BENCHMARK(BM_RawFreadReusedBuffer)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Verify, scan the chain and walk every subset chain of 100,000 plane-subset
+// records (load of no field: the directory of each record only).
+void BM_OpenAndIndex(benchmark::State& state) {
+  const fs::path& file = indexFile();
+  for (auto _ : state) {
+    LuAfxsUserLink link(file.wstring().c_str());
+    LuAfxsUserDataSet set(link);
+    if (!set.load(0) || set.size() != kIndexRecords) state.SkipWithError("index failed");
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kIndexRecords);
+}
+BENCHMARK(BM_OpenAndIndex)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Removing the normals from the large file: every other field is loaded and
+// the file rewritten. The file is restored (untimed) before each iteration.
+void BM_RemoveNormals(benchmark::State& state) {
+  const fs::path& file = bigFile();
+  fs::path work = benchDir() / "remove.afxs";
+  for (auto _ : state) {
+    state.PauseTiming();
+    fs::copy_file(file, work, fs::copy_options::overwrite_existing);
+    state.ResumeTiming();
+    LuAfxsUserLink link(work.wstring().c_str());
+    LuAfxsUserDataSet set(link);
+    if (!set.remove(LU_AFXS_MASK_NORMALS)) state.SkipWithError("remove failed");
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                          static_cast<int64_t>(fs::file_size(file)));
+}
+BENCHMARK(BM_RemoveNormals)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
+
+}  // namespace
