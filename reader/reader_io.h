@@ -16,4 +16,11 @@ inline void requireInFile(uint64_t at, uint64_t count, uint64_t fileSize) {
   if (at > fileSize || count > fileSize - at) fail();
 }
 
+// Whether a read-only stream already stands at `offset`, so that seeking there
+// can be left out (each seek costs a system call). Streams open for writing
+// always seek: a read after a write needs the seek in between.
+inline bool alreadyAt(FILE* f, int64_t offset, bool readOnly) {
+  return readOnly && luio::tell(f) == offset;
+}
+
 }  // namespace afxs

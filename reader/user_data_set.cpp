@@ -10,6 +10,7 @@
 #include "format/coding.h"
 #include "format/format.h"
 #include "format/io_error.h"
+#include "reader/reader_io.h"
 
 namespace {
 
@@ -66,7 +67,7 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
         if (m_dataList.size() >= maxRecords) afxs::fail();
         f = m_link->m_file;  // the link keeps its stream open during the walk
         if (!f) afxs::fail();
-        afxs::seekTo(f, offset);
+        if (!afxs::alreadyAt(f, offset, !m_link->m_fileOpenForWrite)) afxs::seekTo(f, offset);
         if (afxs::getU32(f) != LU_AFXS_REC_PLANE_SUBSET) afxs::fail();
         afxs::getU32(f);  // the record chain's next field: not used here
         uint32_t subsetId = afxs::getU32(f);

@@ -212,6 +212,7 @@ bool LuAfxsUserLink::scanRecords() {
 FILE* LuAfxsUserLink::openFile(long offset, bool forWrite) {
   if (!m_fileExists) return nullptr;
   if (m_file && forWrite && !m_fileOpenForWrite) closeFile(true);
+  const bool reused = m_file != nullptr;
   if (!m_file) {
     m_file = luio::open(m_filePath, forWrite ? "r+b" : "rb");
     if (m_file) m_fileOpenForWrite = forWrite;
@@ -222,6 +223,8 @@ FILE* LuAfxsUserLink::openFile(long offset, bool forWrite) {
     err = errno;
   } else if (luio::error(m_file)) {
     err = errno;
+  } else if (reused && afxs::alreadyAt(m_file, offset, !m_fileOpenForWrite)) {
+    return m_file;  // a seek to where the stream stands would change nothing
   } else if (luio::seek(m_file, offset, SEEK_SET) != 0) {
     err = errno;
   } else {
