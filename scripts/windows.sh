@@ -5,7 +5,7 @@
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 source "$here/scripts/deps.sh"
-luanaf_need_packages cmake ninja-build g++-mingw-w64-x86-64-posix wine64 wine googletest
+luanaf_need_packages cmake ninja-build g++-mingw-w64-x86-64-posix wine64 wine googletest nlohmann-json3-dev
 build="${LUANAF_BUILD_DIR:-$here/build}/windows"
 toolchain="$here/cmake/toolchain-mingw64.cmake"
 jobs="$(nproc)"
@@ -19,7 +19,12 @@ if [ ! -f "$gtest_prefix/lib/cmake/GTest/GTestConfig.cmake" ]; then
   cmake --install "$build/gtest" >/dev/null
 fi
 
+# nlohmann-json is header-only: the tests use Debian's copy of it.
+mkdir -p "$build/extra-include"
+ln -sfn /usr/include/nlohmann "$build/extra-include/nlohmann"
+
 cmake -S "$here" -B "$build/luanaf" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+  -DCMAKE_CXX_FLAGS="-D__USE_MINGW_ANSI_STDIO=1 -isystem $build/extra-include" \
   -DCMAKE_BUILD_TYPE=Release -DGTest_DIR="$gtest_prefix/lib/cmake/GTest" \
   -DLUANAF_BUILD_BENCH=OFF -DLUANAF_BUILD_TOOLS=OFF -DLUANAF_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build/luanaf" -j "$jobs"
