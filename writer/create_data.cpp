@@ -119,13 +119,12 @@ bool LuAfxsCreateData::flush() {
   if (m_mask & LU_AFXS_MASK_DISTANCES) body += blockBytes(p.distances);
   if (m_mask & LU_AFXS_MASK_RESPOINTS) body += blockBytes(p.resPoints);
 
-  FILE* f = m_link.m_file;
+  FILE* f = nullptr;
   try {
     // Field blocks that would end past u32 offsets are refused before the
     // record is appended, so the records before it stay intact. When even
     // the record's head does not fit, the link refuses it itself.
-    afxs::seekEnd(f);
-    const int64_t end = afxs::position(f);
+    const int64_t end = m_link.seekAppendPosition();
     const uint64_t head = afxs::kSubsetRecordHead +
                           (m_link.m_planeLinks.count(p.planeId) != 0 ? 0 : afxs::kPlaneRecordSize);
     if (static_cast<uint64_t>(end) + head <= afxs::kMaxFileOffset + 1)

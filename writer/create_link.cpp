@@ -86,6 +86,7 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
       return false;
     }
   }
+  m_atEnd = false;
   m_file = luio::open(m_path, "w+b");
   if (m_file == nullptr) {
     afxs::report(afxs::kErrCreateOpen, afxs::kCreateSource, m_path);
@@ -121,6 +122,7 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
     m_stateLineOffset = afxs::offset32(m_file);
     putHeaderLine(m_file, LuStrFrmt::format(headerLineFormat(afxs::kLineState), 0u));
     putHeaderLine(m_file, LuStrFrmt::format(headerLineFormat(afxs::kLineHeaderEnd)));
+    m_atEnd = true;
     m_ok = true;
   } catch (...) {
     afxs::report(afxs::kErrCreateHeader, afxs::kCreateSource, m_path);
@@ -134,6 +136,7 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
 bool LuAfxsCreateLink::reopenForRecord() {
   if (!m_ok) return false;
   if (m_file != nullptr) return true;
+  m_atEnd = false;
   m_file = luio::open(m_path, "r+b");
   if (m_file == nullptr) {
     // Intended: ok stays as it is, so a later record may try again.
@@ -143,15 +146,24 @@ bool LuAfxsCreateLink::reopenForRecord() {
   return true;
 }
 
+int64_t LuAfxsCreateLink::seekAppendPosition() {
+  // Seeks on an update stream are costly (each one flushes and refills the
+  // stdio buffer), so the end is only sought when the stream is elsewhere.
+  if (!m_atEnd) {
+    afxs::seekEnd(m_file);
+    m_atEnd = true;
+  }
+  return afxs::position(m_file);
+}
+
 bool LuAfxsCreateLink::createCamerasRecord() {
   if (m_cameras.cameras.empty()) return false;
   if (!reopenForRecord()) return false;
   const uint64_t dataBytes = static_cast<uint64_t>(m_cameras.cameras.size()) * afxs::kPointSize;
   try {
     // The whole record must end inside u32 offsets; nothing is written otherwise.
-    afxs::seekEnd(m_file);
-    afxs::requireRoom(afxs::position(m_file), afxs::kRecordHeaderSize + afxs::kFieldHeaderSize +
-                                                  dataBytes + afxs::kEndMarkSize);
+    afxs::requireRoom(seekAppendPosition(), afxs::kRecordHeaderSize + afxs::kFieldHeaderSize +
+                                                dataBytes + afxs::kEndMarkSize);
   } catch (...) {
     afxs::report(afxs::kErrCamerasRecord, afxs::kCreateSource, m_path);
     m_ok = false;
@@ -178,6 +190,7 @@ void LuAfxsCreateLink::closeFile(bool close) {
   if (m_stateDirty) {
     m_stateDirty = false;
     try {
+      m_atEnd = false;
       afxs::seekTo(m_file, m_stateLineOffset);
       putHeaderLine(m_file, LuStrFrmt::format(afxs::headerLineFormat(afxs::kLineState), m_state));
     } catch (...) {
@@ -201,8 +214,7 @@ void LuAfxsCreateLink::setCameras(const LuAfxsCamerasTable& cameras) {
 FILE* LuAfxsCreateLink::createNewRecord(luafxs_records_en kind) {
   if (!reopenForRecord()) return nullptr;
   try {
-    afxs::seekEnd(m_file);
-    const int64_t end = afxs::position(m_file);
+    const int64_t end = seekAppendPosition();
     // A record header that would end past u32 offsets is refused before
     // anything is written, so the records before it stay intact.
     afxs::requireRoom(end, afxs::kRecordHeaderSize);
@@ -211,6 +223,7 @@ FILE* LuAfxsCreateLink::createNewRecord(luafxs_records_en kind) {
     const uint32_t nextField = recordOffset + afxs::kNextFieldOffset;
     afxs::putU32(m_file, 0);
 
+    m_atEnd = false;
     afxs::seekTo(m_file, m_patchOffset);
     if (m_recordCount != 0) {
       afxs::putU32(m_file, recordOffset);
@@ -221,7 +234,10 @@ FILE* LuAfxsCreateLink::createNewRecord(luafxs_records_en kind) {
     ++m_recordCount;
     m_lastRecordOffset = recordOffset;
     m_patchOffset = nextField;
-    afxs::seekEnd(m_file);
+    // The patch lies before the new record (in the header or an earlier
+    // record), so the end is right behind the new record's header.
+    afxs::seekTo(m_file, end + static_cast<int64_t>(afxs::kRecordHeaderSize));
+    m_atEnd = true;
     return m_file;
   } catch (...) {
     afxs::report(afxs::kErrRecordWrite, afxs::kCreateSource, m_path);
@@ -236,8 +252,7 @@ FILE* LuAfxsCreateLink::createPlaneSubsetRecord(uint32_t planeId, uint32_t subse
   try {
     // The plane record (if any) and the subset record's head must end inside
     // u32 offsets; nothing is written otherwise.
-    afxs::seekEnd(m_file);
-    afxs::requireRoom(afxs::position(m_file),
+    afxs::requireRoom(seekAppendPosition(),
                       (newPlane ? afxs::kPlaneRecordSize : 0) + afxs::kSubsetRecordHead);
   } catch (...) {
     afxs::report(afxs::kErrSubsetRecord, afxs::kCreateSource, m_path);
@@ -269,10 +284,15 @@ FILE* LuAfxsCreateLink::createPlaneSubsetRecord(uint32_t planeId, uint32_t subse
     const uint32_t nextSubsetField = m_lastRecordOffset + afxs::kSubsetNextSubsetOffset;
     afxs::putU32(f, 0);
     uint32_t& planeLink = m_planeLinks[planeId];
+    // The end of the file: behind this head, or behind a stale link of an
+    // earlier create that lies past it.
+    const int64_t end = std::max<int64_t>(nextSubsetField + 4, int64_t{planeLink} + 4);
+    m_atEnd = false;
     afxs::seekTo(f, planeLink);
     afxs::putU32(f, m_lastRecordOffset);
     planeLink = nextSubsetField;
-    afxs::seekEnd(f);
+    afxs::seekTo(f, end);
+    m_atEnd = true;
     return f;
   } catch (...) {
     afxs::report(afxs::kErrSubsetRecord, afxs::kCreateSource, m_path);

@@ -78,6 +78,9 @@ protected:
   // "r+b"; when that fails, reports 0xc41b0011 and returns false, leaving ok
   // as it is. Used before a record is appended.
   bool reopenForRecord();
+  // The end of the file, where the next record goes; the stream is left
+  // there. Seeks only when the stream is elsewhere.
+  int64_t seekAppendPosition();
 
   LuAfxsHeader m_header;
   LuAfxsCamerasTable m_cameras;
@@ -92,6 +95,10 @@ protected:
   uint32_t m_lastRecordOffset = 0;
   uint32_t m_patchOffset = 0;
   uint32_t m_stateLineOffset = 0;
+  // The stream stands at the end of the file (after the header, a record or
+  // a field block), so appending needs no seek. Cleared by every seek
+  // elsewhere and by a reopen.
+  bool m_atEnd = false;
   std::map<uint32_t, uint32_t> m_planeLinks;  // plane -> offset of its last subset link
 };
 

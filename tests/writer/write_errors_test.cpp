@@ -34,7 +34,7 @@ protected:
 
 // ---- Faults from the I/O seam ----------------------------------------------
 
-enum class Phase { Create, Flush };
+enum class Phase { Create, Flush, SecondFlush };
 
 struct FaultCase {
   const char* name;
@@ -48,17 +48,19 @@ struct FaultCase {
 
 class FaultTest : public WriteErrorsTest, public ::testing::WithParamInterface<FaultCase> {};
 
-// The flush of a new plane with points and segments (mask 3) on an open file
-// makes these calls, in order:
+// The first flush of a new plane with points and segments (mask 3) on a file
+// kept open makes these calls, in order:
 //   writes 1-3 plane record header and FIRST_RECORD line, 4-7 its body,
 //   8-10 subset record header and the plane record's next field, 11-12 its
 //   head, 13 the plane's subset link, 14-19 points and segments blocks,
 //   20-22 results link, 23-24 end mark, 25 the STATE line;
-//   seeks 1 room check, 2 the link's room check, 3-5 plane record header,
-//   6-8 subset record header, 9-10 subset link, 11 STATE line.
+//   tells 1 room check, 2 the link's room check, 3 and 4 record offsets;
+//   seeks 1-2 plane record's patch and back, 3-4 subset record's patch and
+//   back, 5-6 the plane's subset link and back, 7 the STATE line.
+// A second flush first seeks back to the end (seek 1) from the STATE line.
 // create with cameras makes writes 1-9 header lines, 10-12 the cameras
-// record header, 13-17 its body; seeks 1 room check, 2-4 record header;
-// tells 1-2 in the header.
+// record header, 13-17 its body; tells 1-2 in the header, 3 the room check,
+// 4 the record offset.
 TEST_P(FaultTest, FailureIsReportedOnceAndThePartialFileDoesNotSurvive) {
   const FaultCase& c = GetParam();
   auto link = c.cameras ? makeLink("out.afxs", {{1, 2, 3}}) : makeLink();
@@ -67,8 +69,11 @@ TEST_P(FaultTest, FailureIsReportedOnceAndThePartialFileDoesNotSurvive) {
     EXPECT_FALSE(link->create(true));
   } else {
     ASSERT_TRUE(link->create(true));
+    if (c.phase == Phase::SecondFlush) {
+      ASSERT_TRUE(flushPlane(*link, 0, 1));
+    }
     armFault(c.op, c.nth);
-    EXPECT_FALSE(flushPlane(*link, 0, 1));
+    EXPECT_FALSE(flushPlane(*link, 0, 2));
   }
   EXPECT_TRUE(luIoFaultFired());
   luIoFaultDisarm();
@@ -88,7 +93,8 @@ INSTANTIATE_TEST_SUITE_P(
         FaultCase{"FirstHeaderLine", false, Phase::Create, LuIoOp::Write, 1, 0xc41b000a, 189},
         FaultCase{"LastHeaderLine", false, Phase::Create, LuIoOp::Write, 9, 0xc41b000a, 189},
         FaultCase{"HeaderTell", false, Phase::Create, LuIoOp::Tell, 2, 0xc41b000a, 189},
-        FaultCase{"CamerasRoomSeek", true, Phase::Create, LuIoOp::Seek, 1, 0xc41b0004, 233},
+        FaultCase{"CamerasRoomTell", true, Phase::Create, LuIoOp::Tell, 3, 0xc41b0004, 233},
+        FaultCase{"CamerasRecordTell", true, Phase::Create, LuIoOp::Tell, 4, 0xc41b0012, 299},
         FaultCase{"CamerasRecordHeader", true, Phase::Create, LuIoOp::Write, 10, 0xc41b0012, 299},
         FaultCase{"CamerasFirstRecordLine", true, Phase::Create, LuIoOp::Write, 12, 0xc41b0012,
                   299},
@@ -96,25 +102,28 @@ INSTANTIATE_TEST_SUITE_P(
                   233},
         FaultCase{"CamerasData", true, Phase::Create, LuIoOp::Write, 15, 0xc41b0004, 233},
         FaultCase{"CamerasEndMark", true, Phase::Create, LuIoOp::Write, 17, 0xc41b0004, 233},
-        FaultCase{"FlushRoomSeek", false, Phase::Flush, LuIoOp::Seek, 1, 0xc41b0013, 576},
+        FaultCase{"SecondFlushSeekToEnd", false, Phase::SecondFlush, LuIoOp::Seek, 1, 0xc41b0013,
+                  576},
         FaultCase{"FlushRoomTell", false, Phase::Flush, LuIoOp::Tell, 1, 0xc41b0013, 576},
-        FaultCase{"PlaneRoomSeek", false, Phase::Flush, LuIoOp::Seek, 2, 0xc41b0005, 367},
+        FaultCase{"PlaneRoomTell", false, Phase::Flush, LuIoOp::Tell, 2, 0xc41b0005, 367},
         FaultCase{"PlaneRecordKind", false, Phase::Flush, LuIoOp::Write, 1, 0xc41b0012, 299},
         FaultCase{"FirstRecordLine", false, Phase::Flush, LuIoOp::Write, 3, 0xc41b0012, 299},
-        FaultCase{"PatchSeek", false, Phase::Flush, LuIoOp::Seek, 4, 0xc41b0012, 299},
+        FaultCase{"PatchSeek", false, Phase::Flush, LuIoOp::Seek, 1, 0xc41b0012, 299},
+        FaultCase{"BackToEndSeek", false, Phase::Flush, LuIoOp::Seek, 2, 0xc41b0012, 299},
         FaultCase{"PlaneNumber", false, Phase::Flush, LuIoOp::Write, 4, 0xc41b0005, 367},
         FaultCase{"PlaneEndMark", false, Phase::Flush, LuIoOp::Write, 7, 0xc41b0005, 367},
         FaultCase{"SubsetRecordKind", false, Phase::Flush, LuIoOp::Write, 8, 0xc41b0012, 299},
         FaultCase{"PreviousNextField", false, Phase::Flush, LuIoOp::Write, 10, 0xc41b0012, 299},
         FaultCase{"SubsetNumber", false, Phase::Flush, LuIoOp::Write, 11, 0xc41b0005, 367},
-        FaultCase{"SubsetLinkSeek", false, Phase::Flush, LuIoOp::Seek, 9, 0xc41b0005, 367},
+        FaultCase{"SubsetLinkSeek", false, Phase::Flush, LuIoOp::Seek, 5, 0xc41b0005, 367},
+        FaultCase{"SubsetLinkBackSeek", false, Phase::Flush, LuIoOp::Seek, 6, 0xc41b0005, 367},
         FaultCase{"SubsetLinkPatch", false, Phase::Flush, LuIoOp::Write, 13, 0xc41b0005, 367},
         FaultCase{"PointsBlock", false, Phase::Flush, LuIoOp::Write, 14, 0xc41b0013, 576},
         FaultCase{"PointsData", false, Phase::Flush, LuIoOp::Write, 16, 0xc41b0013, 576},
         FaultCase{"ResultsLink", false, Phase::Flush, LuIoOp::Write, 20, 0xc41b0013, 576},
         FaultCase{"EndMark", false, Phase::Flush, LuIoOp::Write, 24, 0xc41b0013, 576},
         FaultCase{"StateLineWrite", false, Phase::Flush, LuIoOp::Write, 25, 0xc41b0006, 406},
-        FaultCase{"StateLineSeek", false, Phase::Flush, LuIoOp::Seek, 11, 0xc41b0006, 406}),
+        FaultCase{"StateLineSeek", false, Phase::Flush, LuIoOp::Seek, 7, 0xc41b0006, 406}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Every single failed write, seek or tell of a whole file's writing is
