@@ -15,7 +15,8 @@ std::string example(const std::string& text) { return "\nExample:\n  " + text + 
 
 int main(int argc, char** argv) {
   using namespace luafxs;
-  CLI::App app{"luafxs: look at, dump, check, unify and plot luAnaf cross-section files (.afxs)"};
+  CLI::App app{"luafxs: look at, dump, check, unify and plot luAnaf cross-section files (.afxs)",
+               "luafxs"};
   app.set_version_flag("--version", std::string("luafxs ") + kVersion);
   app.require_subcommand(1);
   app.footer(

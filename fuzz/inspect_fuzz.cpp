@@ -1,0 +1,20 @@
+// The read-only inspection walk on arbitrary bytes: it must end, stay inside
+// the file, and agree with the reader: a file it calls loadable loads.
+#include <luAnaf/luAfxsInspect.h>
+
+#include <cstdlib>
+
+#include "fuzz_common.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  lufuzz::silence();
+  static const std::string path = lufuzz::scratchPath("inspect");
+  if (!lufuzz::writeFile(path, data, size)) return 0;
+  LuAfxsInspection in = luAfxsInspect(lufuzz::widen(path), true);
+  if (in.loadable()) {
+    LuAfxsUserLink link(lufuzz::widen(path).c_str());
+    LuAfxsUserDataSet set(link);
+    if (!set.load(LU_AFXS_MASK_ALL)) std::abort();
+  }
+  return 0;
+}
