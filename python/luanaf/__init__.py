@@ -26,6 +26,11 @@ Reading::
 Failures raise :class:`luanaf.Error`. The library's log records go to the
 :mod:`logging` logger ``"luanaf"`` (progress at INFO, failures at ERROR).
 
+Beside this surface, the library's own classes are available under their C++
+names (LuAfxsCreateLink, LuAfxsCreateData, LuAfxsUserLink, LuAfxsUserDataSet,
+LuAfxsUserData, LuAfxsHeader, LuAfxsPlane) for code that follows the C++ API
+step by step; their vectors cross as copies, and false results raise Error.
+
 The library keeps process-wide state without locks; every call holds the GIL
 for its whole duration, so calls from several Python threads run one at a time.
 """
@@ -36,6 +41,16 @@ import os as _os
 import numpy as _np
 
 from . import _luanaf
+from ._luanaf import (
+    LuAfxsCreateData,
+    LuAfxsCreateLink,
+    LuAfxsHeader,
+    LuAfxsPlane,
+    LuAfxsUserData,
+    LuAfxsUserDataSet,
+    LuAfxsUserLink,
+    set_xyz_dump_directory,
+)
 
 __all__ = [
     "Error",
@@ -54,6 +69,14 @@ __all__ = [
     "MASK_ALL",
     "KEEP_SUBSET_IDS",
     "FIELD_MASKS",
+    "LuAfxsCreateData",
+    "LuAfxsCreateLink",
+    "LuAfxsHeader",
+    "LuAfxsPlane",
+    "LuAfxsUserData",
+    "LuAfxsUserDataSet",
+    "LuAfxsUserLink",
+    "set_xyz_dump_directory",
 ]
 
 MASK_POINTS = _luanaf.MASK_POINTS

@@ -1,156 +1,18 @@
-// _luanaf: the compiled half of the luanaf Python package. A thin layer over
-// the public C++ API of luAnaf: every byte is read and written by the library;
-// this file only moves arrays across and turns false results into exceptions.
-//
-// Locking: every call keeps the GIL for its whole duration. The library keeps
-// unguarded process-wide state (the unification registry, the sinks), so
-// holding the GIL is what serialises Python threads on it.
-#include <pybind11/numpy.h>
-#include <pybind11/pybind11.h>
-#include <pybind11/stl.h>
+// The Pythonic surface: the file object with its plane subsets, write,
+// remove_fields and unify, each a short sequence of public library calls.
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <cstring>
 #include <memory>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include <luAnaf/luAfxsInspect.h>
-#include <luAnaf/luAnaf.h>
+#include "bindings.h"
 
-namespace py = pybind11;
+namespace luanafpy {
 
 namespace {
 
-// ---- Error reports and log records ------------------------------------------
-
-// Reports and failure records arriving while one binding call runs. The
-// innermost capture gets them; outside any call, reports go to the log.
-struct Capture {
-  std::vector<LuErrorReport> reports;
-  std::vector<LuLogRecord> failures;  // level-5 log records
-  Capture* outer;
-
-  Capture();
-  ~Capture();
-  Capture(const Capture&) = delete;
-  Capture& operator=(const Capture&) = delete;
-};
-
-Capture* g_capture = nullptr;
-bool g_sinksActive = false;  // cleared by _shutdown before the interpreter goes
-LuErrorSink g_previousErrorSink;
-LuLogSink g_previousLogSink;
-PyObject* g_errorClass = nullptr;  // luanaf.Error, registered by the package
-
-Capture::Capture() : outer(g_capture) { g_capture = this; }
-Capture::~Capture() { g_capture = outer; }
-
-std::string narrow(const std::wstring& w) {
-  // Wide strings on POSIX hold UTF-32 code points; Python converts them.
-  py::object s = py::cast(w);
-  return s.cast<std::string>();
-}
-
-std::string hex32(uint32_t v) {
-  char buf[16];
-  std::snprintf(buf, sizeof buf, "0x%08x", v);
-  return buf;
-}
-
-std::string describe(const LuErrorReport& r) {
-  std::string text =
-      "error " + hex32(r.code) + " (" + narrow(r.source) + ":" + std::to_string(r.line) + ")";
-  if (r.hasSystemText) text += ": " + narrow(r.systemText);
-  return text;
-}
-
-// Python logging level of a library log level: 0 progress, 5 failure.
-int pythonLevel(int level) {
-  if (level <= 0) return 20;  // INFO
-  if (level >= 5) return 40;  // ERROR
-  return 30;                  // WARNING
-}
-
-void emitToLogging(int pyLevel, const std::wstring& message, const LuLogRecord* record) {
-  static py::object* logger = nullptr;  // never freed: it must outlive static destruction
-  if (logger == nullptr) {
-    logger = new py::object(py::module_::import("logging").attr("getLogger")("luanaf"));
-  }
-  if (!(*logger).attr("isEnabledFor")(pyLevel).cast<bool>()) return;
-  py::dict extra;
-  if (record != nullptr) {
-    extra["luanaf_level"] = record->level;
-    extra["luanaf_line"] = record->line;
-    extra["luanaf_source"] = record->source;
-    extra["luanaf_build_date"] = record->buildDate;
-  }
-  (*logger).attr("log")(pyLevel, "%s", message, py::arg("extra") = extra);
-}
-
-void errorSink(const LuErrorReport& report) {
-  if (!g_sinksActive) return;
-  py::gil_scoped_acquire gil;
-  if (g_capture != nullptr) {
-    g_capture->reports.push_back(report);
-    return;
-  }
-  // A report outside any call (a link destroyed by the garbage collector).
-  try {
-    std::string text = "luAnaf " + describe(report) + " for " + narrow(report.path);
-    emitToLogging(40, py::cast(text).cast<std::wstring>(), nullptr);
-  } catch (py::error_already_set& e) {
-    e.discard_as_unraisable("luanaf error sink");
-  } catch (...) {
-  }
-}
-
-void logSink(const LuLogRecord& record) {
-  if (!g_sinksActive) return;
-  py::gil_scoped_acquire gil;
-  if (g_capture != nullptr && record.level >= 5) g_capture->failures.push_back(record);
-  try {
-    emitToLogging(pythonLevel(record.level), record.message, &record);
-  } catch (py::error_already_set& e) {
-    e.discard_as_unraisable("luanaf log sink");
-  } catch (...) {
-  }
-}
-
-// Raises luanaf.Error (or OSError before the package registered it).
-[[noreturn]] void raiseError(const std::string& what, const std::wstring& path,
-                             const std::vector<LuErrorReport>& reports, int errnum = 0) {
-  std::string message = what;
-  py::list reportList;
-  py::object code = py::none();
-  for (const LuErrorReport& r : reports) {
-    message += "; " + describe(r);
-    py::dict d;
-    d["code"] = r.code;
-    d["line"] = r.line;
-    d["source"] = r.source;
-    d["path"] = r.path;
-    d["build_date"] = r.buildDate;
-    d["system_text"] = r.hasSystemText ? py::cast(r.systemText) : py::none();
-    reportList.append(d);
-    code = py::int_(r.code);  // the outermost operation reports last
-  }
-  py::object pathObj = py::cast(path);
-  py::object errnoObj = errnum != 0 ? py::object(py::int_(errnum)) : py::object(py::none());
-  if (g_errorClass != nullptr) {
-    py::object cls = py::reinterpret_borrow<py::object>(g_errorClass);
-    py::object exc = cls(message, py::arg("code") = code, py::arg("path") = pathObj,
-                         py::arg("reports") = reportList, py::arg("errno") = errnoObj);
-    PyErr_SetObject(g_errorClass, exc.ptr());
-  } else {
-    py::object exc = py::reinterpret_borrow<py::object>(PyExc_OSError)(errnoObj, message, pathObj);
-    PyErr_SetObject(PyExc_OSError, exc.ptr());
-  }
-  throw py::error_already_set();
-}
+constexpr uint32_t kKeepSubsetIds = 0xFFFFFFFF;
 
 // True when a level-5 record says the whole driver call failed (as opposed to
 // one position that could not be blended and was skipped).
@@ -159,114 +21,6 @@ bool endsDriver(const LuLogRecord& r) {
          r.message.find(L"loading Failed") != std::wstring::npos ||
          r.message.find(L"No DataSets") != std::wstring::npos;
 }
-
-// ---- Arrays -----------------------------------------------------------------
-
-using Vec3Array = py::array_t<double, py::array::c_style | py::array::forcecast>;
-template <typename T>
-using FlatArray = py::array_t<T, py::array::c_style | py::array::forcecast>;
-
-void makeReadOnly(py::array& a) { a.attr("setflags")(py::arg("write") = false); }
-
-// A read-only (n, 3) view of a vector of LuVec3 that `base` keeps alive.
-py::array viewVec3(const std::vector<LuVec3>& v, py::handle base) {
-  if (v.empty()) return py::array_t<double>(std::vector<py::ssize_t>{0, 3});
-  py::array a(py::dtype::of<double>(),
-              std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size()), 3},
-              std::vector<py::ssize_t>{static_cast<py::ssize_t>(sizeof(LuVec3)),
-                                       static_cast<py::ssize_t>(sizeof(double))},
-              &v[0].x, base);
-  makeReadOnly(a);
-  return a;
-}
-
-template <typename T>
-py::array viewFlat(const std::vector<T>& v, py::handle base) {
-  if (v.empty()) return py::array_t<T>(std::vector<py::ssize_t>{0});
-  py::array a(py::dtype::of<T>(), std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size())},
-              std::vector<py::ssize_t>{static_cast<py::ssize_t>(sizeof(T))}, v.data(), base);
-  makeReadOnly(a);
-  return a;
-}
-
-py::array copyVec3(const std::vector<LuVec3>& v) {
-  py::array_t<double> a(std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size()), 3});
-  if (!v.empty()) std::memcpy(a.mutable_data(), v.data(), v.size() * sizeof(LuVec3));
-  return a;
-}
-
-template <typename T>
-py::array copyFlat(const std::vector<T>& v) {
-  py::array_t<T> a(std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size())});
-  if (!v.empty()) std::memcpy(a.mutable_data(), v.data(), v.size() * sizeof(T));
-  return a;
-}
-
-// Checks an (n, 3) float64 array; n may be 0.
-Vec3Array asVec3(py::handle obj, const char* name) {
-  Vec3Array a = Vec3Array::ensure(obj);
-  if (!a) {
-    PyErr_Clear();
-    throw py::type_error(std::string(name) + ": expected an array of float64");
-  }
-  if (a.ndim() != 2 || a.shape(1) != 3) {
-    throw py::value_error(std::string(name) + ": expected shape (n, 3)");
-  }
-  return a;
-}
-
-template <typename T>
-FlatArray<T> asFlat(py::handle obj, const char* name) {
-  FlatArray<T> a = FlatArray<T>::ensure(obj);
-  if (!a) {
-    PyErr_Clear();
-    throw py::type_error(std::string(name) + ": expected a one-dimensional array");
-  }
-  if (a.ndim() != 1) throw py::value_error(std::string(name) + ": expected shape (n,)");
-  return a;
-}
-
-const double (*rows(const Vec3Array& a))[3] {
-  return reinterpret_cast<const double(*)[3]>(a.data());
-}
-
-// ---- Header and cameras -----------------------------------------------------
-
-py::dict headerToDict(const LuAfxsHeader& h) {
-  py::dict d;
-  d["version"] = h.version;
-  d["point"] = py::make_tuple(h.point[0], h.point[1], h.point[2]);
-  d["normal"] = py::make_tuple(h.normal[0], h.normal[1], h.normal[2]);
-  d["num_planes"] = h.numPlanes;
-  d["dist_bw_planes"] = h.distBwPlanes;
-  return d;
-}
-
-LuAfxsHeader headerFromDict(const py::dict& d) {
-  LuAfxsHeader h;
-  if (d.contains("version")) h.version = d["version"].cast<int32_t>();
-  for (const char* key : {"point", "normal"}) {
-    if (!d.contains(key)) continue;
-    std::vector<double> v = d[key].cast<std::vector<double>>();
-    if (v.size() != 3)
-      throw py::value_error(std::string("header '") + key + "': expected 3 values");
-    double* target = std::strcmp(key, "point") == 0 ? h.point : h.normal;
-    for (int i = 0; i < 3; ++i) target[i] = v[i];
-  }
-  if (d.contains("num_planes")) h.numPlanes = d["num_planes"].cast<uint64_t>();
-  if (d.contains("dist_bw_planes")) h.distBwPlanes = d["dist_bw_planes"].cast<double>();
-  return h;
-}
-
-LuAfxsCamerasTable camerasFromObject(py::handle obj) {
-  LuAfxsCamerasTable table;
-  if (obj.is_none()) return table;
-  Vec3Array a = asVec3(obj, "cameras");
-  const double(*r)[3] = rows(a);
-  for (py::ssize_t i = 0; i < a.shape(0); ++i) table.cameras.push_back({r[i][0], r[i][1], r[i][2]});
-  return table;
-}
-
 // ---- Field names ------------------------------------------------------------
 
 enum class Field { Points, Normals, Segments, AuxPos, AuxOffsets, AuxCounts, ResPoints, Distances };
@@ -299,28 +53,6 @@ const FieldInfo& fieldInfo(const std::string& name) {
 // their vectors keep their storage for as long as the data set lives.
 constexpr uint32_t kViewMask =
     LU_AFXS_MASK_POINTS | LU_AFXS_MASK_NORMALS | LU_AFXS_MASK_SEGMENTS | LU_AFXS_MASK_AUX;
-
-// ---- Checking a file before a data set sees it --------------------------------
-
-// A data set deletes a file that its first load cannot verify, so a file
-// reaches a data set only after two checks that never delete: the read-only
-// inspection walk, which also says what a load would trip over and where,
-// and verify() on the link itself, which gives the library's error codes.
-// The data set's own verify then finds the modification time unchanged and
-// reads nothing again.
-void verifyOrRaise(LuAfxsUserLink& link, const std::wstring& path) {
-  if (!LuFileExist(path.c_str())) raiseError("no such file", path, {}, ENOENT);
-  const LuAfxsInspection inspection = luAfxsInspect(path, false);
-  Capture cap;
-  const bool verified = link.verify(true);
-  if (verified && inspection.loadable()) return;
-  std::string what = "not a readable cross-section file";
-  for (const LuAfxsInspectProblem& p : inspection.problems) {
-    if (p.breaksLoad) what += "; at byte " + std::to_string(p.offset) + ": " + p.message;
-  }
-  raiseError(what, path, cap.reports);
-}
-
 // ---- The file object --------------------------------------------------------
 
 class PyFile {
@@ -596,8 +328,6 @@ bool removeFields(const std::wstring& path, uint32_t mask) {
 
 // ---- unify ------------------------------------------------------------------
 
-constexpr uint32_t kKeepSubsetIds = 0xFFFFFFFF;
-
 // Owns the links and data sets of one unify call until the registry has
 // taken the data sets; then ClearXSBlendingInfo deletes them.
 struct UnifyInputs {
@@ -691,40 +421,10 @@ void unify(const std::vector<std::wstring>& inputs, const std::wstring& output,
   }
   if (fatal) raiseError("unification failed" + why, output, cap.reports);
 }
-
-void setErrorClass(py::object cls) {
-  Py_XDECREF(g_errorClass);
-  g_errorClass = cls.release().ptr();
-}
-
-void installSinks() {
-  if (g_sinksActive) return;
-  g_sinksActive = true;
-  g_previousErrorSink = luEnvSetErrorSink(errorSink);
-  g_previousLogSink = luEnvSetLogSink(logSink);
-}
-
-void shutdown() {
-  if (!g_sinksActive) return;
-  g_sinksActive = false;
-  luEnvSetErrorSink(g_previousErrorSink);
-  luEnvSetLogSink(g_previousLogSink);
-}
-
 }  // namespace
 
-PYBIND11_MODULE(_luanaf, m) {
-  m.doc() = "Compiled half of luanaf; use the luanaf package.";
-
-  m.attr("MASK_POINTS") = static_cast<uint32_t>(LU_AFXS_MASK_POINTS);
-  m.attr("MASK_SEGMENTS") = static_cast<uint32_t>(LU_AFXS_MASK_SEGMENTS);
-  m.attr("MASK_NORMALS") = static_cast<uint32_t>(LU_AFXS_MASK_NORMALS);
-  m.attr("MASK_AUX") = static_cast<uint32_t>(LU_AFXS_MASK_AUX);
-  m.attr("MASK_RESPOINTS") = static_cast<uint32_t>(LU_AFXS_MASK_RESPOINTS);
-  m.attr("MASK_DISTANCES") = static_cast<uint32_t>(LU_AFXS_MASK_DISTANCES);
-  m.attr("MASK_ALL") = static_cast<uint32_t>(LU_AFXS_MASK_ALL);
+void bindFileApi(py::module_& m) {
   m.attr("KEEP_SUBSET_IDS") = kKeepSubsetIds;
-  m.attr("build_date") = std::wstring(luEnvBuildDate());
 
   py::class_<PyFile>(m, "File")
       .def(py::init<const std::wstring&, uint32_t>(), py::arg("path"), py::arg("mask"))
@@ -758,8 +458,6 @@ PYBIND11_MODULE(_luanaf, m) {
   m.def("remove_fields", &removeFields, py::arg("path"), py::arg("mask"));
   m.def("unify", &unify, py::arg("inputs"), py::arg("output"), py::arg("output_ids"),
         py::arg("blend"), py::arg("xs_id"));
-  m.def("_set_error_class", &setErrorClass);
-  m.def("_shutdown", &shutdown);
-
-  installSinks();
 }
+
+}  // namespace luanafpy

@@ -1,0 +1,112 @@
+// Shared pieces of the _luanaf module: error capture, arrays, headers, the
+// safety check before a data set sees a file. Internal to the module.
+#pragma once
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <luAnaf/luAnaf.h>
+
+namespace luanafpy {
+
+namespace py = pybind11;
+
+// Reports and level-5 log records arriving while one binding call runs. The
+// innermost capture gets them; outside any call, reports go to the log.
+// Every binding call holds the GIL, which serialises use of the library.
+struct Capture {
+  std::vector<LuErrorReport> reports;
+  std::vector<LuLogRecord> failures;
+  Capture* outer;
+
+  Capture();
+  ~Capture();
+  Capture(const Capture&) = delete;
+  Capture& operator=(const Capture&) = delete;
+};
+
+// Installs the error and log sinks (log records go to logging "luanaf");
+// shutdownSinks restores the previous ones before the interpreter goes.
+void installSinks();
+void shutdownSinks();
+// luanaf.Error, registered by the package's __init__.
+void setErrorClass(py::object cls);
+
+std::string narrow(const std::wstring& w);
+
+// Raises luanaf.Error with the reports (code = the last report's code), or
+// OSError before the package registered its class. errnum 0 means none.
+[[noreturn]] void raiseError(const std::string& what, const std::wstring& path,
+                             const std::vector<LuErrorReport>& reports, int errnum = 0);
+
+// Raises luanaf.Error unless the file can be loaded by a data set; never
+// deletes the file. Leaves the link verified (and its file open).
+void verifyOrRaise(LuAfxsUserLink& link, const std::wstring& path);
+
+// ---- Arrays ----
+using Vec3Array = py::array_t<double, py::array::c_style | py::array::forcecast>;
+template <typename T>
+using FlatArray = py::array_t<T, py::array::c_style | py::array::forcecast>;
+
+void makeReadOnly(py::array& a);
+// A read-only (n, 3) view of the vector that `base` keeps alive; the caller
+// guarantees the vector keeps its storage while base lives.
+py::array viewVec3(const std::vector<LuVec3>& v, py::handle base);
+py::array copyVec3(const std::vector<LuVec3>& v);
+// An (n, 3) float64 array (n may be 0); TypeError or ValueError otherwise.
+Vec3Array asVec3(py::handle obj, const char* name);
+std::vector<LuVec3> vec3Vector(py::handle obj, const char* name);
+
+inline const double (*rows(const Vec3Array& a))[3] {
+  return reinterpret_cast<const double(*)[3]>(a.data());
+}
+
+template <typename T>
+py::array viewFlat(const std::vector<T>& v, py::handle base) {
+  if (v.empty()) return py::array_t<T>(std::vector<py::ssize_t>{0});
+  py::array a(py::dtype::of<T>(), std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size())},
+              std::vector<py::ssize_t>{static_cast<py::ssize_t>(sizeof(T))}, v.data(), base);
+  makeReadOnly(a);
+  return a;
+}
+
+template <typename T>
+py::array copyFlat(const std::vector<T>& v) {
+  py::array_t<T> a(std::vector<py::ssize_t>{static_cast<py::ssize_t>(v.size())});
+  if (!v.empty()) std::memcpy(a.mutable_data(), v.data(), v.size() * sizeof(T));
+  return a;
+}
+
+template <typename T>
+FlatArray<T> asFlat(py::handle obj, const char* name) {
+  FlatArray<T> a = FlatArray<T>::ensure(obj);
+  if (!a) {
+    PyErr_Clear();
+    throw py::type_error(std::string(name) + ": expected a one-dimensional array");
+  }
+  if (a.ndim() != 1) throw py::value_error(std::string(name) + ": expected shape (n,)");
+  return a;
+}
+
+template <typename T>
+std::vector<T> flatVector(py::handle obj, const char* name) {
+  FlatArray<T> a = asFlat<T>(obj, name);
+  return std::vector<T>(a.data(), a.data() + a.shape(0));
+}
+
+// ---- Header and cameras ----
+py::dict headerToDict(const LuAfxsHeader& h);
+LuAfxsHeader headerFromDict(const py::dict& d);
+LuAfxsCamerasTable camerasFromObject(py::handle obj);
+
+// ---- The parts of the module ----
+void bindFileApi(py::module_& m);
+void bindLibraryClasses(py::module_& m);
+
+}  // namespace luanafpy
