@@ -24,25 +24,36 @@ class LUANAF_API LuAfxsCreateLink : public LuAfxsBaseLink {
   friend class LuAfxsCreateData;
 
 public:
-  // The path is taken as given.
+  // The path is taken as given, of any length and in any characters (a null
+  // or empty path gives an empty one, which create then fails to open).
   explicit LuAfxsCreateLink(const wchar_t* path);
-  // The path of cross-section file `number` of the series `name`, as
-  // LuFileName::XSFile forms it (kind 1), truncated to 1023 characters.
+  // The path of cross-section file `number` (passed on as 32 bits) of the
+  // series `name`, as LuFileName::XSFile forms it (kind 1) into a buffer of
+  // 1024 wide characters. A longer path is formed in full and cut to its
+  // first 1023 characters, never written past the buffer.
   LuAfxsCreateLink(const wchar_t* name, uint64_t number);
   // Member by member, the open file handle included: both links then share
   // one stdio stream. Intended; callers must not close both.
   LuAfxsCreateLink(const LuAfxsCreateLink&) = default;
   LuAfxsCreateLink& operator=(const LuAfxsCreateLink&) = default;
   // Rewrites a dirty STATE line, closes the file, and deletes it unless
-  // release() was called and the link is still OK. Never throws.
+  // release() was called and the link is still OK. Intended: a link that was
+  // never created (ok false) deletes whatever is at its path, unless that
+  // file is read-only. Never throws.
   ~LuAfxsCreateLink() override;
 
   // Creates the file ("w+b", replacing a writable existing file) and writes
   // the nine header lines, then the cameras record when the table is not
   // empty. keepOpen keeps the file open between records; otherwise each
-  // record reopens it. False, with a report, on any failure.
+  // record reopens it. False, with a report, on any failure. A header line
+  // longer than 80 bytes (huge coordinates) is cut at 80 bytes, line feed
+  // and all. A file still open from an earlier create on this link is
+  // closed first. The plane links of an earlier create are kept (intended;
+  // callers create once per link).
   bool create(bool keepOpen);
-  // Appends the cameras record. False without a report when the table is empty.
+  // Appends the cameras record. False without a report when the table is
+  // empty. A record that would end past 4 GiB (offsets are u32) is refused
+  // with 0xc41b0004 before anything is written.
   bool createCamerasRecord();
   // Rewrites the STATE line if the state word changed, then closes the file
   // unless close is false and the link keeps it open.
@@ -67,10 +78,14 @@ public:
 
 protected:
   // Appends an empty record of `kind` and links it into the chain; returns
-  // the file positioned for the record's body, or null.
+  // the file positioned for the record's body, or null. A record header that
+  // would end past 4 GiB is refused with 0xc41b0012 before anything is
+  // written.
   FILE* createNewRecord(luafxs_records_en kind);
   // Appends a plane record the first time planeId is seen, then a
-  // plane-subset record, and links it into the plane's subset chain.
+  // plane-subset record, and links it into the plane's subset chain. When
+  // these would end past 4 GiB, both are refused with 0xc41b0005 before
+  // anything is written.
   FILE* createPlaneSubsetRecord(uint32_t planeId, uint32_t subsetId);
   // state word &= mask; marks it dirty.
   void updateState(uint32_t mask);
@@ -112,7 +127,8 @@ public:
   // Calls link.closeFile(false). Never throws.
   virtual ~LuAfxsCreateData();
 
-  // Each replaces its vector and sets its mask bit; a count of 0 changes nothing.
+  // Each replaces its vector with a copy and sets its mask bit; a count of 0
+  // (or a null pointer) changes nothing.
   void setPoints(const double (*points)[3], size_t count);
   void setNormals(const double (*normals)[3], size_t count);
   void setSegments(const int* segments, size_t count);
@@ -120,8 +136,9 @@ public:
   // of the groupCount groups, `positions` holds them one group after another.
   // Derives the offsets (exclusive prefix sum) and each group's first
   // position. A count of 0 changes nothing. Groups that would run past
-  // positionCount are rejected: nothing changes (the input is never read
-  // outside its bounds).
+  // positionCount, or a group that starts at or past it (an empty last
+  // group), are rejected: nothing changes (the input is never read outside
+  // its bounds). Offsets are summed in u32, as stored.
   void setAuxCtrlPos(const uint32_t* positions, size_t positionCount, const uint32_t* counts,
                      size_t groupCount);
   // Result points and distances, as Unify would bring them in (bits 16, 32).
@@ -129,10 +146,13 @@ public:
   void setDistances(const double* values, size_t count);
 
   // Writes the record. False when the link is not OK, nothing is set, or a
-  // write failed (reported once, the link then turns not OK).
+  // write failed (reported once, the link then turns not OK). Field blocks
+  // that would end past 4 GiB are refused with 0xc41b0013 before the record
+  // is appended, so the records before it stay intact.
   bool flush();
   // Copies a whole plane in, ids included; ORs in the bits of its non-empty
-  // fields except the aux group, which travels only through setAuxCtrlPos.
+  // fields except the aux group, which travels only through setAuxCtrlPos
+  // (intended). A null plane changes nothing and gives false.
   bool Unify(const LuAfxsPlane* plane);
   // The field mask of the buffered data.
   uint32_t state() const { return m_mask; }

@@ -64,6 +64,19 @@ TEST_F(CreateDataTest, SetPointsWithZeroCountLeavesTheMask) {
   EXPECT_EQ(data.plane().points.size(), 2u);
 }
 
+TEST_F(CreateDataTest, NullInputChangesNothing) {
+  LuAfxsCreateData data(*link, 0, 1);
+  data.setPoints(nullptr, 3);
+  data.setNormals(nullptr, 3);
+  data.setSegments(nullptr, 3);
+  data.setResPoints(nullptr, 3);
+  data.setDistances(nullptr, 3);
+  const uint32_t counts[1] = {1};
+  data.setAuxCtrlPos(nullptr, 1, counts, 1);
+  EXPECT_EQ(data.state(), 0u);
+  EXPECT_TRUE(data.plane().points.empty());
+}
+
 struct SetterCase {
   const char* name;
   uint32_t bit;
