@@ -151,6 +151,11 @@ int runUnify(const UnifyArgs& args) {
       return kExitUsage;
     }
   }
+  if (fs::exists(args.output, ec) &&
+      (fs::status(args.output, ec).permissions() & fs::perms::owner_write) == fs::perms::none) {
+    error(args.output, "is read-only (owner-write bit clear); it cannot be replaced");
+    return kExitBad;
+  }
   // Every input is checked before any driver runs: a load that fails would
   // delete its file.
   bool ok = true;

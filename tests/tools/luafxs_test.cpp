@@ -369,6 +369,25 @@ TEST_F(LuafxsTest, UnifyRefusesADamagedInputBeforeAnyDriverRuns) {
   EXPECT_EQ(lutest::readBytes(path("d.afxs")), before);
 }
 
+TEST_F(LuafxsTest, UnifyRefusesAReadOnlyOutput) {
+  writeFile("a.afxs", 1, 1);
+  writeFile("u.afxs", 2, 5);
+  std::vector<uint8_t> before = lutest::readBytes(path("u.afxs"));
+  lutest::setReadOnly(path("u.afxs"), true);
+  Outcome r = run("unify -o " + q("u.afxs") + " " + q("a.afxs"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("is read-only"));
+  EXPECT_EQ(lutest::readBytes(path("u.afxs")), before);
+}
+
+TEST_F(LuafxsTest, UnifyWithBlendingBlendsOverlappingPlanes) {
+  ASSERT_EQ(run("demo " + q("demo")).code, 0);
+  Outcome r = run("unify --blend -o " + q("u.afxs") + " " + q("demo/scan_a.afxs") + ":1 " +
+                  q("demo/scan_b.afxs") + ":2");
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("planes written    40\nplanes blended    40\n"));
+}
+
 TEST_F(LuafxsTest, UnifyHelpSaysWhyThereIsNoAddOrRemove) {
   Outcome r = run("unify --help");
   EXPECT_THAT(r.out, HasSubstr("lives in the memory of the process"));
