@@ -73,20 +73,20 @@ std::wstring formatWide(const wchar_t* f, va_list args) {
       ++f;
       continue;
     }
-    std::string spec = "%";
-    while (*f && std::wcschr(L"-+ #0", *f)) spec += static_cast<char>(*f++);
+    std::string conversion = "%";
+    while (*f && std::wcschr(L"-+ #0", *f)) conversion += static_cast<char>(*f++);
     if (*f == L'*') {
-      spec += std::to_string(va_arg(args, int));
+      conversion += std::to_string(va_arg(args, int));
       ++f;
     }
-    while (*f >= L'0' && *f <= L'9') spec += static_cast<char>(*f++);
+    while (*f >= L'0' && *f <= L'9') conversion += static_cast<char>(*f++);
     if (*f == L'.') {
-      spec += static_cast<char>(*f++);
+      conversion += static_cast<char>(*f++);
       if (*f == L'*') {
-        spec += std::to_string(va_arg(args, int));
+        conversion += std::to_string(va_arg(args, int));
         ++f;
       }
-      while (*f >= L'0' && *f <= L'9') spec += static_cast<char>(*f++);
+      while (*f >= L'0' && *f <= L'9') conversion += static_cast<char>(*f++);
     }
     int longs = 0;
     bool sizeT = false;
@@ -110,7 +110,7 @@ std::wstring formatWide(const wchar_t* f, va_list args) {
                     : longs >= 2 ? va_arg(args, long long)
                     : longs == 1 ? va_arg(args, long)
                                  : va_arg(args, int);
-        std::snprintf(buf, sizeof buf, (spec + "lld").c_str(), v);
+        std::snprintf(buf, sizeof buf, (conversion + "lld").c_str(), v);
         break;
       }
       case L'u':
@@ -121,7 +121,7 @@ std::wstring formatWide(const wchar_t* f, va_list args) {
                              : longs >= 2 ? va_arg(args, unsigned long long)
                              : longs == 1 ? va_arg(args, unsigned long)
                                           : va_arg(args, unsigned int);
-        std::snprintf(buf, sizeof buf, (spec + "ll" + static_cast<char>(conv)).c_str(), v);
+        std::snprintf(buf, sizeof buf, (conversion + "ll" + static_cast<char>(conv)).c_str(), v);
         break;
       }
       case L'f':
@@ -131,7 +131,7 @@ std::wstring formatWide(const wchar_t* f, va_list args) {
       case L'g':
       case L'G': {
         double v = va_arg(args, double);
-        std::snprintf(buf, sizeof buf, (spec + static_cast<char>(conv)).c_str(), v);
+        std::snprintf(buf, sizeof buf, (conversion + static_cast<char>(conv)).c_str(), v);
         break;
       }
       case L'c':
