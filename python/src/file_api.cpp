@@ -400,6 +400,26 @@ void unify(const std::vector<std::wstring>& inputs, const std::wstring& output,
     }
   }
 
+  if (blend) {
+    // The library blends position by position and ends the whole call at a
+    // position where no data set has a plane; such a call is refused here.
+    std::vector<bool> covered(slotCount, false);
+    for (size_t i = 0; i < inputs.size(); ++i) {
+      if (ids[i] == kKeepSubsetIds) {
+        throw py::value_error(
+            "unify: blending lines planes up by plane number and needs a real output id for "
+            "every input (not 0xFFFFFFFF)");
+      }
+      for (uint32_t pid : planeIds[i]) covered[pid] = true;
+    }
+    for (size_t p = 0; p < slotCount; ++p) {
+      if (!covered[p]) {
+        throw py::value_error("unify: no input has plane " + std::to_string(p) +
+                              ", which blending cannot skip");
+      }
+    }
+  }
+
   LuAfxsCreateLink createLink(output.c_str());
   createLink.setHeader(in.links[0]->getHeader());
   {
@@ -419,7 +439,12 @@ void unify(const std::vector<std::wstring>& inputs, const std::wstring& output,
       why += "; " + narrow(r.message);
     }
   }
-  if (fatal) raiseError("unification failed" + why, output, cap.reports);
+  if (fatal) {
+    // No half-written output is left behind.
+    createLink.closeFile(true);
+    LuDeleteFile(output.c_str());
+    raiseError("unification failed" + why, output, cap.reports);
+  }
 }
 }  // namespace
 

@@ -26,6 +26,16 @@ def sample_json(name):
         return json.load(f)
 
 
+@pytest.fixture(autouse=True)
+def xyz_dumps_in_test_folder(tmp_path):
+    """Blending writes diagnostic point files; keep them in the test's folder."""
+    folder = tmp_path / "xyz"
+    folder.mkdir()
+    luanaf.set_xyz_dump_directory(str(folder))
+    yield folder
+    luanaf.set_xyz_dump_directory(None)
+
+
 @pytest.fixture
 def copy_sample(tmp_path):
     """Copies a checked-in sample into the test's own folder."""

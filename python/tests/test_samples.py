@@ -119,3 +119,30 @@ def test_opening_leaves_the_file_unchanged(copy_sample, sample):
         for s in f:
             s.points, s.res_points
     assert path.read_bytes() == before
+
+
+def test_files_can_be_read_and_written_from_several_threads(tmp_path):
+    import threading
+
+    from conftest import make_plane, write_file
+
+    expected = sample_json("all_fields")["records_in_load_order"]
+    failures = []
+
+    def work(n):
+        try:
+            for k in range(5):
+                path = write_file(tmp_path / ("t%d_%d.afxs" % (n, k)), [make_plane(0, n)])
+                with luanaf.open(path) as f:
+                    assert f[0].subset_id == n
+                with luanaf.open(DATA_DIR / "all_fields.afxs") as f:
+                    assert len(f) == len(expected)
+        except Exception as e:  # noqa: BLE001 - reported below
+            failures.append(e)
+
+    threads = [threading.Thread(target=work, args=(n,)) for n in range(4)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert failures == []

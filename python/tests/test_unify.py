@@ -1,6 +1,6 @@
 """unify() of two synthetic scans: two overlapping arcs of one circle per plane."""
 
-import math
+import logging
 
 import numpy as np
 import pytest
@@ -85,6 +85,12 @@ def test_blending_makes_one_contour_per_plane_over_both_arcs(tmp_path, two_scans
             assert s.segments[-1] == len(s.points)
 
 
+def test_blending_writes_its_point_dumps_where_asked(tmp_path, two_scans, xyz_dumps_in_test_folder):
+    luanaf.unify(list(two_scans), tmp_path / "out.afxs", blend=True, xs_id=7)
+    names = sorted(p.name for p in xyz_dumps_in_test_folder.iterdir())
+    assert names == ["P%d_S1_Id7_BLND_COP_BlendOnly.xyz" % i for i in range(PLANES)]
+
+
 def test_inputs_are_left_unchanged(tmp_path, two_scans):
     before = [p.read_bytes() for p in two_scans]
     luanaf.unify(list(two_scans), tmp_path / "out.afxs", blend=True)
@@ -113,6 +119,37 @@ def test_keep_subset_ids_lines_planes_up_by_record_order(tmp_path, two_scans):
         assert [(s.plane_id, s.subset_id) for s in f] == [
             (i, sid) for i in range(PLANES) for sid in (1, 2)
         ]
+
+
+def test_blending_needs_real_output_ids(tmp_path, two_scans):
+    with pytest.raises(ValueError, match="real output id"):
+        luanaf.unify(list(two_scans), tmp_path / "out.afxs", blend=True,
+                     output_ids=[luanaf.KEEP_SUBSET_IDS] * 2)
+    assert not (tmp_path / "out.afxs").exists()
+
+
+def test_blending_refuses_a_plane_number_no_input_has(tmp_path):
+    # Two subsets of plane 0 and one of plane 2: plane 1 would be an empty position.
+    a = write_file(tmp_path / "a.afxs", [make_plane(0, 1), make_plane(0, 1), make_plane(2, 1)])
+    b = write_file(tmp_path / "b.afxs", [make_plane(0, 2)])
+    with pytest.raises(ValueError, match="no input has plane 1"):
+        luanaf.unify([a, b], tmp_path / "out.afxs", blend=True)
+    assert not (tmp_path / "out.afxs").exists()
+
+
+def test_progress_and_skipped_blends_reach_logging(tmp_path, two_scans, caplog):
+    # Without result points nothing can be blended: the library logs it at level 0.
+    p, q = two_scans
+    with luanaf.open(p) as fp, luanaf.open(q) as fq:
+        planes = [dict(s.as_dict(), res_points=None, distances=None) for s in list(fp) + list(fq)]
+    bare_p = write_file(tmp_path / "bare_p.afxs", [x for x in planes if x["subset_id"] == 1])
+    bare_q = write_file(tmp_path / "bare_q.afxs", [x for x in planes if x["subset_id"] == 2])
+    with caplog.at_level(logging.INFO, logger="luanaf"):
+        luanaf.unify([bare_p, bare_q], tmp_path / "out.afxs", blend=True, xs_id=5)
+    messages = [(r.levelno, r.getMessage()) for r in caplog.records if r.name == "luanaf"]
+    assert (logging.INFO, "LuAfxsUserDataSet::BlendXSections()- XSection ID= 5, No Res Vectors, cancel Blend") in messages
+    with luanaf.open(tmp_path / "out.afxs") as f:
+        assert len(f) == 2 * PLANES
 
 
 def test_output_must_not_be_an_input(two_scans):
