@@ -9,6 +9,7 @@
 #include <locale>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 #include <luAnaf/luAfxsUser.h>
 #include <luAnaf/luEnv.h>
@@ -23,6 +24,8 @@ namespace {
 
 // Capacity, NUL included, of the buffer a cross-section file name is formed in.
 constexpr size_t kPathBuffer = 1024;
+// Bytes read at a time while the record chain is scanned.
+constexpr size_t kScanWindow = 4096;
 
 std::filesystem::path headerStreamPath(const std::wstring& path) {
 #if defined(_WIN32)
@@ -180,18 +183,34 @@ bool LuAfxsUserLink::scanRecords() {
   luio::FileStatus st;
   m_fileSize = luio::status(m_filePath, st) ? st.size : 0;
   try {
+    // The chain's small reads are served from one window of the file, so a
+    // scan costs a seek and a read per window instead of per record. The
+    // window is filled through openFile, which reports a failed open or seek.
+    std::vector<uint8_t> window(kScanWindow);
+    uint64_t windowStart = 0;
+    size_t windowSize = 0;
+    auto u32At = [&](uint64_t at) {
+      if (at < windowStart || at + 4 > windowStart + windowSize) {
+        FILE* f = openFile(static_cast<long>(at), false);
+        if (!f) afxs::fail();
+        windowStart = at;
+        windowSize = luio::read(window.data(), 1, window.size(), f);
+        if (at + 4 > windowStart + windowSize) afxs::fail();  // a short read
+      }
+      uint32_t value = 0;
+      std::memcpy(&value, window.data() + (at - windowStart), sizeof value);
+      return value;
+    };
     std::unordered_set<uint32_t> visited;
     uint32_t offset = static_cast<uint32_t>(m_firstRecord);
     uint32_t lastNextField = 0;
     while (offset != 0) {
       if (!visited.insert(offset).second) afxs::fail();
-      FILE* f = openFile(static_cast<long>(offset), false);
-      if (!f) afxs::fail();
-      uint32_t kind = afxs::getU32(f);
+      uint32_t kind = u32At(offset);
       lastNextField = offset + afxs::kNextFieldOffset;
-      uint32_t next = afxs::getU32(f);
+      uint32_t next = u32At(uint64_t{offset} + afxs::kNextFieldOffset);
       if (kind == LU_AFXS_REC_PLANE) {
-        uint32_t planeId = afxs::getU32(f);
+        uint32_t planeId = u32At(uint64_t{offset} + 8);
         // An existing key is kept: of two plane records of one number, the first wins.
         m_planeIndex.emplace(planeId, offset + afxs::kPlaneFirstSubsetOffset);
       } else if (kind == LU_AFXS_REC_CAMERAS) {

@@ -172,6 +172,23 @@ TEST_P(BuiltMaskTest, LoadsExactlyTheFieldsOfTheMask) {
 
 INSTANTIATE_TEST_SUITE_P(AllMasks, BuiltMaskTest, ::testing::Range(0u, 64u));
 
+TEST_F(ReaderTest, LargePlanesSurviveWriterAndReader) {
+  std::vector<std::pair<LuAfxsPlane, uint32_t>> planes;
+  for (uint32_t plane = 0; plane < 4; ++plane)
+    for (uint32_t subset = 1; subset <= 2; ++subset)
+      planes.push_back({randomPlane(plane, subset, 700 + 300 * plane, plane * 10 + subset), 63u});
+  ASSERT_TRUE(writeWithWriter(wpath("large.afxs"), LuAfxsHeader(), {{1, 2, 3}}, planes));
+  LuAfxsUserLink link(wpath("large.afxs").c_str());
+  LuAfxsUserDataSet set(link);
+  ASSERT_TRUE(set.load(63));
+  ASSERT_EQ(set.size(), planes.size());
+  size_t i = 0;
+  for (const LuAfxsUserData* d : set) {
+    EXPECT_EQ(d->state(), 63u);
+    expectPlaneFields(d->getPlaneData(), planes[i++].first, 63);
+  }
+}
+
 // Random planes with random masks through the writer and back.
 TEST_F(ReaderTest, RandomPlanesSurviveWriterAndReader) {
   std::mt19937 rng(20260422);

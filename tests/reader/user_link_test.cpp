@@ -295,6 +295,30 @@ TEST_F(UserLinkTest, DuplicatePlaneRecordsIndexHoldsFirst) {
   EXPECT_EQ(link.planeIndex().at(5), first + 12);
 }
 
+TEST_F(UserLinkTest, ChainThatRunsBackwardsIsFollowed) {
+  AfxsFileBuilder b;
+  uint32_t p1 = b.addPlane(1);
+  uint32_t s1 = b.addSubset(p1, 1, {pointsBlock(0, std::vector<LuVec3>(300, {1, 2, 3}))});
+  uint32_t p2 = b.addPlane(2);
+  uint32_t s2 = b.addSubset(p2, 1, {pointsBlock(0, {{3, 3, 3}})});
+  // Chain p2 -> s2 -> p1 -> s1: later records first, across scan windows.
+  b.patchU32(s1 + 4, 0);
+  b.patchU32(s2 + 4, p1);
+  std::string text(b.bytes().begin(), b.bytes().begin() + b.headerSize());
+  char value[16];
+  std::snprintf(value, sizeof value, "0x%.8X", p2);
+  size_t at = text.find("FIRST_RECORD ") + 13;
+  std::copy(value, value + 10, b.bytes().begin() + static_cast<long>(at));
+  ProbeUserLink link(writeBuilt(b).c_str());
+  ASSERT_TRUE(link.verify(false));
+  EXPECT_EQ(link.planeIndex().at(1), p1 + 12);
+  EXPECT_EQ(link.planeIndex().at(2), p2 + 12);
+  EXPECT_EQ(link.lastNextField(), s1 + 4);
+  LuAfxsUserDataSet set(link);
+  ASSERT_TRUE(set.load(1));
+  EXPECT_EQ(set.size(), 2u);
+}
+
 TEST_F(UserLinkTest, ChainPastEndOfFileReportsScanFailure) {
   AfxsFileBuilder b = smallFile();
   b.patchU32(b.headerSize() + 4, 0x00FFFFF0);  // cameras record's next field
