@@ -349,8 +349,15 @@ _PLANE_ARRAYS = {
 }
 
 
+_HEADER_KEYS = {"version", "point", "normal", "num_planes", "dist_bw_planes"}
+_PLANE_KEYS = {"plane_id", "subset_id"} | set(_PLANE_ARRAYS)
+
+
 def _plane_dict(plane, index):
     if isinstance(plane, dict):
+        unknown = set(plane) - _PLANE_KEYS
+        if unknown:
+            raise ValueError("plane %d: unknown keys %s" % (index, ", ".join(sorted(unknown))))
         get = plane.get
     else:
         def get(key, default=None):
@@ -402,6 +409,9 @@ def write(path, header, planes, cameras=None):
     partial file is removed and Error (or ValueError/TypeError for bad
     arguments) is raised. The arrays are copied into the library's buffers.
     """
+    unknown = set(header) - _HEADER_KEYS
+    if unknown:
+        raise ValueError("header: unknown keys %s" % ", ".join(sorted(unknown)))
     planes = [_plane_dict(p, i) for i, p in enumerate(planes)]
     if cameras is not None:
         cameras = _np.ascontiguousarray(cameras, dtype=_np.float64)

@@ -165,6 +165,18 @@ def test_bad_planes_are_refused_before_anything_is_written(tmp_path, change, err
     assert not path.exists()
 
 
+@pytest.mark.parametrize(
+    "header, plane",
+    [({"numplanes": 3}, {}), ({}, {"point": np.zeros((1, 3))})],
+    ids=["header-key", "plane-key"],
+)
+def test_misspelt_keys_are_refused(tmp_path, header, plane):
+    path = tmp_path / "typo.afxs"
+    with pytest.raises(ValueError, match="unknown keys"):
+        luanaf.write(path, dict(HEADER, **header), [make_plane(**plane)])
+    assert not path.exists()
+
+
 def test_plane_without_data_is_refused_and_leaves_no_file(tmp_path):
     path = tmp_path / "empty.afxs"
     with pytest.raises(ValueError, match="no data"):
