@@ -147,8 +147,10 @@ bool LuAfxsCreateLink::reopenForRecord() {
 }
 
 int64_t LuAfxsCreateLink::seekAppendPosition() {
-  // Seeks on an update stream are costly (each one flushes and refills the
-  // stdio buffer), so the end is only sought when the stream is elsewhere.
+  // Seeks on an update stream are costly (each one flushes the stdio buffer
+  // and reads a buffer's worth back), so the end is only sought when the
+  // stream is elsewhere. For the same reason the stream keeps its default
+  // buffer: a larger one would be refilled in full after every patch.
   if (!m_atEnd) {
     afxs::seekEnd(m_file);
     m_atEnd = true;
