@@ -17,6 +17,17 @@ const LuAfxsPlane* planeAt(const std::vector<const LuAfxsPlane*>& planes, size_t
   return planes[position];
 }
 
+// Gives every per-point list of the output the capacity of P's list plus
+// Q's, the most the assembly can splice in. Capacity only: copy-assigning P
+// afterwards reuses the storage, and no value changes.
+void reserveForSplice(LuAfxsPlane& out, const LuAfxsPlane& P, const LuAfxsPlane& Q) {
+  auto reserve = [](auto& list, size_t own, size_t spliced) { list.reserve(own + spliced); };
+  reserve(out.points, P.points.size(), Q.points.size());
+  reserve(out.normals, P.normals.size(), Q.points.size());
+  reserve(out.distances, P.distances.size(), Q.points.size());
+  reserve(out.resPoints, P.resPoints.size(), Q.points.size());
+}
+
 }  // namespace
 
 // Blends the first two planes of the group (P = entry 0, Q = entry 1; any
@@ -59,6 +70,9 @@ bool LuAfxsUserDataSet::BlendXSections(std::vector<const LuAfxsPlane*>& planes, 
   blended = BuildProjectedPoints(P, Q);
   if (!blended) return true;
 
+  // Room for the parts of Q that the assembly splices in front, so that it
+  // can move P's values back in place instead of reallocating every list.
+  reserveForSplice(out, *P, *Q);
   out = *P;
   CategorizBlendPoints(P, Q);
   BlendByCategory(P, Q, out);

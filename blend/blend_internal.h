@@ -5,6 +5,8 @@
 
 #include <cfloat>
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <vector>
 
 #include <luAnaf/luAfxsRecords.h>
@@ -26,6 +28,9 @@ constexpr int kLineNoResVectors = 3390;  // BlendXSections
 constexpr uint32_t kNoIndex = 0xFFFFFFFFu;
 // The start of every best-distance search: the largest finite double.
 constexpr double kFarthest = DBL_MAX;
+// Squared distance at which the nearest Q point of a segment still counts
+// (inclusive): the limit of FindPPointNearestQPoint.
+constexpr double kNearestLimit = 2.0;
 
 // Squared Euclidean distance. Every nearest-point search of the blending uses
 // this one formula, in this order of operations, so that the indexed searches
@@ -92,6 +97,34 @@ private:
   size_t m_leafBase = 0;     // number of leaf slots (a power of two); node 1 is the root
   std::vector<Box> m_boxes;  // heap order: children of n are 2n and 2n + 1
   std::vector<uint8_t> m_used;
+};
+
+// Answers FindPPointNearestQPoint(P, Q, ..., qSeg, pIndex, ..., false) for
+// many P points against the same Q segments (the trimming walks make dozens
+// of searches where a stretch end does not face Q): the first few searches
+// of a segment are plain scans, later ones go through one contour index per
+// segment. Same checks, same answers.
+class SegmentNearest {
+public:
+  SegmentNearest(const std::vector<LuVec3>& pPoints, const std::vector<LuVec3>& qPoints,
+                 const std::vector<unsigned int>& qStarts, const std::vector<unsigned int>& qEnds)
+      : m_p(pPoints), m_q(qPoints), m_qStarts(qStarts), m_qEnds(qEnds) {}
+
+  bool find(uint32_t qSeg, uint32_t pIndex, uint32_t& qIndex, double& d2);
+
+private:
+  // Plain scans of a segment before its index pays off.
+  static constexpr uint32_t kScansBeforeIndex = 4;
+  struct Segment {
+    uint32_t scans = 0;
+    std::unique_ptr<ContourIndex> index;
+  };
+
+  const std::vector<LuVec3>& m_p;
+  const std::vector<LuVec3>& m_q;
+  const std::vector<unsigned int>& m_qStarts;
+  const std::vector<unsigned int>& m_qEnds;
+  std::map<uint32_t, Segment> m_segments;
 };
 
 }  // namespace lublend

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <type_traits>
 #include <vector>
 
 #include <luAnaf/luAfxsDataSet.h>
@@ -57,20 +58,20 @@ uint64_t spliceSteps(const LuAfxsPlane& Q, uint32_t first, uint32_t last) {
   return std::min(steps, count);
 }
 
-// The values of one list of Q that the splice of `steps` steps from `first`
-// inserts, in order: one per step, read at first + t * stride (stride 0 reads
-// the same value every step); a read past Q's list inserts nothing.
+// How many values of one list of Q the splice of `steps` steps from `first`
+// inserts: one per step, read at first + t * stride (stride 0 reads the same
+// value every step); a read past Q's list inserts nothing.
+uint64_t splicedCount(size_t size, uint32_t first, uint64_t steps, uint64_t stride) {
+  if (first >= size) return 0;
+  if (stride == 0) return steps;
+  return std::min<uint64_t>(steps, (size - first + stride - 1) / stride);
+}
+
+// Writes those values, in order, from `at` on.
 template <typename T>
-void appendSpliced(std::vector<T>& out, const std::vector<T>& from, uint32_t first, uint64_t steps,
-                   uint64_t stride) {
-  for (uint64_t t = 0; t < steps; ++t) {
-    const uint64_t at = first + t * stride;
-    if (!lublend::readable(at, from.size())) {
-      if (stride == 0) return;
-      break;
-    }
-    out.push_back(from[at]);
-  }
+void writeSpliced(T* at, const std::vector<T>& from, uint32_t first, uint64_t count,
+                  uint64_t stride) {
+  for (uint64_t t = 0; t < count; ++t) at[t] = from[first + t * stride];
 }
 
 // The stride of each list in the splice (see FillPlaneWithSegment).
@@ -106,14 +107,27 @@ struct Stretch {
 void spliceAllInFront(LuAfxsPlane& target, const LuAfxsPlane& Q,
                       const std::vector<Stretch>& ordered) {
   const Strides st = stridesOf(Q);
+  std::vector<uint64_t> steps;
+  steps.reserve(ordered.size());
+  for (const Stretch& s : ordered) {
+    steps.push_back(spliceSteps(Q, s.first, s.last));
+  }
+  // Room is made in front of the plane's own values in one move (in place
+  // when the list has the capacity), then the spliced values are written.
   auto rebuild = [&](auto& list, const auto& from, bool use, uint64_t stride) {
     if (!use) return;
-    std::remove_reference_t<decltype(list)> merged;
-    for (const Stretch& s : ordered) {
-      appendSpliced(merged, from, s.first, spliceSteps(Q, s.first, s.last), stride);
+    uint64_t added = 0;
+    for (size_t k = 0; k < ordered.size(); ++k) {
+      added += splicedCount(from.size(), ordered[k].first, steps[k], stride);
     }
-    merged.insert(merged.end(), list.begin(), list.end());
-    list.swap(merged);
+    using Value = typename std::remove_reference_t<decltype(list)>::value_type;
+    list.insert(list.begin(), static_cast<size_t>(added), Value{});
+    Value* at = list.data();
+    for (size_t k = 0; k < ordered.size(); ++k) {
+      const uint64_t count = splicedCount(from.size(), ordered[k].first, steps[k], stride);
+      writeSpliced(at, from, ordered[k].first, count, stride);
+      at += count;
+    }
   };
   rebuild(target.points, Q.points, st.usePoints, st.points);
   rebuild(target.normals, Q.normals, st.useNormals, st.normals);

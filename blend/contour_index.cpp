@@ -193,4 +193,28 @@ bool ContourIndex::anyCloserThan(const LuVec3& x, double limit2) const {
   return false;
 }
 
+bool SegmentNearest::find(uint32_t qSeg, uint32_t pIndex, uint32_t& qIndex, double& d2) {
+  if (!readable(qSeg, m_qStarts.size()) || !readable(qSeg, m_qEnds.size())) return false;
+  const uint32_t first = m_qStarts[qSeg];
+  const uint32_t last = m_qEnds[qSeg];
+  if (first > last || !readable(pIndex, m_p.size())) return false;
+  const LuVec3& X = m_p[pIndex];
+
+  Segment& segment = m_segments[qSeg];
+  uint32_t best = 0;
+  double bestDist2 = 0.0;
+  bool found = false;
+  if (segment.scans < kScansBeforeIndex) {
+    ++segment.scans;
+    found = scanNearest(m_q, first, last, X, best, bestDist2);
+  } else {
+    if (!segment.index) segment.index = std::make_unique<ContourIndex>(m_q, first, last);
+    found = segment.index->nearest(X, best, bestDist2);
+  }
+  if (!found || !(bestDist2 <= kNearestLimit)) return false;
+  qIndex = best;
+  d2 = bestDist2;
+  return true;
+}
+
 }  // namespace lublend

@@ -1,5 +1,6 @@
 // The blend stretches of one P segment: where it runs alongside a Q segment.
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -15,12 +16,25 @@ constexpr double kTouchLimit = 2.0;
 // A stretch spans at least four P points: last - first >= 3 (unsigned).
 constexpr uint32_t kMinStretchSpan = 3;
 
-// Copies pts[from, to) (end exclusive), leaving out what lies past the list.
-std::vector<LuVec3> copyRange(const std::vector<LuVec3>& pts, uint32_t from, uint32_t to) {
-  std::vector<LuVec3> out;
+// The box of pts[from, to) (end exclusive, cut at the end of the list): the
+// box of a copy of that range. Finite coordinates are folded into their two
+// corners without copying the range (the same box: its bounds are the
+// per-axis minimum and maximum); a range with NaN or infinite coordinates is
+// copied and handed to the box as it stands.
+LuBBox boxOfRange(const std::vector<LuVec3>& pts, uint32_t from, uint32_t to) {
   const uint64_t end = std::min<uint64_t>(to, pts.size());
-  if (from < end) out.assign(pts.begin() + from, pts.begin() + static_cast<ptrdiff_t>(end));
-  return out;
+  if (from >= end) return LuBBox();
+  LuVec3 lo = pts[from];
+  LuVec3 hi = pts[from];
+  bool finite = true;
+  for (uint64_t i = from; i < end; ++i) {
+    const LuVec3& p = pts[i];
+    finite = finite && std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+    lo = {std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
+    hi = {std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
+  }
+  if (finite) return LuBBox(std::vector<LuVec3>{lo, hi});
+  return LuBBox(std::vector<LuVec3>(pts.begin() + from, pts.begin() + static_cast<ptrdiff_t>(end)));
 }
 
 // The pass test of one P point against Q segment j: inside the overlap box of
@@ -96,10 +110,10 @@ bool LuAfxsUserDataSet::BuildMapIntersection(const LuAfxsPlane* P, const LuAfxsP
                                              LuVec3& /*normal*/, std::vector<unsigned int>& qStarts,
                                              std::vector<unsigned int>& qEnds, unsigned int pFirst,
                                              unsigned int pLast) {
-  const LuBBox BP(copyRange(P->resPoints, pFirst, pLast));
+  const LuBBox BP = boxOfRange(P->resPoints, pFirst, pLast);
   const size_t qSegments = std::min(qStarts.size(), qEnds.size());
   for (size_t j = 0; j < qSegments; ++j) {
-    const LuBBox BQ(copyRange(Q->resPoints, qStarts[j], qEnds[j]));
+    const LuBBox BQ = boxOfRange(Q->resPoints, qStarts[j], qEnds[j]);
     if (!BP.intersect(BQ)) continue;
     const LuBBox BX = BP.intersection(BQ);
     if (pFirst == pLast) continue;

@@ -6,13 +6,6 @@
 
 #include "blend/blend_internal.h"
 
-namespace {
-
-// Squared distance at which a nearest Q point still counts (inclusive).
-constexpr double kNearestLimit = 2.0;
-
-}  // namespace
-
 // Finds the point of Q segment qSeg nearest to P point pIndex, on the result
 // points or on the contour points, by a plain ascending scan (strict
 // comparison: the lowest index wins a tie). Succeeds, and only then sets the
@@ -41,7 +34,7 @@ bool LuAfxsUserDataSet::FindPPointNearestQPoint(const LuAfxsPlane* P, const LuAf
   uint32_t best = 0;
   double bestDist2 = 0.0;
   if (!lublend::scanNearest(qPoints, first, last, X, best, bestDist2)) return false;
-  if (!(bestDist2 <= kNearestLimit)) return false;
+  if (!(bestDist2 <= lublend::kNearestLimit)) return false;
   qIndex = best;
   dist2 = bestDist2;
   return true;

@@ -79,13 +79,16 @@ void logErase(const wchar_t* message, int line) {
 bool LuAfxsUserDataSet::RemoveNonLegitSegments(const LuAfxsPlane* P, const LuAfxsPlane* Q,
                                                std::vector<unsigned int>& qStarts,
                                                std::vector<unsigned int>& qEnds) {
-  LuVec3 N = lublend::headerNormal(m_XSHeader);
+  // The nearest-point search of FindPPointNearestQPoint on contour points;
+  // one searcher serves all stretches, so that the many searches of a long
+  // walk go through an index of the segment.
+  lublend::SegmentNearest nearest(P->points, Q->points, qStarts, qEnds);
 
   auto facingTest = [&](uint32_t i, uint32_t q) {
     Facing result;
     double d2 = 0.0;
     uint32_t qIndex = 0;
-    result.found = FindPPointNearestQPoint(P, Q, N, qStarts, qEnds, q, i, qIndex, d2, false);
+    result.found = nearest.find(q, i, qIndex, d2);
     if (result.found) {
       result.qIndex = qIndex;
       result.faces = facesQ(P, Q, i, qIndex, d2);

@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <random>
 #include <set>
 #include <stdexcept>
 
 #include "blend/blend_access.h"
+#include "blend/blend_reference.h"
 #include "blend/blend_scenes.h"
+#include "blend/random_planes.h"
 
 namespace {
 
@@ -304,6 +307,55 @@ TEST_F(BlendDriverTest, StretchEndWithoutProjectionIsCategorisedAsQNotAtABoundar
   BlendAccess::CategorizBlendPoints(&P, &Q);
   EXPECT_EQ(BlendAccess::m_MapPointIndx2Category.at(0).startCategory, 2u);
   EXPECT_EQ(BlendAccess::m_MapPointIndx2Category.at(0).endCategory, 3u);
+}
+
+}  // namespace
+
+namespace {
+
+void expectSamePlane(const LuAfxsPlane& a, const LuAfxsPlane& b, const std::string& where) {
+  EXPECT_EQ(a.points, b.points) << where;
+  EXPECT_EQ(a.normals, b.normals) << where;
+  EXPECT_EQ(a.resPoints, b.resPoints) << where;
+  EXPECT_EQ(a.distances, b.distances) << where;
+  EXPECT_EQ(a.segments, b.segments) << where;
+  EXPECT_EQ(a.auxCtrlFirst, b.auxCtrlFirst) << where;
+}
+
+// The whole blend against its literal form (plain scans, one-by-one splices).
+TEST_F(BlendDriverTest, BlendEqualsTheLiteralBlendOnOverlappingArcs) {
+  for (bool sameWay : {true, false}) {
+    const blendscene::Pair arcs = blendscene::overlappingArcs(1500, sameWay);
+    LuAfxsPlane literal;
+    ASSERT_TRUE(blendref::literalBlend<BlendAccess>(arcs.P, arcs.Q, literal));
+    const auto literalMap = BlendAccess::m_MapPointIndx2PrjctdPoint;
+    out = LuAfxsPlane();
+    ASSERT_TRUE(blendPair(arcs.P, arcs.Q));
+    ASSERT_TRUE(blended);
+    expectSamePlane(out, literal, sameWay ? "same way" : "opposite ways");
+    EXPECT_EQ(BlendAccess::m_MapPointIndx2PrjctdPoint.size(), literalMap.size());
+  }
+}
+
+TEST_F(BlendDriverTest, BlendEqualsTheLiteralBlendOnRandomContours) {
+  std::mt19937 random(31);
+  int blendedCount = 0;
+  for (int round = 0; round < 150; ++round) {
+    LuAfxsPlane P = blendrandom::walk(random, 60 + round % 80, 0.5, 1 + round % 3);
+    LuAfxsPlane Q = blendrandom::walk(random, 60 + round % 90, 0.5, 1 + round % 4, {0.1, 0.1, 0});
+    for (size_t i = 0; i < Q.points.size(); ++i) Q.distances.push_back(double(i));
+    for (size_t i = 0; i < P.points.size(); ++i) P.distances.push_back(-double(i));
+    LuAfxsPlane literal;
+    const bool literalBlended = blendref::literalBlend<BlendAccess>(P, Q, literal);
+    out = LuAfxsPlane();
+    blended = false;
+    ASSERT_TRUE(blendPair(P, Q));
+    ASSERT_EQ(blended, literalBlended) << "round " << round;
+    if (!blended) continue;
+    ++blendedCount;
+    expectSamePlane(out, literal, "round " + std::to_string(round));
+  }
+  EXPECT_GT(blendedCount, 30);
 }
 
 }  // namespace

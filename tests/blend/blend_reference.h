@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <cfloat>
+#include <cmath>
 #include <cstdint>
 #include <map>
+#include <string>
 #include <vector>
 
 #include <luAnaf/luAnaf.h>
@@ -244,6 +246,133 @@ inline void assemble(LuAfxsPlane& blended, const LuAfxsPlane& Q, const std::vect
       continue;
     spliceFront(blended, Q, 0, start, end);
   }
+}
+
+// The plain nearest scan of FindPPointNearestQPoint: true when the best
+// squared distance is at most 2.0.
+inline bool nearestWithinReach(const LuAfxsPlane& P, const LuAfxsPlane& Q,
+                               const std::vector<uint32_t>& qStarts,
+                               const std::vector<uint32_t>& qEnds, uint32_t q, uint32_t i,
+                               uint32_t& qIndex, double& d2) {
+  if (qStarts[q] > qEnds[q]) return false;
+  uint32_t index = 0;
+  double best = 0;
+  bool coincidence = false;
+  scan(Q.points, qStarts[q], qEnds[q], P.points[i], index, best, coincidence);
+  if (!(best <= 2.0)) return false;
+  qIndex = index;
+  d2 = best;
+  return true;
+}
+
+// The trimming and erasure of the stretches, every search a plain scan.
+// Returns the messages' kinds in order: 'N' non coherent, 'F' not found.
+inline std::string removeNonLegit(const LuAfxsPlane& P, const LuAfxsPlane& Q,
+                                  const std::vector<uint32_t>& qStarts,
+                                  const std::vector<uint32_t>& qEnds, Stretches& st) {
+  std::string log;
+  auto faces = [&](uint32_t i, uint32_t q, bool& found, uint32_t& qIndex) {
+    double d2 = 0;
+    found = nearestWithinReach(P, Q, qStarts, qEnds, q, i, qIndex, d2);
+    if (!found) return false;
+    const LuVec3 D = P.points[i] - Q.points[qIndex];
+    const double len = D.length();
+    bool angleOk = false;
+    if (len != 0.0) {
+      const LuVec3 u{D.x / len, D.y / len, D.z / len};
+      angleOk = luAcos(std::fabs(Q.normals[qIndex].dot(u))) * 180.0 / 3.141592653589793 <= 20.0;
+    }
+    return (angleOk && d2 <= 2.0) || d2 <= 0.09;
+  };
+  for (size_t k = 0; k < st.start.size();) {
+    const uint32_t s = st.start[k], e = st.end[k], q = st.indx[k];
+    bool F1 = false, F2 = false, found = false;
+    uint32_t qIndex = 0, lastQ = 0;
+    uint32_t j = e;
+    for (; j > s; --j) {
+      const bool f = faces(j, q, found, qIndex);
+      F1 = found;
+      if (f) {
+        st.end[k] = j;
+        break;
+      }
+    }
+    uint32_t i = s;
+    for (; i < e; ++i) {
+      const bool f = faces(i, q, found, qIndex);
+      F2 = found;
+      if (found) lastQ = qIndex;
+      if (f) {
+        st.start[k] = i;
+        break;
+      }
+    }
+    char erase = 0;
+    if (s < e && F2 && Q.normals[lastQ].dot(P.normals[i]) < 0.0) {
+      erase = 'N';
+    } else if (!F1 || !F2) {
+      erase = 'F';
+    } else if (j - i < 2u) {
+      erase = 'N';
+    }
+    if (!erase) {
+      ++k;
+      continue;
+    }
+    log.push_back(erase);
+    st.start.erase(st.start.begin() + k);
+    st.end.erase(st.end.begin() + k);
+    st.indx.erase(st.indx.begin() + k);
+  }
+  return log;
+}
+
+// The whole blend of P and Q into `out` with the literal steps above in
+// place of the library's indexed searches and linear assembly; the stages
+// that have no faster form (categories, weights, distances) are the
+// library's, reached through the access class A. Returns whether blended.
+template <class A>
+bool literalBlend(const LuAfxsPlane& P, const LuAfxsPlane& Q, LuAfxsPlane& out) {
+  A::m_VectResultedSegmentsStart.clear();
+  A::m_VectResultedSegmentsEnd.clear();
+  A::m_VectResultedSegmentsIndx.clear();
+  A::m_MapPointIndx2PrjctdPoint.clear();
+  A::m_MapPointIndx2Category.clear();
+  A::m_BlendedQPointsVector.assign(Q.points.size(), false);
+  if (P.resPoints.empty() || Q.resPoints.empty()) return false;
+  if (!LuBBox(P.resPoints).intersect(LuBBox(Q.resPoints))) return false;
+  std::vector<unsigned int> qs, qe, ps, pe;
+  A::GetPlaneSegments(&Q, qs, qe);
+  A::GetPlaneSegments(&P, ps, pe);
+  Stretches stretches;
+  for (size_t i = 0; i < ps.size(); ++i)
+    buildMapIntersection(P, Q, qs, qe, ps[i], pe[i], stretches);
+  removeNonLegit(P, Q, qs, qe, stretches);
+  if (stretches.start.empty()) return false;
+  A::m_VectResultedSegmentsStart = stretches.start;
+  A::m_VectResultedSegmentsEnd = stretches.end;
+  A::m_VectResultedSegmentsIndx = stretches.indx;
+  const LuVec3 normal{A::m_XSHeader.normal[0], A::m_XSHeader.normal[1], A::m_XSHeader.normal[2]};
+  bool same = false;
+  for (size_t k = 0; k < stretches.start.size(); ++k) {
+    const uint32_t s = stretches.start[k], e = stretches.end[k], q = stretches.indx[k];
+    for (uint32_t i = s; i <= e; ++i) {
+      uint32_t qIndex = 0;
+      double d2 = 0;
+      if (nearestWithinReach(P, Q, qs, qe, q, i, qIndex, d2)) {
+        same = A::CheckIsSameDirection(P.resPoints, Q.resPoints, i, qIndex);
+        break;
+      }
+    }
+    couple(P, Q, normal, qs, qe, s, e, q, same, A::m_MapPointIndx2PrjctdPoint,
+           A::m_BlendedQPointsVector);
+  }
+  out = P;
+  A::CategorizBlendPoints(&P, &Q);
+  A::BlendByCategory(&P, &Q, out);
+  A::UpdateDistanceVector(&out, &P);
+  assemble(out, Q, A::m_BlendedQPointsVector, true, A::m_VectResultedSegmentsIndx);
+  return true;
 }
 
 }  // namespace blendref

@@ -2,7 +2,11 @@
 // that do not hold up.
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "blend/blend_access.h"
+#include "blend/blend_reference.h"
+#include "blend/random_planes.h"
 
 namespace {
 
@@ -169,6 +173,49 @@ TEST_F(RemoveNonLegitSegmentsTest, ErasureKeepsTheListsParallelAndGoesOnWithTheN
 TEST_F(RemoveNonLegitSegmentsTest, NoStretchAtAllIsTrue) {
   EXPECT_TRUE(run(pAbove({1, 1}), qLine()));
   EXPECT_TRUE(logs().empty());
+}
+
+}  // namespace
+
+namespace {
+
+// Long stretch ends that do not face Q make the trimming walks search dozens
+// of times; those searches go through an index of the segment after the
+// first few plain scans. The outcome must equal plain scans throughout.
+TEST_F(RemoveNonLegitSegmentsTest, MatchesPlainScansOnRandomContours) {
+  std::mt19937 random(5);
+  size_t trimmed = 0;
+  for (int round = 0; round < 300; ++round) {
+    BlendAccess::resetScratch();
+    capture().clear();
+    LuAfxsPlane P = blendrandom::walk(random, 40 + round % 50, 0.6, 1);
+    LuAfxsPlane Q = blendrandom::walk(random, 60 + round % 70, 0.6, 1 + round % 3, {0.2, 0.1, 0});
+    for (auto& n : Q.normals) n = {double(int(random() % 3) - 1), double(int(random() % 3) - 1), 0};
+    std::vector<unsigned int> qs, qe;
+    BlendAccess::GetPlaneSegments(&Q, qs, qe);
+    blendref::Stretches expected;
+    for (int k = 0; k < 3; ++k) {
+      const uint32_t s = uint32_t(random() % P.points.size());
+      const uint32_t e = uint32_t(random() % P.points.size());
+      const uint32_t q = uint32_t(random() % qs.size());
+      expected.start.push_back(s);
+      expected.end.push_back(e);
+      expected.indx.push_back(q);
+      BlendAccess::addStretch(s, e, q);
+    }
+    const std::string kinds = blendref::removeNonLegit(P, Q, qs, qe, expected);
+    const bool noneErased = BlendAccess::RemoveNonLegitSegments(&P, &Q, qs, qe);
+    ASSERT_EQ(starts(), expected.start) << "round " << round;
+    ASSERT_EQ(ends(), expected.end) << "round " << round;
+    ASSERT_EQ(BlendAccess::m_VectResultedSegmentsIndx, expected.indx) << "round " << round;
+    ASSERT_EQ(noneErased, kinds.empty()) << "round " << round;
+    ASSERT_EQ(logs().size(), kinds.size()) << "round " << round;
+    for (size_t m = 0; m < kinds.size(); ++m) {
+      EXPECT_EQ(logs()[m].message, kinds[m] == 'N' ? kNonCoherent : kNoCouple) << round;
+    }
+    trimmed += expected.start.size();
+  }
+  EXPECT_GT(trimmed, 50u);
 }
 
 }  // namespace
