@@ -152,6 +152,8 @@ private:
   uint64_t m_consumed = 0;
 };
 
+constexpr size_t kMaxHeaderLines = 1024;
+
 struct Walk {
   File& file;
   LuAfxsInspection& out;
@@ -239,7 +241,9 @@ void Walk::header() {
       line.known = false;
       in.ignore(0x7FFFFFFF, '\n');
     }
-    out.headerLines.push_back(line);
+    // Only the first words are listed: a header of millions of words must
+    // not cost memory beyond a small multiple of its own size.
+    if (out.headerLines.size() < kMaxHeaderLines) out.headerLines.push_back(line);
   }
   if (!out.headerEndSeen) out.headerSize = file.size();
   out.header.version = out.version;
