@@ -29,8 +29,6 @@ cmake -S "$here" -B "$build/luanaf" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain"
   -DLUANAF_BUILD_BENCH=OFF -DLUANAF_BUILD_TOOLS=OFF -DLUANAF_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build/luanaf" -j "$jobs"
 
-# Wine finds the library next to the test programs.
-cp "$build/luanaf/luAnaf.dll" "$build/luanaf/tests/" 2>/dev/null || true
 export WINEDEBUG=-all WINEPREFIX="$build/wineprefix"
 [ -d "$WINEPREFIX" ] || wineboot --init >/dev/null 2>&1 || true
 ctest --test-dir "$build/luanaf" -j "$jobs" --output-on-failure --timeout 600
