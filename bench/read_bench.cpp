@@ -9,6 +9,7 @@
 // temporary folder and deleted at exit.
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -32,18 +33,22 @@ uint32_t planeCount() {
   return 1000;
 }
 
-fs::path benchDir() {
-  static fs::path dir = [] {
-    fs::path d = fs::temp_directory_path() / ("luanaf-read-bench-" + std::to_string(::getpid()));
-    fs::create_directories(d);
-    std::atexit([] {
-      std::error_code ec;
-      fs::remove_all(
-          fs::temp_directory_path() / ("luanaf-read-bench-" + std::to_string(::getpid())), ec);
-    });
-    return d;
-  }();
-  return dir;
+// The benchmark's folder, made on first use and removed when the program ends.
+struct BenchDir {
+  fs::path path;
+  ~BenchDir() {
+    std::error_code ec;
+    if (!path.empty()) fs::remove_all(path, ec);
+  }
+} g_benchDir;
+
+const fs::path& benchDir() {
+  if (g_benchDir.path.empty()) {
+    auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
+    g_benchDir.path = fs::temp_directory_path() / ("luanaf-read-bench-" + std::to_string(stamp));
+    fs::create_directories(g_benchDir.path);
+  }
+  return g_benchDir.path;
 }
 
 const double (*raw(const std::vector<LuVec3>& v))[3] {
@@ -135,7 +140,7 @@ void BM_RawFreadFreshBuffer(benchmark::State& state) {
   size_t size = fs::file_size(file);
   for (auto _ : state) {
     std::unique_ptr<char[]> buffer(new char[size]);
-    FILE* f = std::fopen(file.c_str(), "rb");
+    FILE* f = std::fopen(file.string().c_str(), "rb");
     size_t got = std::fread(buffer.get(), 1, size, f);
     std::fclose(f);
     if (got != size) state.SkipWithError("short read");
@@ -152,7 +157,7 @@ void BM_RawFreadReusedBuffer(benchmark::State& state) {
   size_t size = fs::file_size(file);
   std::vector<char> buffer(1 << 20);
   for (auto _ : state) {
-    FILE* f = std::fopen(file.c_str(), "rb");
+    FILE* f = std::fopen(file.string().c_str(), "rb");
     size_t total = 0, got = 0;
     while ((got = std::fread(buffer.data(), 1, buffer.size(), f)) > 0) total += got;
     std::fclose(f);
