@@ -43,7 +43,7 @@ namespace {
 class BlendBench : public LuAfxsUserDataSet {
 public:
   using LuAfxsUserDataSet::BlendXSections;
-
+  // What the literal blend (tests/blend/blend_reference.h) needs.
   using LuAfxsUserDataSet::BlendByCategory;
   using LuAfxsUserDataSet::CategorizBlendPoints;
   using LuAfxsUserDataSet::CheckIsSameDirection;
@@ -57,30 +57,6 @@ public:
   using LuAfxsUserDataSet::m_XSHeader;
   using LuAfxsUserDataSet::UpdateDistanceVector;
 };
-bool same = false;
-for (size_t k = 0; k < m_VectResultedSegmentsStart.size(); ++k) {
-  const uint32_t s = m_VectResultedSegmentsStart[k], e = m_VectResultedSegmentsEnd[k];
-  const uint32_t q = m_VectResultedSegmentsIndx[k];
-  for (uint32_t i = s; i <= e; ++i) {
-    unsigned qIndex = 0;
-    double d2 = 0;
-    if (FindPPointNearestQPoint(&P, &Q, normal, qs, qe, q, i, qIndex, d2, false)) {
-      same = CheckIsSameDirection(P.resPoints, Q.resPoints, i, qIndex);
-      break;
-    }
-  }
-  blendref::couple(P, Q, normal, qs, qe, s, e, q, same, m_MapPointIndx2PrjctdPoint,
-                   m_BlendedQPointsVector);
-}
-out = P;
-CategorizBlendPoints(&P, &Q);
-BlendByCategory(&P, &Q, out);
-UpdateDistanceVector(&out, &P);
-blendref::assemble(out, Q, m_BlendedQPointsVector, !m_VectResultedSegmentsStart.empty(),
-                   m_VectResultedSegmentsIndx);
-}
-}
-;
 
 // Dumps go to a folder that does not exist: the blend tries and skips them.
 void noDumps() { LuAfxsUserDataSet::SetXYZDumpDirectory(L"/nonexistent-luanaf-bench-dir/"); }
