@@ -34,13 +34,13 @@ TEST_F(XyzDumpsTest, OrgAndResultFlagsNameTheFile) {
 TEST_F(XyzDumpsTest, LinesHoldFixedThreeDecimalsTabSeparatedWithLineFeeds) {
   dump(plane(), 7, false, false, L"_BlendOnly");
   EXPECT_EQ(lutest::readText(path("P3_S1_Id7_BLND_COP_BlendOnly.xyz")),
-            "1.000\t2.000\t3.000\n-0.500\t0.000\t12345.679\n");
+            lutest::platformLines("1.000\t2.000\t3.000\n-0.500\t0.000\t12345.679\n"));
 }
 
 TEST_F(XyzDumpsTest, ResultPointDumpWritesTheResultPoints) {
   dump(plane(), 7, false, true, L"");
   EXPECT_EQ(lutest::readText(path("P3_S1_Id7_BLND_RES.xyz")),
-            "9.000\t8.000\t7.000\n6.000\t5.000\t4.000\n");
+            lutest::platformLines("9.000\t8.000\t7.000\n6.000\t5.000\t4.000\n"));
 }
 
 TEST_F(XyzDumpsTest, ResultPointDumpWithFewerResultPointsStillWritesOneLinePerPoint) {
@@ -48,7 +48,7 @@ TEST_F(XyzDumpsTest, ResultPointDumpWithFewerResultPointsStillWritesOneLinePerPo
   p.resPoints.resize(1);
   dump(p, 7, false, true, L"");
   EXPECT_EQ(lutest::readText(path("P3_S1_Id7_BLND_RES.xyz")),
-            "9.000\t8.000\t7.000\n-0.500\t0.000\t12345.679\n");
+            lutest::platformLines("9.000\t8.000\t7.000\n-0.500\t0.000\t12345.679\n"));
 }
 
 TEST_F(XyzDumpsTest, PlaneWithNoPointsProducesAnEmptyFile) {
@@ -62,7 +62,7 @@ TEST_F(XyzDumpsTest, SecondDumpOfTheSamePlaneOverwritesTheFirst) {
   dump(plane(), 7, false, false, L"_BlendOnly");
   LuAfxsPlane shorter = planeOf({{4.0, 4.0, 4.0}}, {1}, 3, 1);
   dump(shorter, 7, false, false, L"_BlendOnly");
-  EXPECT_EQ(lutest::readText(path("P3_S1_Id7_BLND_COP_BlendOnly.xyz")), "4.000\t4.000\t4.000\n");
+  EXPECT_EQ(lutest::readText(path("P3_S1_Id7_BLND_COP_BlendOnly.xyz")), lutest::platformLines("4.000\t4.000\t4.000\n"));
 }
 
 TEST_F(XyzDumpsTest, MissingDirectoryWritesNothingAndIsNotCreated) {
@@ -80,7 +80,7 @@ TEST_F(XyzDumpsTest, QStarDumpWritesProjectionsInKeyOrder) {
   projected[-1] = {{-1.0, 0.25, 0.0}, 2};
   BlendAccess::FlushCurrPlaneQStar(projected, 9, 4);
   EXPECT_EQ(lutest::readText(path("QStar_P4_Id9.xyz")),
-            "-1.000\t0.250\t0.000\n5.000\t0.000\t0.000\n");
+            lutest::platformLines("-1.000\t0.250\t0.000\n5.000\t0.000\t0.000\n"));
 }
 
 TEST_F(XyzDumpsTest, OverrideWinsOverTheEnvironment) {

@@ -84,6 +84,19 @@ void setReadOnly(const fs::path& file, bool readOnly) {
   if (!readOnly) fs::permissions(file, fs::perms::owner_write, fs::perm_options::add);
 }
 
+std::string platformLines(const std::string& text) {
+#if defined(_WIN32)
+  std::string out;
+  for (char c : text) {
+    if (c == '\n') out += '\r';
+    out += c;
+  }
+  return out;
+#else
+  return text;
+#endif
+}
+
 void setEnv(const char* name, const char* value) {
 #if defined(_WIN32)
   _putenv_s(name, value);

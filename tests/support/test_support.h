@@ -60,6 +60,9 @@ void writeBytes(const fs::path& file, const std::vector<uint8_t>& bytes);
 std::string readText(const fs::path& file);
 // Clears or sets the owner-write bit of a file.
 void setReadOnly(const fs::path& file, bool readOnly);
+// Text files written in text mode end their lines the platform's way: this
+// turns each "\n" of an expected text into that line end.
+std::string platformLines(const std::string& text);
 // Sets or removes an environment variable (portable).
 void setEnv(const char* name, const char* value);
 void unsetEnv(const char* name);
