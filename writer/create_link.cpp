@@ -103,7 +103,8 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
 
   try {
     using afxs::headerLineFormat;
-    putHeaderLine(m_file, LuStrFrmt::format(headerLineFormat(afxs::kLineIdentifier)));
+    // Lines 0 and 8 hold no conversion: their text is written as it stands.
+    putHeaderLine(m_file, LuStrFrmt::format("%s", headerLineFormat(afxs::kLineIdentifier)));
     putHeaderLine(m_file,
                   LuStrFrmt::format(headerLineFormat(afxs::kLineVersion), m_header.version));
     m_patchOffset = afxs::offset32(m_file);
@@ -121,7 +122,7 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
                                             m_header.distBwPlanes));
     m_stateLineOffset = afxs::offset32(m_file);
     putHeaderLine(m_file, LuStrFrmt::format(headerLineFormat(afxs::kLineState), 0u));
-    putHeaderLine(m_file, LuStrFrmt::format(headerLineFormat(afxs::kLineHeaderEnd)));
+    putHeaderLine(m_file, LuStrFrmt::format("%s", headerLineFormat(afxs::kLineHeaderEnd)));
     m_atEnd = true;
     m_ok = true;
   } catch (...) {
