@@ -4,6 +4,11 @@
 //
 //   build-*/bench/read_bench                      (1,000 planes x 2 subsets x 5,000 points)
 //   LUANAF_READ_BENCH_PLANES=100 build-*/bench/read_bench   (a smaller file for a quick look)
+//   LUANAF_BENCH_QUICK=1 build-*/bench/read_bench           (100 planes, as scripts/bench.sh quick)
+//
+// Every library figure has its floor beside it: the same bytes with plain
+// fread (and fwrite where the library writes), so the ratio of the two is
+// what the format and the library's own work cost on top of the machine.
 //
 // The files are written once per process with the writer into the system's
 // temporary folder and deleted at exit.
@@ -30,6 +35,8 @@ constexpr uint32_t kIndexRecords = 100000;
 uint32_t planeCount() {
   const char* env = std::getenv("LUANAF_READ_BENCH_PLANES");
   if (env && std::atoi(env) > 0) return static_cast<uint32_t>(std::atoi(env));
+  const char* quick = std::getenv("LUANAF_BENCH_QUICK");
+  if (quick && quick[0] == '1') return 100;
   return 1000;
 }
 
@@ -108,6 +115,16 @@ const fs::path& bigFile() {
   return file;
 }
 
+// The same planes with points only: the file the results flush appends to.
+const fs::path& pointsFile() {
+  static fs::path file = [] {
+    fs::path f = benchDir() / "points.afxs";
+    if (!writeFile(f, planeCount(), kSubsets, kPoints, false)) std::abort();
+    return f;
+  }();
+  return file;
+}
+
 const fs::path& indexFile() {
   static fs::path file = [] {
     fs::path f = benchDir() / "index.afxs";
@@ -168,6 +185,43 @@ void BM_RawFreadReusedBuffer(benchmark::State& state) {
 }
 BENCHMARK(BM_RawFreadReusedBuffer)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// Only the points of every record (the other fields are stepped over).
+void BM_LoadPointsOnly(benchmark::State& state) {
+  const fs::path& file = bigFile();
+  for (auto _ : state) {
+    LuAfxsUserLink link(file.wstring().c_str());
+    LuAfxsUserDataSet set(link);
+    if (!set.load(LU_AFXS_MASK_POINTS)) state.SkipWithError("load failed");
+    benchmark::DoNotOptimize(set.size());
+  }
+  const uint64_t bytes = uint64_t{planeCount()} * kSubsets * kPoints * sizeof(LuVec3);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+}
+BENCHMARK(BM_LoadPointsOnly)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The floor of the points-only load: one fread per record of the points'
+// bytes into a fresh buffer of their own, as the load fills one vector per
+// record (the other bytes of the file are not touched).
+void BM_RawFreadPointsOnly(benchmark::State& state) {
+  const fs::path& file = bigFile();
+  const size_t records = size_t{planeCount()} * kSubsets;
+  const size_t chunk = kPoints * sizeof(LuVec3);
+  const size_t stride = fs::file_size(file) / records;
+  for (auto _ : state) {
+    std::vector<std::unique_ptr<char[]>> buffers(records);
+    FILE* f = std::fopen(file.string().c_str(), "rb");
+    for (size_t r = 0; r < records; ++r) {
+      buffers[r].reset(new char[chunk]);
+      std::fseek(f, static_cast<long>(r * stride), SEEK_SET);
+      if (std::fread(buffers[r].get(), 1, chunk, f) != chunk) state.SkipWithError("short read");
+    }
+    std::fclose(f);
+    benchmark::DoNotOptimize(buffers.data());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * records * chunk));
+}
+BENCHMARK(BM_RawFreadPointsOnly)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // Verify, scan the chain and walk every subset chain of 100,000 plane-subset
 // records (load of no field: the directory of each record only).
 void BM_OpenAndIndex(benchmark::State& state) {
@@ -180,6 +234,70 @@ void BM_OpenAndIndex(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kIndexRecords);
 }
 BENCHMARK(BM_OpenAndIndex)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The floor of opening and indexing: the index file's bytes with one fread.
+void BM_RawFreadIndexFile(benchmark::State& state) {
+  const fs::path& file = indexFile();
+  const size_t size = fs::file_size(file);
+  for (auto _ : state) {
+    std::unique_ptr<char[]> buffer(new char[size]);
+    FILE* f = std::fopen(file.string().c_str(), "rb");
+    if (std::fread(buffer.get(), 1, size, f) != size) state.SkipWithError("short read");
+    std::fclose(f);
+    benchmark::DoNotOptimize(buffer.get());
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kIndexRecords);
+}
+BENCHMARK(BM_RawFreadIndexFile)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Attaching result points and distances to every record of a points-only
+// file and flushing each as a results record (index, append, link patch).
+// The file is restored (untimed) before each iteration.
+void BM_ResultsFlush(benchmark::State& state) {
+  const fs::path& file = pointsFile();
+  fs::path work = benchDir() / "results.afxs";
+  std::vector<LuVec3> res(kPoints, LuVec3{1, 2, 3});
+  std::vector<double> dist(kPoints, 0.25);
+  for (auto _ : state) {
+    state.PauseTiming();
+    fs::copy_file(file, work, fs::copy_options::overwrite_existing);
+    state.ResumeTiming();
+    LuAfxsUserLink link(work.wstring().c_str());
+    LuAfxsUserDataSet set(link);
+    if (!set.load(0)) state.SkipWithError("load failed");
+    for (LuAfxsUserData* data : set) {
+      data->setResPoints(raw(res), kPoints);
+      data->setDistances(dist.data(), kPoints);
+      if (!data->flush()) state.SkipWithError("flush failed");
+    }
+    set.closefile();
+  }
+  const uint64_t bytes = uint64_t{planeCount()} * kSubsets * kPoints * (sizeof(LuVec3) + 8);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+}
+BENCHMARK(BM_ResultsFlush)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Its floor: the same result bytes appended with fwrite, one record's worth
+// at a time, to a copy of the same file.
+void BM_RawFwriteResults(benchmark::State& state) {
+  const fs::path& file = pointsFile();
+  fs::path work = benchDir() / "results-raw.bin";
+  const size_t records = size_t{planeCount()} * kSubsets;
+  std::vector<char> chunk(kPoints * (sizeof(LuVec3) + 8), 'r');
+  for (auto _ : state) {
+    state.PauseTiming();
+    fs::copy_file(file, work, fs::copy_options::overwrite_existing);
+    state.ResumeTiming();
+    FILE* f = std::fopen(work.string().c_str(), "r+b");
+    std::fseek(f, 0, SEEK_END);
+    for (size_t r = 0; r < records; ++r)
+      if (std::fwrite(chunk.data(), 1, chunk.size(), f) != chunk.size())
+        state.SkipWithError("short write");
+    std::fclose(f);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * records * chunk.size()));
+}
+BENCHMARK(BM_RawFwriteResults)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Removing the normals from the large file: every other field is loaded and
 // the file rewritten. The file is restored (untimed) before each iteration.
@@ -198,5 +316,27 @@ void BM_RemoveNormals(benchmark::State& state) {
                           static_cast<int64_t>(fs::file_size(file)));
 }
 BENCHMARK(BM_RemoveNormals)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
+
+// Its floor: the large file read with fread and the bytes the removal keeps
+// (the file without its normals) written with fwrite to a new file.
+void BM_RawRemoveFloor(benchmark::State& state) {
+  const fs::path& file = bigFile();
+  const size_t size = fs::file_size(file);
+  const size_t normals = size_t{planeCount()} * kSubsets * kPoints * sizeof(LuVec3);
+  const size_t kept = size - normals;
+  fs::path out = benchDir() / "remove-raw.bin";
+  for (auto _ : state) {
+    std::unique_ptr<char[]> buffer(new char[size]);
+    FILE* f = std::fopen(file.string().c_str(), "rb");
+    if (std::fread(buffer.get(), 1, size, f) != size) state.SkipWithError("short read");
+    std::fclose(f);
+    FILE* o = std::fopen(out.string().c_str(), "wb");
+    if (std::fwrite(buffer.get(), 1, kept, o) != kept) state.SkipWithError("short write");
+    std::fclose(o);
+    fs::remove(out);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(size));
+}
+BENCHMARK(BM_RawRemoveFloor)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
 
 }  // namespace

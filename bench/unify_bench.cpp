@@ -5,6 +5,7 @@
 //
 //   unify_bench            short run (20 planes per scan)
 //   unify_bench --full     the full size (500 planes per scan)
+//   unify_bench --planes=N N planes per scan (the scaling table of scripts/bench.sh)
 //
 // Inputs are generated once, in a temporary folder removed at exit. The XYZ
 // dumps of the blend go to a folder that does not exist, so they are skipped.
@@ -12,8 +13,10 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <numbers>
 #include <string>
 #include <vector>
@@ -112,17 +115,32 @@ void BM_RawFloor(benchmark::State& state) {
       static_cast<int64_t>(state.iterations() * (g_inputBytes + g_outputBytes)));
 }
 
+// The in-memory floor: every input byte copied once with memcpy into fresh
+// memory (what gathering the planes of all scans costs at the least).
+void BM_MemcpyFloor(benchmark::State& state) {
+  std::vector<char> source(static_cast<size_t>(g_inputBytes), 'm');
+  for (auto _ : state) {
+    std::unique_ptr<char[]> copy(new char[source.size()]);
+    std::memcpy(copy.get(), source.data(), source.size());
+    benchmark::DoNotOptimize(copy.get());
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * g_inputBytes));
+}
+
 void BM_UnifyBlendingOff(benchmark::State& state) {
   for (auto _ : state) unifyOnce(false, g_dir / "out_off.afxs");
   state.SetBytesProcessed(
       static_cast<int64_t>(state.iterations() * (g_inputBytes + g_outputBytes)));
   state.counters["out_MB"] = static_cast<double>(fs::file_size(g_dir / "out_off.afxs")) / 1e6;
+  state.counters["planes"] = g_planes;
 }
 
 void BM_UnifyBlendingOn(benchmark::State& state) {
   for (auto _ : state) unifyOnce(true, g_dir / "out_on.afxs");
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * g_inputBytes));
   state.counters["out_MB"] = static_cast<double>(fs::file_size(g_dir / "out_on.afxs")) / 1e6;
+  state.counters["planes"] = g_planes;
 }
 
 }  // namespace
@@ -132,6 +150,8 @@ int main(int argc, char** argv) {
   for (int i = 0; i < argc; ++i) {
     if (std::strcmp(argv[i], "--full") == 0) {
       g_planes = 500;
+    } else if (std::strncmp(argv[i], "--planes=", 9) == 0 && std::atoi(argv[i] + 9) > 0) {
+      g_planes = static_cast<uint32_t>(std::atoi(argv[i] + 9));
     } else {
       args.push_back(argv[i]);
     }
@@ -153,10 +173,13 @@ int main(int argc, char** argv) {
   }
   unifyOnce(false, g_dir / "out_off.afxs");
   g_outputBytes = fs::file_size(g_dir / "out_off.afxs");
-  std::printf("unify_bench: %d scans x %u planes x %zu points, inputs %.1f MB, output %.1f MB\n",
+  std::fprintf(stderr, "unify_bench: %d scans x %u planes x %zu points, inputs %.1f MB, output %.1f MB\n",
               kScans, g_planes, kPoints, g_inputBytes / 1e6, g_outputBytes / 1e6);
 
   benchmark::RegisterBenchmark("RawFloor", BM_RawFloor)
+      ->Unit(benchmark::kMillisecond)
+      ->UseRealTime();
+  benchmark::RegisterBenchmark("MemcpyFloor", BM_MemcpyFloor)
       ->Unit(benchmark::kMillisecond)
       ->UseRealTime();
   benchmark::RegisterBenchmark("UnifyBlendingOff", BM_UnifyBlendingOff)

@@ -1,0 +1,317 @@
+// The peer comparison: the same planes (planes x 2 subsets x 5,000 points
+// with every field group) stored by luAnaf as one cross-section file and by
+// HDF5 as one dataset per field and plane subset (a group per plane subset,
+// contiguous layout, no filters), each written in full and read back in full.
+// Beside them the raw floor: the luAnaf file's bytes with plain fwrite and
+// one fread into fresh memory.
+//
+//   build-*/bench/hdf5_bench                                (100 planes)
+//   LUANAF_HDF5_BENCH_PLANES=1000 build-*/bench/hdf5_bench  (the large file, ~1 GB)
+//
+// Both sides read into fresh std::vector storage per field, as a client of
+// either gets its arrays. The files live in the system's temporary folder
+// and are removed at exit.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <hdf5.h>
+
+#include <luAnaf/luAnaf.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uint32_t kSubsets = 2;
+constexpr size_t kPoints = 5000;
+constexpr size_t kSegments = 10;
+
+uint32_t planeCount() {
+  const char* env = std::getenv("LUANAF_HDF5_BENCH_PLANES");
+  if (env && std::atoi(env) > 0) return static_cast<uint32_t>(std::atoi(env));
+  return 100;
+}
+
+struct BenchDir {
+  fs::path path;
+  ~BenchDir() {
+    std::error_code ec;
+    if (!path.empty()) fs::remove_all(path, ec);
+  }
+} g_benchDir;
+
+const fs::path& benchDir() {
+  if (g_benchDir.path.empty()) {
+    auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
+    g_benchDir.path = fs::temp_directory_path() / ("luanaf-hdf5-bench-" + std::to_string(stamp));
+    fs::create_directories(g_benchDir.path);
+  }
+  return g_benchDir.path;
+}
+
+// One plane subset's arrays, the aux offsets and firsts already derived as
+// the writer derives them (HDF5 is handed them ready).
+struct PlaneInput {
+  std::vector<LuVec3> points, normals, resPoints;
+  std::vector<int> segments;
+  std::vector<uint32_t> auxPos, auxCounts, auxOffsets, auxFirst;
+  std::vector<double> distances;
+};
+
+const PlaneInput& input() {
+  static const PlaneInput in = [] {
+    PlaneInput p;
+    for (size_t i = 0; i < kPoints; ++i) {
+      double t = static_cast<double>(i) * 0.001;
+      p.points.push_back({t, 2 * t, 3 * t});
+      p.normals.push_back({0, 0, 1});
+      p.resPoints.push_back({t + 0.01, 2 * t, 3 * t});
+      p.auxPos.push_back(static_cast<uint32_t>(i));
+      p.auxCounts.push_back(1);
+      p.auxOffsets.push_back(static_cast<uint32_t>(i));
+      p.auxFirst.push_back(static_cast<uint32_t>(i));
+      p.distances.push_back(0.01);
+    }
+    for (size_t s = 1; s <= kSegments; ++s)
+      p.segments.push_back(static_cast<int>(kPoints * s / kSegments));
+    return p;
+  }();
+  return in;
+}
+
+const double (*raw(const std::vector<LuVec3>& v))[3] {
+  return reinterpret_cast<const double(*)[3]>(v.data());
+}
+
+// ---- luAnaf
+
+bool writeLuanaf(const fs::path& file) {
+  const PlaneInput& in = input();
+  LuAfxsCreateLink link(file.wstring().c_str());
+  LuAfxsHeader header;
+  header.version = 1;
+  header.normal[2] = 1;
+  header.numPlanes = planeCount();
+  header.distBwPlanes = 0.5;
+  link.setHeader(header);
+  if (!link.create(true)) return false;
+  for (uint32_t plane = 0; plane < planeCount(); ++plane) {
+    for (uint32_t subset = 1; subset <= kSubsets; ++subset) {
+      LuAfxsCreateData data(link, plane, subset);
+      data.setPoints(raw(in.points), kPoints);
+      data.setNormals(raw(in.normals), kPoints);
+      data.setSegments(in.segments.data(), in.segments.size());
+      data.setAuxCtrlPos(in.auxPos.data(), kPoints, in.auxCounts.data(), kPoints);
+      data.setDistances(in.distances.data(), kPoints);
+      data.setResPoints(raw(in.resPoints), kPoints);
+      if (!data.flush()) return false;
+    }
+  }
+  link.closeFile(true);
+  link.release();
+  return link.isOK();
+}
+
+// ---- HDF5
+
+template <typename T>
+bool writeDataset(hid_t group, const char* name, hid_t fileType, hid_t memType,
+                  const std::vector<T>& values, hsize_t columns) {
+  hsize_t dims[2] = {static_cast<hsize_t>(values.size()), columns};
+  hid_t space = H5Screate_simple(columns == 1 ? 1 : 2, dims, nullptr);
+  hid_t set = H5Dcreate2(group, name, fileType, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+  bool ok = set >= 0 && H5Dwrite(set, memType, H5S_ALL, H5S_ALL, H5P_DEFAULT, values.data()) >= 0;
+  if (set >= 0) H5Dclose(set);
+  H5Sclose(space);
+  return ok;
+}
+
+std::string groupName(uint32_t plane, uint32_t subset) {
+  return "plane" + std::to_string(plane) + "_subset" + std::to_string(subset);
+}
+
+bool writeHdf5(const fs::path& file) {
+  const PlaneInput& in = input();
+  hid_t f = H5Fcreate(file.string().c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT);
+  if (f < 0) return false;
+  bool ok = true;
+  for (uint32_t plane = 0; plane < planeCount() && ok; ++plane) {
+    for (uint32_t subset = 1; subset <= kSubsets && ok; ++subset) {
+      hid_t g = H5Gcreate2(f, groupName(plane, subset).c_str(), H5P_DEFAULT, H5P_DEFAULT,
+                           H5P_DEFAULT);
+      ok = g >= 0 &&
+           writeDataset(g, "points", H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, in.points, 3) &&
+           writeDataset(g, "normals", H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, in.normals, 3) &&
+           writeDataset(g, "segments", H5T_STD_I32LE, H5T_NATIVE_INT, in.segments, 1) &&
+           writeDataset(g, "auxPos", H5T_STD_U32LE, H5T_NATIVE_UINT32, in.auxPos, 1) &&
+           writeDataset(g, "auxOffsets", H5T_STD_U32LE, H5T_NATIVE_UINT32, in.auxOffsets, 1) &&
+           writeDataset(g, "auxCounts", H5T_STD_U32LE, H5T_NATIVE_UINT32, in.auxCounts, 1) &&
+           writeDataset(g, "auxFirst", H5T_STD_U32LE, H5T_NATIVE_UINT32, in.auxFirst, 1) &&
+           writeDataset(g, "distances", H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, in.distances, 1) &&
+           writeDataset(g, "resPoints", H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, in.resPoints, 3);
+      if (g >= 0) H5Gclose(g);
+    }
+  }
+  return H5Fclose(f) >= 0 && ok;
+}
+
+// Reads one dataset into a fresh vector sized from its dataspace.
+template <typename T>
+bool readDataset(hid_t group, const char* name, hid_t memType, std::vector<T>& out,
+                 size_t perElement) {
+  hid_t set = H5Dopen2(group, name, H5P_DEFAULT);
+  if (set < 0) return false;
+  hid_t space = H5Dget_space(set);
+  const hssize_t values = H5Sget_simple_extent_npoints(space);
+  H5Sclose(space);
+  out.resize(static_cast<size_t>(values) / perElement);
+  bool ok = H5Dread(set, memType, H5S_ALL, H5S_ALL, H5P_DEFAULT, out.data()) >= 0;
+  H5Dclose(set);
+  return ok;
+}
+
+bool readHdf5(const fs::path& file, std::vector<LuAfxsPlane>& planes) {
+  hid_t f = H5Fopen(file.string().c_str(), H5F_ACC_RDONLY, H5P_DEFAULT);
+  if (f < 0) return false;
+  bool ok = true;
+  for (uint32_t plane = 0; plane < planeCount() && ok; ++plane) {
+    for (uint32_t subset = 1; subset <= kSubsets && ok; ++subset) {
+      LuAfxsPlane& p = planes.emplace_back();
+      p.planeId = plane;
+      p.subsetId = subset;
+      std::vector<uint32_t> first;
+      hid_t g = H5Gopen2(f, groupName(plane, subset).c_str(), H5P_DEFAULT);
+      ok = g >= 0 && readDataset(g, "points", H5T_NATIVE_DOUBLE, p.points, 3) &&
+           readDataset(g, "normals", H5T_NATIVE_DOUBLE, p.normals, 3) &&
+           readDataset(g, "segments", H5T_NATIVE_INT, p.segments, 1) &&
+           readDataset(g, "auxPos", H5T_NATIVE_UINT32, p.auxCtrlPos, 1) &&
+           readDataset(g, "auxOffsets", H5T_NATIVE_UINT32, p.auxCtrlOffsets, 1) &&
+           readDataset(g, "auxCounts", H5T_NATIVE_UINT32, p.auxCtrlCounts, 1) &&
+           readDataset(g, "auxFirst", H5T_NATIVE_UINT32, first, 1) &&
+           readDataset(g, "distances", H5T_NATIVE_DOUBLE, p.distances, 1) &&
+           readDataset(g, "resPoints", H5T_NATIVE_DOUBLE, p.resPoints, 3);
+      if (g >= 0) H5Gclose(g);
+    }
+  }
+  return H5Fclose(f) >= 0 && ok;
+}
+
+const fs::path& luanafFile() {
+  static const fs::path file = [] {
+    fs::path f = benchDir() / "peer.afxs";
+    if (!writeLuanaf(f)) std::abort();
+    return f;
+  }();
+  return file;
+}
+
+const fs::path& hdf5File() {
+  static const fs::path file = [] {
+    fs::path f = benchDir() / "peer.h5";
+    if (!writeHdf5(f)) std::abort();
+    return f;
+  }();
+  return file;
+}
+
+void counters(benchmark::State& state, const fs::path& file) {
+  const uint64_t bytes = fs::file_size(file);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
+  state.counters["file_MB"] = static_cast<double>(bytes) / 1e6;
+  state.counters["planes"] = planeCount();
+}
+
+void BM_LuanafWrite(benchmark::State& state) {
+  const fs::path file = benchDir() / "write.afxs";
+  for (auto _ : state) {
+    state.PauseTiming();
+    fs::remove(file);
+    state.ResumeTiming();
+    if (!writeLuanaf(file)) state.SkipWithError("luAnaf write failed");
+  }
+  counters(state, file);
+}
+
+void BM_Hdf5Write(benchmark::State& state) {
+  const fs::path file = benchDir() / "write.h5";
+  for (auto _ : state) {
+    state.PauseTiming();
+    fs::remove(file);
+    state.ResumeTiming();
+    if (!writeHdf5(file)) state.SkipWithError("HDF5 write failed");
+  }
+  counters(state, file);
+}
+
+// The luAnaf file's bytes with fwrite, one record's worth at a time.
+void BM_RawFwrite(benchmark::State& state) {
+  const uint64_t total = fs::file_size(luanafFile());
+  const size_t records = size_t{planeCount()} * kSubsets;
+  const size_t chunk = static_cast<size_t>(total / records);
+  std::vector<char> buffer(chunk, 'x');
+  const fs::path file = benchDir() / "raw.bin";
+  for (auto _ : state) {
+    state.PauseTiming();
+    fs::remove(file);
+    state.ResumeTiming();
+    FILE* f = std::fopen(file.string().c_str(), "wb");
+    for (uint64_t left = total; left > 0;) {
+      const size_t n = static_cast<size_t>(std::min<uint64_t>(left, chunk));
+      if (std::fwrite(buffer.data(), 1, n, f) != n) state.SkipWithError("fwrite failed");
+      left -= n;
+    }
+    std::fclose(f);
+  }
+  counters(state, luanafFile());
+}
+
+void BM_LuanafLoad(benchmark::State& state) {
+  const fs::path& file = luanafFile();
+  for (auto _ : state) {
+    LuAfxsUserLink link(file.wstring().c_str());
+    LuAfxsUserDataSet set(link);
+    if (!set.load(LU_AFXS_MASK_ALL)) state.SkipWithError("luAnaf load failed");
+    benchmark::DoNotOptimize(set.size());
+  }
+  counters(state, file);
+}
+
+void BM_Hdf5Read(benchmark::State& state) {
+  const fs::path& file = hdf5File();
+  for (auto _ : state) {
+    std::vector<LuAfxsPlane> planes;
+    if (!readHdf5(file, planes)) state.SkipWithError("HDF5 read failed");
+    benchmark::DoNotOptimize(planes.data());
+  }
+  counters(state, file);
+}
+
+// The luAnaf file's bytes with one fread into fresh memory.
+void BM_RawFread(benchmark::State& state) {
+  const fs::path& file = luanafFile();
+  const size_t size = fs::file_size(file);
+  for (auto _ : state) {
+    std::unique_ptr<char[]> buffer(new char[size]);
+    FILE* f = std::fopen(file.string().c_str(), "rb");
+    if (std::fread(buffer.get(), 1, size, f) != size) state.SkipWithError("short read");
+    std::fclose(f);
+    benchmark::DoNotOptimize(buffer.get());
+  }
+  counters(state, file);
+}
+
+BENCHMARK(BM_RawFwrite)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_LuanafWrite)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Hdf5Write)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_RawFread)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_LuanafLoad)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Hdf5Read)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace

@@ -1,0 +1,213 @@
+#!/usr/bin/python3
+"""Turns the JSON output of the benchmark programs into Markdown tables.
+
+    /usr/bin/python3 bench/report.py RESULTS_DIR > bench.md
+
+RESULTS_DIR holds the files scripts/bench.sh writes (one JSON file per
+benchmark process). Every library figure stands beside its floor measured in
+the same run (plain fread/fwrite of the same bytes, memcpy for in-memory
+work); "of floor" is floor time / library time, so 1.00 means the library
+runs at the floor and 0.50 that it takes twice as long. Both wall-clock
+(real) and CPU time are shown: on a shared machine the CPU time is the
+steadier of the two. Only the standard library is used.
+"""
+
+import glob
+import json
+import os
+import re
+import sys
+
+UNIT_TO_MS = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}
+
+
+def load_results(directory):
+    """All benchmark entries of all JSON files, by name (first one wins)."""
+    results = {}
+    context = None
+    for path in sorted(glob.glob(os.path.join(directory, "*.json"))):
+        try:
+            with open(path, encoding="utf-8") as f:
+                data = json.load(f)
+        except (OSError, ValueError) as error:
+            print(f"<!-- skipped {os.path.basename(path)}: {error} -->")
+            continue
+        if context is None:
+            context = data.get("context")
+        tag = os.path.splitext(os.path.basename(path))[0]
+        for entry in data.get("benchmarks", []):
+            if entry.get("run_type") == "aggregate" or entry.get("error_occurred"):
+                continue
+            scale = UNIT_TO_MS.get(entry.get("time_unit", "ns"), 1e-6)
+            item = {
+                "real": entry["real_time"] * scale,
+                "cpu": entry["cpu_time"] * scale,
+                "entry": entry,
+            }
+            results.setdefault(entry["name"], item)
+            results.setdefault(tag + ":" + entry["name"], item)
+    return results, context
+
+
+def find(results, pattern):
+    """The entries whose name matches the regular expression, in name order."""
+    rx = re.compile(pattern)
+    return [(name, results[name]) for name in sorted(results) if rx.fullmatch(name)]
+
+
+def first(results, pattern):
+    found = find(results, pattern)
+    return found[0][1] if found else None
+
+
+def ms(value):
+    if value is None:
+        return "–"
+    if value >= 100:
+        return f"{value:.0f}"
+    if value >= 1:
+        return f"{value:.1f}"
+    return f"{value:.3f}"
+
+
+def ratio(floor, lib, key):
+    if floor is None or lib is None or lib[key] <= 0:
+        return "–"
+    return f"{floor[key] / lib[key]:.2f}"
+
+
+def row(label, lib, floor, floor_name):
+    if lib is None:
+        return f"| {label} | not run | | | | |"
+    return (f"| {label} | {ms(lib['real'])} / {ms(lib['cpu'])} | "
+            f"{ms(floor['real']) if floor else '–'} / {ms(floor['cpu']) if floor else '–'} | "
+            f"{floor_name} | {ratio(floor, lib, 'real')} | {ratio(floor, lib, 'cpu')} |")
+
+
+def size_of(name, key):
+    m = re.search(key + r":(\d+)", name)
+    return int(m.group(1)) if m else 0
+
+
+def main():
+    if len(sys.argv) != 2:
+        print(__doc__, file=sys.stderr)
+        return 2
+    results, context = load_results(sys.argv[1])
+    out = []
+    if context:
+        out.append(f"Run: {context.get('date', '?')}, {context.get('num_cpus', '?')} CPUs at "
+                   f"{context.get('mhz_per_cpu', '?')} MHz, load average "
+                   f"{', '.join(f'{x:.2f}' for x in context.get('load_avg', []))}.")
+        out.append("")
+
+    out.append("## Library against its floor")
+    out.append("")
+    out.append("| Operation | luAnaf ms (real / CPU) | floor ms (real / CPU) | floor | "
+               "of floor (real) | of floor (CPU) |")
+    out.append("|---|---|---|---|---|---|")
+    for name, lib in find(results, r"BM_WriterFile/.*"):
+        planes, points = size_of(name, "planes"), size_of(name, "points")
+        mb = lib["entry"].get("file_MB", 0)
+        floor = results.get(name.replace("BM_WriterFile", "BM_RawFwrite"))
+        out.append(row(f"write ({planes} planes x 2 x {points} points, {mb:.0f} MB)", lib, floor,
+                       "fwrite, record-sized chunks"))
+    pairs = [
+        ("load, all fields", r"BM_LoadEveryField.*", r"BM_RawFreadFreshBuffer.*",
+         "one fread into fresh memory"),
+        ("load, points only", r"BM_LoadPointsOnly.*", r"BM_RawFreadPointsOnly.*",
+         "fread of the points, fresh buffer per record"),
+        ("open and index (100,000 records)", r"BM_OpenAndIndex.*", r"BM_RawFreadIndexFile.*",
+         "one fread of the file"),
+        ("results flush (every record)", r"BM_ResultsFlush.*", r"BM_RawFwriteResults.*",
+         "fwrite of the result bytes"),
+        ("remove normals (rewrite)", r"BM_RemoveNormals.*", r"BM_RawRemoveFloor.*",
+         "fread of the file + fwrite of what is kept"),
+    ]
+    for label, lib_rx, floor_rx, floor_name in pairs:
+        out.append(row(label, first(results, lib_rx), first(results, floor_rx), floor_name))
+    for name, lib in find(results, r"BM_Blend/points:\d+/sameWay:\d.*"):
+        points, same = size_of(name, "points"), size_of(name, "sameWay")
+        floor = first(results, rf"BM_BlendMemcpyFloor/points:{points}/.*")
+        way = "same direction" if same else "opposite directions"
+        out.append(row(f"blend, 2 x {points:,} points, {way}", lib, floor,
+                       "memcpy of both contours"))
+    unify_floor = first(results, r"unify:RawFloor.*") or first(results, r"RawFloor.*")
+    unify_memcpy = first(results, r"unify:MemcpyFloor.*") or first(results, r"MemcpyFloor.*")
+    for label, rx in (("unify 8 scans, blending off", r"UnifyBlendingOff.*"),
+                      ("unify 8 scans, blending on", r"UnifyBlendingOn.*")):
+        lib = first(results, r"unify:" + rx) or first(results, rx)
+        planes = int(lib["entry"].get("planes", 0)) if lib else 0
+        out.append(row(f"{label} ({planes} planes x 2,000 points)", lib, unify_floor,
+                       "fread of the inputs + fwrite of the output"))
+        out.append(row(f"{label}, against memcpy", lib, unify_memcpy,
+                       "memcpy of every input byte"))
+    out.append("")
+
+    peer = {key: first(results, rf"BM_{key}.*") for key in
+            ("RawFwrite", "LuanafWrite", "Hdf5Write", "RawFread", "LuanafLoad", "Hdf5Read")}
+    peer_found = [name for name, _ in find(results, r"BM_Hdf5Write.*")]
+    if peer_found:
+        planes = int(peer["Hdf5Write"]["entry"].get("planes", 0))
+        out.append(f"## Peer: HDF5 (one dataset per field and plane subset, {planes} planes x 2 "
+                   "subsets x 5,000 points, every field)")
+        out.append("")
+        out.append("| Direction | luAnaf ms (real / CPU) | HDF5 ms (real / CPU) | raw ms (real / CPU) "
+                   "| HDF5 time / luAnaf time (real / CPU) | luAnaf of raw (real / CPU) |")
+        out.append("|---|---|---|---|---|---|")
+        for label, lib, other, floor in (("write", "LuanafWrite", "Hdf5Write", "RawFwrite"),
+                                         ("read back in full", "LuanafLoad", "Hdf5Read",
+                                          "RawFread")):
+            a, b, c = peer[lib], peer[other], peer[floor]
+            if a is None or b is None:
+                continue
+            out.append(f"| {label} | {ms(a['real'])} / {ms(a['cpu'])} | {ms(b['real'])} / "
+                       f"{ms(b['cpu'])} | {ms(c['real']) if c else '–'} / "
+                       f"{ms(c['cpu']) if c else '–'} | {ratio(b, a, 'real')} / "
+                       f"{ratio(b, a, 'cpu')} | {ratio(c, a, 'real')} / {ratio(c, a, 'cpu')} |")
+        out.append("")
+
+    blends = find(results, r"BM_Blend/points:\d+/sameWay:\d.*")
+    if blends:
+        out.append("## Scaling: blend (time per point should stay flat)")
+        out.append("")
+        out.append("| points per contour | same direction: ms (CPU) | ns per point | "
+                   "opposite: ms (CPU) | ns per point |")
+        out.append("|---|---|---|---|---|")
+        for points in sorted({size_of(n, "points") for n, _ in blends}):
+            cells = []
+            for same in (1, 0):
+                lib = first(results, rf"BM_Blend/points:{points}/sameWay:{same}.*")
+                cells += [ms(lib["cpu"]) if lib else "–",
+                          f"{lib['cpu'] * 1e6 / points:.0f}" if lib else "–"]
+            out.append(f"| {points:,} | " + " | ".join(cells) + " |")
+        out.append("")
+
+    scale = sorted(
+        ((int(item["entry"].get("planes", 0)), tag, item)
+         for tag, item in results.items() if re.fullmatch(r"unify_scale_\d+:UnifyBlendingOff.*", tag)),
+        key=lambda t: t[0])
+    if scale:
+        out.append("## Scaling: unify, 8 scans x N planes x 2,000 points (CPU time)")
+        out.append("")
+        out.append("| planes per scan | points in | off: ms | off: µs per plane | on: ms | "
+                   "on: µs per plane | floor ms (fread+fwrite) |")
+        out.append("|---|---|---|---|---|---|---|")
+        for planes, tag, off in scale:
+            prefix = tag.split(":")[0]
+            on = results.get(prefix + ":" + off["entry"]["name"].replace("Off", "On"))
+            floor = first(results, prefix + r":RawFloor.*")
+            per = planes * 8
+            out.append(f"| {planes} | {per * 2000:,} | {ms(off['cpu'])} | "
+                       f"{off['cpu'] * 1e3 / per:.0f} | {ms(on['cpu']) if on else '–'} | "
+                       f"{on['cpu'] * 1e3 / per:.0f} | {ms(floor['cpu']) if floor else '–'} |"
+                       if on else
+                       f"| {planes} | {per * 2000:,} | {ms(off['cpu'])} | "
+                       f"{off['cpu'] * 1e3 / per:.0f} | – | – | – |")
+        out.append("")
+    print("\n".join(out))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
