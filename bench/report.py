@@ -144,7 +144,7 @@ def main():
                        "memcpy of every input byte"))
     out.append("")
 
-    peer = {key: first(results, rf"BM_{key}.*") for key in
+    peer = {key: first(results, rf"hdf5:BM_{key}.*") for key in
             ("RawFwrite", "LuanafWrite", "Hdf5Write", "RawFread", "LuanafLoad", "Hdf5Read")}
     peer_found = [name for name, _ in find(results, r"BM_Hdf5Write.*")]
     if peer_found:

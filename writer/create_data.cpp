@@ -32,15 +32,53 @@ void copyPoints(std::vector<LuVec3>& out, const double (*points)[3], size_t coun
   out.assign(first, first + count);
 }
 
+// Empties `from`'s array and keeps it in `to` when it has more room than
+// what `to` holds already.
+template <typename T>
+void keepLarger(std::vector<T>& from, std::vector<T>& to) noexcept {
+  from.clear();
+  if (from.capacity() > to.capacity()) from.swap(to);
+}
+
+// Every array of `plane`, emptied, into the spare arrays (see
+// LuAfxsCreateLink::SpareArrays).
+void giveBack(LuAfxsPlane& plane, LuAfxsPlane& spare) noexcept {
+  keepLarger(plane.points, spare.points);
+  keepLarger(plane.normals, spare.normals);
+  keepLarger(plane.segments, spare.segments);
+  keepLarger(plane.auxCtrlFirst, spare.auxCtrlFirst);
+  keepLarger(plane.auxCtrlOffsets, spare.auxCtrlOffsets);
+  keepLarger(plane.auxCtrlCounts, spare.auxCtrlCounts);
+  keepLarger(plane.auxCtrlPos, spare.auxCtrlPos);
+  keepLarger(plane.resPoints, spare.resPoints);
+  keepLarger(plane.distances, spare.distances);
+}
+
+// The spare arrays (empty, with their capacity) into a new data object's
+// plane, whose arrays are empty.
+void takeSpare(LuAfxsPlane& spare, LuAfxsPlane& plane) noexcept {
+  plane.points.swap(spare.points);
+  plane.normals.swap(spare.normals);
+  plane.segments.swap(spare.segments);
+  plane.auxCtrlFirst.swap(spare.auxCtrlFirst);
+  plane.auxCtrlOffsets.swap(spare.auxCtrlOffsets);
+  plane.auxCtrlCounts.swap(spare.auxCtrlCounts);
+  plane.auxCtrlPos.swap(spare.auxCtrlPos);
+  plane.resPoints.swap(spare.resPoints);
+  plane.distances.swap(spare.distances);
+}
+
 }  // namespace
 
 LuAfxsCreateData::LuAfxsCreateData(LuAfxsCreateLink& link, uint32_t planeId, uint32_t subsetId)
     : m_link(link) {
+  takeSpare(link.m_spareArrays.plane, m_plane);
   m_plane.planeId = planeId;
   m_plane.subsetId = subsetId;
 }
 
 LuAfxsCreateData::~LuAfxsCreateData() {
+  giveBack(m_plane, m_link.m_spareArrays.plane);
   try {
     m_link.closeFile(false);
   } catch (...) {
@@ -71,24 +109,26 @@ void LuAfxsCreateData::setAuxCtrlPos(const uint32_t* positions, size_t positionC
   // Every group must lie inside the positions, and every group start (which
   // is read as the group's first position) must be a position: otherwise
   // the input is rejected before anything is read past its end.
-  std::vector<uint32_t> offsets(groupCount);
-  std::vector<uint32_t> first(groupCount);
+  // The check runs first, so a refused input leaves the arrays as they were.
   uint64_t start = 0;
-  uint32_t offset = 0;
   for (size_t i = 0; i < groupCount; ++i) {
     if (start >= positionCount) return;
-    offsets[i] = offset;
     start += counts[i];
-    // The stored offsets are an exclusive prefix sum computed in u32.
-    offset += counts[i];
   }
   if (start > positionCount) return;
-  for (size_t i = 0; i < groupCount; ++i) first[i] = positions[offsets[i]];
 
   m_plane.auxCtrlPos.assign(positions, positions + positionCount);
   m_plane.auxCtrlCounts.assign(counts, counts + groupCount);
-  m_plane.auxCtrlOffsets = std::move(offsets);
-  m_plane.auxCtrlFirst = std::move(first);
+  // Filled in place, so the spare arrays' room is reused.
+  m_plane.auxCtrlOffsets.resize(groupCount);
+  m_plane.auxCtrlFirst.resize(groupCount);
+  uint32_t offset = 0;
+  for (size_t i = 0; i < groupCount; ++i) {
+    // The stored offsets are an exclusive prefix sum computed in u32.
+    m_plane.auxCtrlOffsets[i] = offset;
+    m_plane.auxCtrlFirst[i] = positions[offset];
+    offset += counts[i];
+  }
   m_mask |= LU_AFXS_MASK_AUX;
 }
 

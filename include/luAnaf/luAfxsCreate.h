@@ -115,6 +115,20 @@ protected:
   // elsewhere and by a reopen.
   bool m_atEnd = false;
   std::map<uint32_t, uint32_t> m_planeLinks;  // plane -> offset of its last subset link
+
+  // The arrays of the last LuAfxsCreateData finished on this link, emptied but
+  // keeping their capacity, handed on to the next one. Record after record
+  // then reuses the same memory instead of touching fresh pages (page faults
+  // cost more than the copies themselves). The link holds at most one
+  // record's worth of them until it is destroyed; a copy of a link starts
+  // without them.
+  struct SpareArrays {
+    LuAfxsPlane plane;
+    SpareArrays() = default;
+    SpareArrays(const SpareArrays&) noexcept {}
+    SpareArrays& operator=(const SpareArrays&) noexcept { return *this; }
+  };
+  SpareArrays m_spareArrays;
 };
 
 // Buffers the data of one plane in one subset and writes it as one
