@@ -32,7 +32,6 @@ protected:
     return writeBuilt(b);
   }
   LuAfxsUserData& first(LuAfxsUserDataSet& set) { return **set.begin(); }
-  ProbeUserData& probe(LuAfxsUserDataSet& set) { return static_cast<ProbeUserData&>(first(set)); }
 
   LuAfxsPlane m_plane;
   AfxsFileBuilder m_builder;
@@ -76,13 +75,13 @@ TEST_F(UserDataTest, LoadOfZeroReadsOnlyDirectoryResultsLinkAndFileState) {
   LuAfxsUserLink link(writeOne(63).c_str());
   ProbeDataSet set(link);
   ASSERT_TRUE(set.load(0));
-  ProbeUserData& d = probe(set);
+  LuAfxsUserData& d = first(set);
   EXPECT_EQ(d.state(), 0u);
   EXPECT_EQ(d.fileState(), 63u);
   EXPECT_TRUE(d.getPlaneData().points.empty());
   // 0, 1, 2, 7, 8, 9, 3, 6, 5 and the results link 4.
-  EXPECT_EQ(d.fieldDirectory().size(), 10u);
-  EXPECT_EQ(d.resultsOffset(), 0u);
+  EXPECT_EQ(ProbeUserData::fieldDirectoryOf(d).size(), 10u);
+  EXPECT_EQ(ProbeUserData::resultsOffsetOf(d), 0u);
 }
 
 TEST_F(UserDataTest, EmptySegmentsBlockFailsEvenALoadOfPoints) {
@@ -233,8 +232,8 @@ TEST_F(UserDataTest, FlushAppendsResultsRecordAndPatchesTheResultsLink) {
   LuAfxsUserLink link(file.c_str());
   ProbeDataSet set(link);
   ASSERT_TRUE(set.load(3));
-  ProbeUserData& d = probe(set);
-  uint32_t linkCount = d.fieldDirectory().at(4);
+  LuAfxsUserData& d = first(set);
+  uint32_t linkCount = ProbeUserData::fieldDirectoryOf(d).at(4);
   double res[2][3] = {{1, 2, 3}, {4, 5, 6}};
   double dist[2] = {0.25, 0.75};
   d.setResPoints(res, 2);
@@ -253,7 +252,7 @@ TEST_F(UserDataTest, FlushAppendsResultsRecordAndPatchesTheResultsLink) {
   EXPECT_EQ(bytes.size(), rec + 8 + 8 + 48 + 8 + 16 + 8u);
   EXPECT_EQ(u32At(bytes, linkCount), 4u);
   EXPECT_EQ(u32At(bytes, linkCount + 4), rec + 8);
-  EXPECT_EQ(d.resultsOffset(), rec + 8);
+  EXPECT_EQ(ProbeUserData::resultsOffsetOf(d), rec + 8);
 }
 
 TEST_F(UserDataTest, NewDataObjectLoadsFlushedResults) {
