@@ -4,16 +4,22 @@
 # leak, timeout or sanitizer report fails the run; the input is kept under
 # build/fuzz/findings/.
 # Usage: bash scripts/fuzz.sh [seconds per target]   (default 60)
+# With LUANAF_FUZZ_BUILD set to a build folder configured with
+# -DLUANAF_BUILD_FUZZ=ON (the test command's sanitizer build is), its targets
+# are used instead of a build of their own.
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 source "$here/scripts/deps.sh"
 luanaf_need_packages "${LUANAF_BASE_PACKAGES[@]}"
 seconds="${1:-60}"
-build="${LUANAF_BUILD_DIR:-$here/build}/fuzz"
-
-cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_CXX_COMPILER=clang++ -DLUANAF_BUILD_FUZZ=ON -DLUANAF_BUILD_TESTS=OFF \
-  -DLUANAF_BUILD_TOOLS=OFF -DLUANAF_BUILD_EXAMPLES=OFF -DLUANAF_BUILD_BENCH=OFF >/dev/null
+if [ -n "${LUANAF_FUZZ_BUILD:-}" ]; then
+  build="$LUANAF_FUZZ_BUILD"
+else
+  build="${LUANAF_BUILD_DIR:-$here/build}/fuzz"
+  cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_CXX_COMPILER=clang++ -DLUANAF_BUILD_FUZZ=ON -DLUANAF_BUILD_TESTS=OFF \
+    -DLUANAF_BUILD_TOOLS=OFF -DLUANAF_BUILD_EXAMPLES=OFF -DLUANAF_BUILD_BENCH=OFF >/dev/null
+fi
 cmake --build "$build" -j "$(nproc)"
 
 mkdir -p "$build/findings"

@@ -3,7 +3,7 @@
 #   1. release build: GoogleTest suites, the tool's tests, pytest, install check
 #   2. the same suites under AddressSanitizer + UndefinedBehaviorSanitizer (clang)
 #   3. the release test programs under valgrind memcheck (bulk loops reduced)
-#   4. every fuzz target for a bounded slice (LUANAF_FUZZ_SECONDS each, default 40)
+#   4. every fuzz target for a bounded slice (LUANAF_FUZZ_SECONDS each, default 30)
 #   5. the Windows x86-64 cross build, its tests run under Wine
 # Stages can be left out by hand: LUANAF_SKIP="asan valgrind fuzz windows".
 # Usage: bash scripts/test.sh        (from anywhere; installs what it needs)
@@ -29,7 +29,7 @@ ctest --test-dir "$build/release" -j "$jobs" --output-on-failure --timeout 900
 if wanted asan; then
   stage "sanitizer build (address, undefined)"
   cmake -S "$here" -B "$build/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-    -DCMAKE_CXX_COMPILER=clang++ -DLUANAF_SANITIZE=address,undefined \
+    -DCMAKE_CXX_COMPILER=clang++ -DLUANAF_SANITIZE=address,undefined -DLUANAF_BUILD_FUZZ=ON \
     -DLUANAF_BUILD_BENCH=OFF -DLUANAF_BUILD_EXAMPLES=OFF >/dev/null
   cmake --build "$build/asan" -j "$jobs"
   stage "sanitizer tests"
@@ -44,7 +44,9 @@ fi
 
 if wanted fuzz; then
   stage "fuzzing"
-  bash "$here/scripts/fuzz.sh" "${LUANAF_FUZZ_SECONDS:-40}"
+  # The sanitizer build holds the fuzz targets already (one clang build for both).
+  if wanted asan; then export LUANAF_FUZZ_BUILD="$build/asan"; fi
+  bash "$here/scripts/fuzz.sh" "${LUANAF_FUZZ_SECONDS:-30}"
 fi
 
 if wanted windows; then

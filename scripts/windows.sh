@@ -25,6 +25,7 @@ for dir in nlohmann fmt CLI; do ln -sfn "/usr/include/$dir" "$build/extra-includ
 
 cmake -S "$here" -B "$build/luanaf" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
   -DCMAKE_CXX_FLAGS="-D__USE_MINGW_ANSI_STDIO=1 -isystem $build/extra-include" \
+  -DCMAKE_CXX_FLAGS_RELEASE="-O1 -DNDEBUG" \
   -DCMAKE_BUILD_TYPE=Release -DGTest_DIR="$gtest_prefix/lib/cmake/GTest" \
   -DLUANAF_BUILD_BENCH=OFF -DLUANAF_BUILD_TOOLS=ON -DLUANAF_BUILD_EXAMPLES=ON >/dev/null
 cmake --build "$build/luanaf" -j "$jobs"
