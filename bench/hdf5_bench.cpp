@@ -144,10 +144,9 @@ bool writeHdf5(const fs::path& file) {
   bool ok = true;
   for (uint32_t plane = 0; plane < planeCount() && ok; ++plane) {
     for (uint32_t subset = 1; subset <= kSubsets && ok; ++subset) {
-      hid_t g = H5Gcreate2(f, groupName(plane, subset).c_str(), H5P_DEFAULT, H5P_DEFAULT,
-                           H5P_DEFAULT);
-      ok = g >= 0 &&
-           writeDataset(g, "points", H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, in.points, 3) &&
+      hid_t g =
+          H5Gcreate2(f, groupName(plane, subset).c_str(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT);
+      ok = g >= 0 && writeDataset(g, "points", H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, in.points, 3) &&
            writeDataset(g, "normals", H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, in.normals, 3) &&
            writeDataset(g, "segments", H5T_STD_I32LE, H5T_NATIVE_INT, in.segments, 1) &&
            writeDataset(g, "auxPos", H5T_STD_U32LE, H5T_NATIVE_UINT32, in.auxPos, 1) &&

@@ -173,8 +173,9 @@ int main(int argc, char** argv) {
   }
   unifyOnce(false, g_dir / "out_off.afxs");
   g_outputBytes = fs::file_size(g_dir / "out_off.afxs");
-  std::fprintf(stderr, "unify_bench: %d scans x %u planes x %zu points, inputs %.1f MB, output %.1f MB\n",
-              kScans, g_planes, kPoints, g_inputBytes / 1e6, g_outputBytes / 1e6);
+  std::fprintf(stderr,
+               "unify_bench: %d scans x %u planes x %zu points, inputs %.1f MB, output %.1f MB\n",
+               kScans, g_planes, kPoints, g_inputBytes / 1e6, g_outputBytes / 1e6);
 
   benchmark::RegisterBenchmark("RawFloor", BM_RawFloor)
       ->Unit(benchmark::kMillisecond)

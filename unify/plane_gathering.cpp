@@ -182,8 +182,8 @@ bool LuAfxsUserDataSet::FlushPlaneToFileLink(const LuAfxsPlane* plane,
                                              LuAfxsCreateLink& createLink) {
   if (plane == nullptr) return false;
   LuAfxsCreateData data(createLink, plane->planeId, plane->subsetId);
-  data.Unify(plane);
-  if (data.state() != 0 && !data.flush()) {
+  // Unify and flush, written straight from the plane instead of from a copy.
+  if (data.unifyMaskOf(*plane) != 0 && !data.flushFrom(*plane)) {
     writeLogF(5, __LINE__, afxs::kUserSource, luEnvBuildDate(),
               L"LuAfxsUserDataSet::FlushPlaneToFileLink()- LuAfxsCreateData:: Flush Failed "
               L"iPlane = %d, iSubset = %d",

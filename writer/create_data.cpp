@@ -144,11 +144,12 @@ void LuAfxsCreateData::setDistances(const double* values, size_t count) {
   m_mask |= LU_AFXS_MASK_DISTANCES;
 }
 
-bool LuAfxsCreateData::flush() {
+bool LuAfxsCreateData::flush() { return flushFrom(m_plane); }
+
+bool LuAfxsCreateData::flushFrom(const LuAfxsPlane& p) {
   if (!m_link.isOK() || m_mask == 0) return false;
   if (!m_link.reopenForRecord()) return false;
 
-  const LuAfxsPlane& p = m_plane;
   uint64_t body = afxs::kResultsLinkBlockSize + afxs::kEndMarkSize;
   if (m_mask & LU_AFXS_MASK_POINTS) body += blockBytes(p.points);
   if (m_mask & LU_AFXS_MASK_NORMALS) body += blockBytes(p.normals);
@@ -207,13 +208,18 @@ bool LuAfxsCreateData::flush() {
 bool LuAfxsCreateData::Unify(const LuAfxsPlane* plane) {
   if (plane == nullptr) return false;
   m_plane = *plane;
-  if (!plane->points.empty()) m_mask |= LU_AFXS_MASK_POINTS;
-  if (!plane->normals.empty()) m_mask |= LU_AFXS_MASK_NORMALS;
-  if (!plane->segments.empty()) m_mask |= LU_AFXS_MASK_SEGMENTS;
-  if (!plane->resPoints.empty()) m_mask |= LU_AFXS_MASK_RESPOINTS;
-  if (!plane->distances.empty()) m_mask |= LU_AFXS_MASK_DISTANCES;
+  unifyMaskOf(*plane);
+  return true;
+}
+
+uint32_t LuAfxsCreateData::unifyMaskOf(const LuAfxsPlane& plane) {
+  if (!plane.points.empty()) m_mask |= LU_AFXS_MASK_POINTS;
+  if (!plane.normals.empty()) m_mask |= LU_AFXS_MASK_NORMALS;
+  if (!plane.segments.empty()) m_mask |= LU_AFXS_MASK_SEGMENTS;
+  if (!plane.resPoints.empty()) m_mask |= LU_AFXS_MASK_RESPOINTS;
+  if (!plane.distances.empty()) m_mask |= LU_AFXS_MASK_DISTANCES;
   // Intended: the aux group is never added here; aux data travel only
   // through setAuxCtrlPos, so a unified plane is written without its aux
   // blocks unless that bit was already set.
-  return true;
+  return m_mask;
 }

@@ -135,6 +135,8 @@ protected:
 // plane-subset record on flush(). Holds a reference to its link, which must
 // outlive it.
 class LUANAF_API LuAfxsCreateData {
+  friend class LuAfxsUserDataSet;
+
 public:
   LuAfxsCreateData(LuAfxsCreateLink& link, uint32_t planeId, uint32_t subsetId);
   LuAfxsCreateData(const LuAfxsCreateData&) = default;
@@ -173,6 +175,15 @@ public:
   const LuAfxsPlane& plane() const { return m_plane; }
 
 protected:
+  // What Unify does to the field mask, without copying the plane: the
+  // unification writes each gathered plane straight from the data set that
+  // holds it (through flushFrom), so this object's own plane stays empty.
+  // Returns the mask.
+  uint32_t unifyMaskOf(const LuAfxsPlane& plane);
+  // flush with the arrays (and plane and subset ids) of `plane` instead of
+  // this object's own; flush() is flushFrom(plane()).
+  bool flushFrom(const LuAfxsPlane& plane);
+
   LuAfxsPlane m_plane;
   uint32_t m_mask = 0;
   LuAfxsCreateLink& m_link;
