@@ -201,11 +201,11 @@ bool LuAfxsUserLink::scanRecords() {
       std::memcpy(&value, window.data() + (at - windowStart), sizeof value);
       return value;
     };
-    std::unordered_set<uint32_t> visited;
+    afxs::VisitedOffsets visited;
     uint32_t offset = static_cast<uint32_t>(m_firstRecord);
     uint32_t lastNextField = 0;
     while (offset != 0) {
-      if (!visited.insert(offset).second) afxs::fail();
+      if (!visited.firstVisit(offset)) afxs::fail();
       uint32_t kind = u32At(offset);
       lastNextField = offset + afxs::kNextFieldOffset;
       uint32_t next = u32At(uint64_t{offset} + afxs::kNextFieldOffset);
