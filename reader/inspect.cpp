@@ -539,10 +539,13 @@ void Walk::subsetChains() {
                        luAfxsRecordKindName(r.kind), r.kind, hex(at).c_str()));
         break;
       }
-      if (r.plane >= 0 && r.plane != planeId)
-        problem(at, false,
+      if (r.plane >= 0 && r.plane != planeId) {
+        // The reader refuses a record shared by two planes' chains.
+        problem(at, true,
                 format("plane-subset record at %s is reached from planes %u and %u",
                        hex(at).c_str(), static_cast<uint32_t>(r.plane), planeId));
+        break;
+      }
       if (r.plane < 0) r.plane = planeId;
       r.loaded = true;
       reached.insert(at);

@@ -39,7 +39,10 @@ LuAfxsUserDataSet::~LuAfxsUserDataSet() {
 // (a missing file, a bad header or a file without records); callers rely on
 // the first load clearing such files away. A subset chain that comes back to
 // an offset it already visited, or that leads to more records than the file
-// could hold, ends as a failed load.
+// could hold, ends as a failed load. So does a plane-subset record reached
+// from a second plane: the writer links every record into one plane's chain
+// only, and loading a shared record once per plane would let a small file
+// claim its largest record's data many times over.
 bool LuAfxsUserDataSet::load(unsigned long mask) {
   if (!m_dataList.empty()) {
     for (LuAfxsUserData* data : m_dataList) {
@@ -57,11 +60,11 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
   }
   try {
     const uint64_t maxRecords = m_link->m_fileSize / kMinSubsetRecord;
+    std::unordered_set<uint32_t> visited;  // over every plane's chain
     for (const auto& [planeId, firstSubsetField] : m_link->m_planeIndex) {
       FILE* f = m_link->getPlaneRecord(planeId);
       if (!f) afxs::fail();
       uint32_t offset = afxs::getU32(f);
-      std::unordered_set<uint32_t> visited;
       while (offset != 0) {
         if (!visited.insert(offset).second) afxs::fail();
         if (m_dataList.size() >= maxRecords) afxs::fail();
@@ -110,6 +113,11 @@ bool LuAfxsUserDataSet::remove(unsigned long mask) {
   LuAfxsCreateLink out(tmpPath.c_str());
   out.setHeader(getHeader());
   out.setCameras(m_link->getCameras());
+  // A cameras record whose table could not be read (a failed read, or
+  // damage) would be dropped by the rewrite without a word: the rewrite is
+  // refused instead and the file stays as it is.
+  if (out.getCameras().cameras.empty() && m_link->m_recordIndex.count(LU_AFXS_REC_CAMERAS) != 0)
+    return false;
   if (!out.create(true)) return false;
   for (LuAfxsUserData* data : m_dataList) {
     if (!data->copy(out, ~mask)) {

@@ -43,7 +43,10 @@ public:
   // records already there.
   bool load(unsigned long mask);
   // Removes the field groups in mask by rewriting the file through
-  // "<path>.tmp". Result points and distances always go too.
+  // "<path>.tmp". Result points and distances always go too. A failure
+  // before the rewrite is complete leaves the file as it was (the temporary
+  // file may stay); so does a cameras record that cannot be read, which the
+  // rewrite would otherwise drop.
   bool remove(unsigned long mask);
   // The first record of the plane and subset, or end().
   iterator find(unsigned long planeId, unsigned long subsetId);
