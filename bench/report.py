@@ -115,6 +115,8 @@ def main():
     pairs = [
         ("load, all fields", r"BM_LoadEveryField.*", r"BM_RawFreadFreshBuffer.*",
          "one fread into fresh memory"),
+        ("load, all fields, against a reused buffer", r"BM_LoadEveryField.*",
+         r"BM_RawFreadReusedBuffer.*", "fread into one reused 1 MiB buffer (no fresh pages)"),
         ("load, points only", r"BM_LoadPointsOnly.*", r"BM_RawFreadPointsOnly.*",
          "fread of the points, fresh buffer per record"),
         ("open and index (100,000 records)", r"BM_OpenAndIndex.*", r"BM_RawFreadIndexFile.*",
