@@ -143,6 +143,10 @@ struct Expected {
   double p1, q1, ps1, qs1;
 };
 
+// Printed by its range: gtest would otherwise print the raw bytes, padding
+// included, which valgrind rightly calls uninitialised.
+void PrintTo(const Expected& e, std::ostream* out) { *out << e.start << ".." << e.end; }
+
 class WeightTableTest : public BlendByCategoryTest,
                         public ::testing::WithParamInterface<Expected> {};
 

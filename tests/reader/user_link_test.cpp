@@ -490,6 +490,10 @@ struct DamagedCameras {
   uint32_t endKind;
 };
 
+// Printed by name: gtest would otherwise print the raw bytes, padding
+// included, which valgrind rightly calls uninitialised.
+void PrintTo(const DamagedCameras& c, std::ostream* out) { *out << c.name; }
+
 class DamagedCamerasTest : public UserLinkTest,
                            public ::testing::WithParamInterface<DamagedCameras> {};
 

@@ -82,6 +82,10 @@ struct SetterCase {
   uint32_t bit;
 };
 
+// Printed by name: gtest would otherwise print the raw bytes, padding
+// included, which valgrind rightly calls uninitialised.
+void PrintTo(const SetterCase& c, std::ostream* out) { *out << c.name; }
+
 class SetterBitTest : public CreateDataTest, public ::testing::WithParamInterface<SetterCase> {};
 
 TEST_P(SetterBitTest, SetterReplacesItsVectorAndSetsOnlyItsBit) {

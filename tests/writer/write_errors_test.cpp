@@ -47,6 +47,10 @@ struct FaultCase {
   int line;
 };
 
+// The case's name: gtest would otherwise print the raw bytes, padding
+// included, which valgrind rightly calls uninitialised.
+void PrintTo(const FaultCase& c, std::ostream* out) { *out << c.name; }
+
 class FaultTest : public WriteErrorsTest, public ::testing::WithParamInterface<FaultCase> {};
 
 // The first flush of a new plane with points and segments (mask 3) on a file
