@@ -20,6 +20,65 @@ void* resizeFor(std::vector<T>& v, uint32_t count) {
   return v.data();
 }
 
+// The body of one block whose identifier and byte count (the word at
+// `countWord`) have been read: checks the count and reads the data into its
+// member of `plane` (the results link into `resultsOffset`).
+void readFieldBody(FILE* stream, uint32_t id, uint32_t countWord, uint32_t count, uint64_t fileSize,
+                   LuAfxsPlane& plane, uint32_t& resultsOffset) {
+  if (id == afxs::kFieldResultsLink) {
+    if (count != 4) afxs::fail();
+    resultsOffset = afxs::getU32(stream);
+    return;
+  }
+  size_t element = 0;
+  switch (id) {
+    case afxs::kFieldPoints:
+    case afxs::kFieldNormals:
+    case afxs::kFieldSegments:
+    case afxs::kFieldResPoints:
+    case afxs::kFieldDistances:
+    case afxs::kFieldAuxPos:
+    case afxs::kFieldAuxOffsets:
+    case afxs::kFieldAuxCounts:
+      element = afxs::fieldElementSize(id);
+      break;
+    default:
+      afxs::fail();  // 3 (auxCtrlFirst) and unknown identifiers are never loaded
+  }
+  if (count == 0 || element == 0 || count % element != 0) afxs::fail();
+  afxs::requireInFile(static_cast<uint64_t>(countWord) + 4, count, fileSize);
+  void* data = nullptr;
+  switch (id) {
+    case afxs::kFieldPoints:
+      data = resizeFor(plane.points, count);
+      break;
+    case afxs::kFieldNormals:
+      data = resizeFor(plane.normals, count);
+      break;
+    case afxs::kFieldSegments:
+      data = resizeFor(plane.segments, count);
+      break;
+    case afxs::kFieldResPoints:
+      data = resizeFor(plane.resPoints, count);
+      break;
+    case afxs::kFieldDistances:
+      data = resizeFor(plane.distances, count);
+      break;
+    case afxs::kFieldAuxPos:
+      data = resizeFor(plane.auxCtrlPos, count);
+      break;
+    case afxs::kFieldAuxOffsets:
+      data = resizeFor(plane.auxCtrlOffsets, count);
+      break;
+    case afxs::kFieldAuxCounts:
+      data = resizeFor(plane.auxCtrlCounts, count);
+      break;
+    default:
+      afxs::fail();
+  }
+  afxs::getBytes(stream, data, count);
+}
+
 }  // namespace
 
 LuAfxsUserData::LuAfxsUserData(LuAfxsUserLink& link, long recordOffset, unsigned long planeId,
@@ -76,30 +135,42 @@ bool LuAfxsUserData::load(unsigned long mask) {
 // is damage, whether it is loaded or stepped over.
 void LuAfxsUserData::loadRecordData(FILE* stream, long kind, long mask) {
   const uint64_t fileSize = m_link->m_fileSize;
-  uint32_t id = afxs::getU32(stream);
-  while (id != afxs::kEndMark) {
-    uint32_t countWord = afxs::offset32(stream);
+  // The stream's position is asked once; each block's place follows from
+  // the counts read. Each block's identifier and the word behind it (its
+  // byte count, or the record kind behind the end mark) come in one read.
+  uint64_t at = static_cast<uint64_t>(afxs::position(stream));
+  uint32_t words[2] = {0, 0};
+  size_t got = luio::read(words, 1, sizeof words, stream);
+  if (got < 4) afxs::fail();
+  while (words[0] != afxs::kEndMark) {
+    const uint32_t id = words[0];
+    const uint64_t countAt = at + 4;
+    if (countAt > afxs::kMaxFileOffset) afxs::fail();
+    const uint32_t countWord = static_cast<uint32_t>(countAt);
     // An identifier already present keeps its first position.
     m_fieldDirectory.emplace(id, countWord);
+    if (got < sizeof words) afxs::fail();  // no count behind the identifier
+    const uint32_t count = words[1];
     if (id == afxs::kFieldResultsLink) {
-      loadFieldData(stream, static_cast<long>(id));
+      readFieldBody(stream, id, countWord, count, fileSize, m_plane, m_resultsOffset);
     } else {
       uint32_t bit = afxs::fieldMaskBit(id);  // 0 for identifiers the table lacks
       m_fileState |= bit;
       if ((bit & static_cast<uint32_t>(mask)) != 0) {
-        loadFieldData(stream, static_cast<long>(id));
+        readFieldBody(stream, id, countWord, count, fileSize, m_plane, m_resultsOffset);
         m_state |= bit;
         m_loadedFields.insert(id);
       } else {
-        uint32_t count = afxs::getU32(stream);
         if (static_cast<int32_t>(count) <= 0) afxs::fail();
         afxs::requireInFile(static_cast<uint64_t>(countWord) + 4, count, fileSize);
         afxs::seekBy(stream, count);
       }
     }
-    id = afxs::getU32(stream);
+    at = static_cast<uint64_t>(countWord) + 4 + count;
+    got = luio::read(words, 1, sizeof words, stream);
+    if (got < 4) afxs::fail();
   }
-  if (afxs::getU32(stream) != static_cast<uint32_t>(kind)) afxs::fail();
+  if (got < sizeof words || words[1] != static_cast<uint32_t>(kind)) afxs::fail();
 }
 
 // Reads one block's byte count and data into its member. A count that is not
@@ -108,58 +179,8 @@ void LuAfxsUserData::loadRecordData(FILE* stream, long kind, long mask) {
 void LuAfxsUserData::loadFieldData(FILE* stream, long id) {
   uint32_t countWord = afxs::offset32(stream);
   uint32_t count = afxs::getU32(stream);
-  if (id == afxs::kFieldResultsLink) {
-    if (count != 4) afxs::fail();
-    m_resultsOffset = afxs::getU32(stream);
-    return;
-  }
-  size_t element = 0;
-  switch (id) {
-    case afxs::kFieldPoints:
-    case afxs::kFieldNormals:
-    case afxs::kFieldSegments:
-    case afxs::kFieldResPoints:
-    case afxs::kFieldDistances:
-    case afxs::kFieldAuxPos:
-    case afxs::kFieldAuxOffsets:
-    case afxs::kFieldAuxCounts:
-      element = afxs::fieldElementSize(static_cast<uint32_t>(id));
-      break;
-    default:
-      afxs::fail();  // 3 (auxCtrlFirst) and unknown identifiers are never loaded
-  }
-  if (count == 0 || element == 0 || count % element != 0) afxs::fail();
-  afxs::requireInFile(static_cast<uint64_t>(countWord) + 4, count, m_link->m_fileSize);
-  void* data = nullptr;
-  switch (id) {
-    case afxs::kFieldPoints:
-      data = resizeFor(m_plane.points, count);
-      break;
-    case afxs::kFieldNormals:
-      data = resizeFor(m_plane.normals, count);
-      break;
-    case afxs::kFieldSegments:
-      data = resizeFor(m_plane.segments, count);
-      break;
-    case afxs::kFieldResPoints:
-      data = resizeFor(m_plane.resPoints, count);
-      break;
-    case afxs::kFieldDistances:
-      data = resizeFor(m_plane.distances, count);
-      break;
-    case afxs::kFieldAuxPos:
-      data = resizeFor(m_plane.auxCtrlPos, count);
-      break;
-    case afxs::kFieldAuxOffsets:
-      data = resizeFor(m_plane.auxCtrlOffsets, count);
-      break;
-    case afxs::kFieldAuxCounts:
-      data = resizeFor(m_plane.auxCtrlCounts, count);
-      break;
-    default:
-      afxs::fail();
-  }
-  afxs::getBytes(stream, data, count);
+  readFieldBody(stream, static_cast<uint32_t>(id), countWord, count, m_link->m_fileSize, m_plane,
+                m_resultsOffset);
 }
 
 void LuAfxsUserData::setDistances(const double* values, size_t count) {

@@ -60,21 +60,24 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
   }
   try {
     const uint64_t maxRecords = m_link->m_fileSize / kMinSubsetRecord;
-    std::unordered_set<uint32_t> visited;  // over every plane's chain
+    afxs::VisitedOffsets visited;  // over every plane's chain
     for (const auto& [planeId, firstSubsetField] : m_link->m_planeIndex) {
       FILE* f = m_link->getPlaneRecord(planeId);
       if (!f) afxs::fail();
       uint32_t offset = afxs::getU32(f);
       while (offset != 0) {
-        if (!visited.insert(offset).second) afxs::fail();
+        if (!visited.firstVisit(offset)) afxs::fail();
         if (m_dataList.size() >= maxRecords) afxs::fail();
         f = m_link->m_file;  // the link keeps its stream open during the walk
         if (!f) afxs::fail();
         if (!afxs::alreadyAt(f, offset, !m_link->m_fileOpenForWrite)) afxs::seekTo(f, offset);
-        if (afxs::getU32(f) != LU_AFXS_REC_PLANE_SUBSET) afxs::fail();
-        afxs::getU32(f);  // the record chain's next field: not used here
-        uint32_t subsetId = afxs::getU32(f);
-        uint32_t nextSubset = afxs::getU32(f);
+        // The record's head in one read: kind, the record chain's next field
+        // (not used here), subset id and the next subset's offset.
+        uint32_t head[4];
+        afxs::getBytes(f, head, sizeof head);
+        if (head[0] != LU_AFXS_REC_PLANE_SUBSET) afxs::fail();
+        const uint32_t subsetId = head[2];
+        const uint32_t nextSubset = head[3];
         auto* data = new LuAfxsUserData(
             *m_link, static_cast<long>(offset) + afxs::kSubsetFirstFieldOffset, planeId, subsetId);
         try {
