@@ -177,7 +177,7 @@ protected:
   LuAfxsUserDataSet* trackedSet(const std::string& file) {
     m_userLinks.push_back(std::make_unique<LuAfxsUserLink>(wat(file).c_str()));
     auto* set = new TrackedDataSet(*m_userLinks.back(), file, &m_destroyed);
-    m_sets.push_back(set);
+    m_sets.emplace_back(set, file);
     // The client has read the file once: the drivers then only load fields.
     EXPECT_TRUE(set->load(0));
     return set;
@@ -307,10 +307,9 @@ protected:
     UnifyProbe::registry().clear();
     UnifyProbe::currentDataSets().clear();
     UnifyProbe::outputIds().clear();
-    for (LuAfxsUserDataSet* set : m_sets) {
-      auto* tracked = static_cast<TrackedDataSet*>(set);
-      if (std::find(m_destroyed.begin(), m_destroyed.end(), tracked->label()) == m_destroyed.end())
-        delete set;
+    // A set the library destroyed is known by its label only: never touch it.
+    for (auto& [set, label] : m_sets) {
+      if (std::find(m_destroyed.begin(), m_destroyed.end(), label) == m_destroyed.end()) delete set;
     }
     m_sets.clear();
     m_unifySets.clear();
@@ -474,7 +473,8 @@ protected:
   std::unique_ptr<LuAfxsUserLink> m_driverLink;
   std::unique_ptr<LuAfxsUserDataSet> m_driver;
   std::unique_ptr<LuAfxsUserLink> m_anchor;
-  std::vector<LuAfxsUserDataSet*> m_sets;  // heap data sets of the drivers
+  // Heap data sets of the drivers, with their labels.
+  std::vector<std::pair<LuAfxsUserDataSet*, std::string>> m_sets;
   std::vector<LuAfxsUserDataSet*> m_unifySets;
   std::vector<std::string> m_destroyed;
 };
