@@ -9,7 +9,8 @@ the same run (plain fread/fwrite of the same bytes, memcpy for in-memory
 work); "of floor" is floor time / library time, so 1.00 means the library
 runs at the floor and 0.50 that it takes twice as long. Both wall-clock
 (real) and CPU time are shown: on a shared machine the CPU time is the
-steadier of the two. Only the standard library is used.
+steadier of the two. Where a program ran with --benchmark_repetitions, the
+median of the repetitions is shown. Only the standard library is used.
 """
 
 import glob
@@ -35,8 +36,9 @@ def load_results(directory):
         if context is None:
             context = data.get("context")
         tag = os.path.splitext(os.path.basename(path))[0]
+        medians = {}
         for entry in data.get("benchmarks", []):
-            if entry.get("run_type") == "aggregate" or entry.get("error_occurred"):
+            if entry.get("error_occurred"):
                 continue
             scale = UNIT_TO_MS.get(entry.get("time_unit", "ns"), 1e-6)
             item = {
@@ -44,8 +46,18 @@ def load_results(directory):
                 "cpu": entry["cpu_time"] * scale,
                 "entry": entry,
             }
+            if entry.get("run_type") == "aggregate":
+                # With --benchmark_repetitions the median stands for the runs.
+                if entry.get("aggregate_name") == "median":
+                    medians[entry.get("run_name", entry["name"])] = item
+                continue
+            medians.setdefault(entry["name"], None)
             results.setdefault(entry["name"], item)
             results.setdefault(tag + ":" + entry["name"], item)
+        for name, item in medians.items():
+            if item is not None:
+                results[name] = item
+                results[tag + ":" + name] = item
     return results, context
 
 

@@ -7,6 +7,7 @@
 #
 # LUANAF_BENCH_BUILD  the build directory (default: ${LUANAF_BUILD_DIR:-build}/release)
 # LUANAF_BENCH_OUT    where the JSON files and bench.md go (default: <build>/bench-results)
+# LUANAF_BENCH_REPS   repetitions of every benchmark (default 1); the table shows their median
 # Each benchmark program runs in a process of its own, some benchmarks too
 # (the allocator's state left by one run changes the page faults of the next).
 set -euo pipefail
@@ -40,19 +41,20 @@ run() {
   local name="$1" program="$2"
   shift 2
   echo "== $name"
-  "$bin/$program" --benchmark_out="$out/$name.json" --benchmark_out_format=json "$@" \
+  "$bin/$program" --benchmark_out="$out/$name.json" --benchmark_out_format=json \
+    --benchmark_repetitions="${LUANAF_BENCH_REPS:-1}" "$@" \
     >"$out/$name.txt" 2>&1 || { echo "$name failed:"; tail -20 "$out/$name.txt"; exit 1; }
 }
 
 if [ "$quick" = 1 ]; then
   write_size='planes:100/'
-  unify_sizes=(1 10 100)
+  unify_sizes=(1 10 100 1000)
   unify_main=()
   hdf5_planes=100
 else
   export LUANAF_BENCH_FULL=1
   write_size='planes:1000/'
-  unify_sizes=(5 50 500)
+  unify_sizes=(1 10 100 1000)
   unify_main=(--full)
   hdf5_planes=1000
 fi
