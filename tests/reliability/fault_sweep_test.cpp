@@ -75,7 +75,9 @@ std::ostream& operator<<(std::ostream& out, const OpCase& c) { return out << c.n
 std::optional<std::string> contentsOf(const fs::path& file, uint32_t mask = LU_AFXS_MASK_ALL) {
   if (!fs::exists(file)) return std::nullopt;
   const fs::path probe = file.parent_path().parent_path() / "probe.afxs";
-  fs::copy_file(file, probe, fs::copy_options::overwrite_existing);
+  // Removed first: MinGW's copy_file does not honour overwrite_existing.
+  fs::remove(probe);
+  fs::copy_file(file, probe);
   LuAfxsUserLink link(probe.wstring().c_str());
   LuAfxsUserDataSet set(link);
   if (!set.load(mask)) return std::nullopt;
