@@ -6,34 +6,34 @@
 
 namespace lutest {
 
-LuAfxsPlane makeArcPlane(uint32_t planeId, uint32_t subsetId, const ArcSpec& spec) {
+LuAfxsPlane makeArcPlane(uint32_t planeId, uint32_t subsetId, const ArcSpec& shape) {
   LuAfxsPlane plane;
   plane.planeId = planeId;
   plane.subsetId = subsetId;
-  if (spec.auxOnly) {
+  if (shape.auxOnly) {
     plane.auxCtrlPos = {0, 1, 2, 3, 4};
     return plane;
   }
   const double z = static_cast<double>(planeId);
-  for (size_t i = 0; i < spec.points; ++i) {
+  for (size_t i = 0; i < shape.points; ++i) {
     const double t =
-        spec.points > 1 ? static_cast<double>(i) / static_cast<double>(spec.points - 1) : 0.0;
+        shape.points > 1 ? static_cast<double>(i) / static_cast<double>(shape.points - 1) : 0.0;
     const double angle =
-        (spec.startDeg + t * (spec.endDeg - spec.startDeg)) * std::numbers::pi / 180.0;
+        (shape.startDeg + t * (shape.endDeg - shape.startDeg)) * std::numbers::pi / 180.0;
     const LuVec3 normal{std::cos(angle), std::sin(angle), 0};
-    const LuVec3 point{spec.radius * normal.x, spec.radius * normal.y, z};
+    const LuVec3 point{shape.radius * normal.x, shape.radius * normal.y, z};
     plane.points.push_back(point);
-    if (spec.normals) plane.normals.push_back(normal);
-    if (spec.results) {
-      plane.resPoints.push_back(point + normal * spec.offset);
-      plane.distances.push_back(spec.offset);
+    if (shape.normals) plane.normals.push_back(normal);
+    if (shape.results) {
+      plane.resPoints.push_back(point + normal * shape.offset);
+      plane.distances.push_back(shape.offset);
     }
   }
-  const unsigned segments = std::max(1u, spec.segments);
+  const unsigned segments = std::max(1u, shape.segments);
   for (unsigned s = 1; s <= segments; ++s) {
-    plane.segments.push_back(static_cast<int32_t>(spec.points * s / segments));
+    plane.segments.push_back(static_cast<int32_t>(shape.points * s / segments));
   }
-  if (spec.aux) plane.auxCtrlPos = {0, 1, 2, 3, 4};
+  if (shape.aux) plane.auxCtrlPos = {0, 1, 2, 3, 4};
   return plane;
 }
 
@@ -133,9 +133,9 @@ void UnifyTest::TearDown() {
 }
 
 void UnifyTest::writeScan(const std::string& name, uint32_t subsetId,
-                          const std::vector<uint32_t>& planeIds, const ArcSpec& spec) {
+                          const std::vector<uint32_t>& planeIds, const ArcSpec& shape) {
   std::vector<LuAfxsPlane> planes;
-  for (uint32_t planeId : planeIds) planes.push_back(makeArcPlane(planeId, subsetId, spec));
+  for (uint32_t planeId : planeIds) planes.push_back(makeArcPlane(planeId, subsetId, shape));
   ASSERT_TRUE(writeScanFile(wpath(name), planes, scanHeader(planeIds.size())));
 }
 
