@@ -35,7 +35,7 @@ struct ArcSpec {
   bool auxOnly = false;  // aux control positions and nothing else
 };
 
-LuAfxsPlane makeArcPlane(uint32_t planeId, uint32_t subsetId, const ArcSpec& spec);
+LuAfxsPlane makeArcPlane(uint32_t planeId, uint32_t subsetId, const ArcSpec& shape);
 
 // The header every synthetic scan carries.
 LuAfxsHeader scanHeader(uint64_t numPlanes);
@@ -103,10 +103,10 @@ protected:
   void SetUp() override;
   void TearDown() override;
 
-  // Writes a scan file of the given planes (each an arc after `spec`) in the
+  // Writes a scan file of the given planes (each an arc after `shape`) in the
   // order given, all under subsetId.
   void writeScan(const std::string& name, uint32_t subsetId, const std::vector<uint32_t>& planeIds,
-                 const ArcSpec& spec = {});
+                 const ArcSpec& shape = {});
   // A heap-allocated data set on a new link to the file (not loaded). The
   // fixture deletes it afterwards unless the registry took it over.
   LuAfxsUserDataSet* dataSet(const std::string& name);
