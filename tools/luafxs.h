@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include <luAnaf/luAfxsInspect.h>
+#include <luAnaf/luAfxsFileCheck.h>
 #include <luAnaf/luAnaf.h>
 #include <nlohmann/json.hpp>
 

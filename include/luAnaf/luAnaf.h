@@ -10,4 +10,4 @@
 #include <luAnaf/luAfxsCreate.h>
 #include <luAnaf/luAfxsUser.h>
 #include <luAnaf/luAfxsDataSet.h>
-#include <luAnaf/luAfxsInspect.h>
+#include <luAnaf/luAfxsFileCheck.h>

@@ -2,7 +2,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include <luAnaf/luAfxsInspect.h>
+#include <luAnaf/luAfxsFileCheck.h>
 
 #include "bindings.h"
 

@@ -1,6 +1,6 @@
 // The read-only inspection walk on arbitrary bytes: it must end, stay inside
 // the file, and agree with the reader: a file it calls loadable loads.
-#include <luAnaf/luAfxsInspect.h>
+#include <luAnaf/luAfxsFileCheck.h>
 
 #include <cstdlib>
 

@@ -1,6 +1,6 @@
 // The read-only inspection walk: what it finds in good files, each kind of
 // damage it names (with its offset), and that it leaves every file as it was.
-#include <luAnaf/luAfxsInspect.h>
+#include <luAnaf/luAfxsFileCheck.h>
 
 #include <cstdio>
 #include <random>

@@ -9,7 +9,7 @@
 // number of bytes walked through record bodies is bounded by a small
 // multiple of the file size, so hostile overlapping records cannot make the
 // walk quadratic.
-#include <luAnaf/luAfxsInspect.h>
+#include <luAnaf/luAfxsFileCheck.h>
 
 #include <algorithm>
 #include <cinttypes>
