@@ -19,6 +19,7 @@
 #include <luAnaf/luEnv.h>
 
 #include "format/format.h"
+#include "platform/lu_io.h"
 
 namespace {
 
@@ -27,11 +28,15 @@ void freePlaneLists(LuAfxsUserDataSet::PlaneLists& planeLists) {
   planeLists.clear();
 }
 
-std::wstring widen(const char* text) {
-  std::wstring wide;
-  if (text == nullptr) return wide;
-  for (const char* c = text; *c != '\0'; ++c) wide.push_back(static_cast<unsigned char>(*c));
-  return wide;
+std::wstring widen(const char* text) { return luio::widen(text != nullptr ? text : ""); }
+
+// Add and Remove work only on a user link that verifies; one that does not has
+// its file deleted (intended). A null link counts as invalid, with no file.
+bool userLinkVerifies(LuAfxsUserLink* userLink) {
+  if (userLink == nullptr) return false;
+  if (userLink->verify(true)) return true;
+  userLink->remove();
+  return false;
 }
 
 // The one level-5 line of a driver that an exception ended, then the cleanup
@@ -107,11 +112,7 @@ bool LuAfxsUserDataSet::AddDataSets2Unify(std::vector<LuAfxsUserDataSet*>& dataS
             static_cast<int>(dataSets.size()));
   PlaneLists planeLists;
   try {
-    if (userLink == nullptr) return false;
-    if (!userLink->verify(true)) {
-      userLink->remove();
-      return false;
-    }
+    if (!userLinkVerifies(userLink)) return false;
     auto entry = m_MapXSId2DataSet.find(m_CurrXsId);
     // Add never creates an entry: UnifyMultipleDataSets starts a cross-section.
     if (entry == m_MapXSId2DataSet.end()) return false;
@@ -150,11 +151,7 @@ bool LuAfxsUserDataSet::RemoveDataSetsFromUnify(std::vector<uint32_t>& subsetIds
             static_cast<int>(subsetIdsToRemove.size()));
   PlaneLists planeLists;
   try {
-    if (userLink == nullptr) return false;
-    if (!userLink->verify(true)) {
-      userLink->remove();
-      return false;
-    }
+    if (!userLinkVerifies(userLink)) return false;
     auto entry = m_MapXSId2DataSet.find(m_CurrXsId);
     if (entry == m_MapXSId2DataSet.end()) return false;
     m_VecCurrDataSets = entry->second;
