@@ -35,6 +35,17 @@ inline void seekTo(FILE* f, int64_t offset) {
   if (luio::seek(f, offset, SEEK_SET) != 0) fail();
 }
 
+// Writes bytes at `offset` behind (or past) the stream without moving it;
+// `position` is the stream's position when the caller knows it (-1 else).
+inline void patchBytes(FILE* f, int64_t offset, const void* data, size_t size,
+                       int64_t position = -1) {
+  if (luio::writeAt(f, offset, data, size, position) != 0) fail();
+}
+
+inline void patchU32(FILE* f, int64_t offset, uint32_t value, int64_t position = -1) {
+  patchBytes(f, offset, &value, sizeof value, position);
+}
+
 inline void seekBy(FILE* f, int64_t delta) {
   if (luio::seek(f, delta, SEEK_CUR) != 0) fail();
 }

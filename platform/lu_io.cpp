@@ -1,13 +1,19 @@
 #include "platform/lu_io.h"
 
-#include <cerrno>
-#include <cstring>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
 
 #if defined(_WIN32)
 #include <io.h>
 #include <windows.h>
+#else
+#include <unistd.h>
 #endif
 
 #include <luAnaf/luIoFault.h>
@@ -127,7 +133,8 @@ std::wstring widen(const std::string& text) {
       ++i;
       continue;
     }
-    for (size_t k = 1; k <= extra; ++k) c = (c << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
+    for (size_t k = 1; k <= extra; ++k)
+      c = (c << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
     i += extra + 1;
     if (sizeof(wchar_t) == 2 && c >= 0x10000) {
       c -= 0x10000;
@@ -140,14 +147,66 @@ std::wstring widen(const std::string& text) {
   return out;
 }
 
-FILE* open(const std::wstring& path, const char* mode) {
+namespace {
+
+// The buffers of the open streams. Each stream gets one of its own, so that
+// the library knows how much a stream can hold back (see writeAt); the
+// runtime would otherwise choose the size itself.
+struct StreamBuffer {
+  std::unique_ptr<char[]> bytes;
+  size_t size = 0;
+};
+
+struct StreamBuffers {
+  std::mutex mutex;
+  std::unordered_map<FILE*, StreamBuffer> byStream;
+};
+
+StreamBuffers& streamBuffers() {
+  static StreamBuffers* buffers = new StreamBuffers;  // outlives every stream
+  return *buffers;
+}
+
+void giveBuffer(FILE* file, size_t size) {
+  StreamBuffer buffer{std::unique_ptr<char[]>(new (std::nothrow) char[size]), size};
+  if (buffer.bytes == nullptr || std::setvbuf(file, buffer.bytes.get(), _IOFBF, size) != 0) return;
+  StreamBuffers& all = streamBuffers();
+  std::lock_guard<std::mutex> lock(all.mutex);
+  all.byStream[file] = std::move(buffer);
+}
+
+// The size of the stream's own buffer; 0 when it runs on the runtime's.
+size_t ownBufferSize(FILE* file) {
+  StreamBuffers& all = streamBuffers();
+  std::lock_guard<std::mutex> lock(all.mutex);
+  auto it = all.byStream.find(file);
+  return it == all.byStream.end() ? 0 : it->second.size;
+}
+
+// Takes the stream's buffer out of the table; it is freed by the caller
+// after the stream is closed.
+std::unique_ptr<char[]> takeBuffer(FILE* file) {
+  StreamBuffers& all = streamBuffers();
+  std::lock_guard<std::mutex> lock(all.mutex);
+  auto it = all.byStream.find(file);
+  if (it == all.byStream.end()) return nullptr;
+  std::unique_ptr<char[]> buffer = std::move(it->second.bytes);
+  all.byStream.erase(it);
+  return buffer;
+}
+
+}  // namespace
+
+FILE* open(const std::wstring& path, const char* mode, size_t bufferSize) {
   if (injectFault(LuIoOp::Open)) return nullptr;
 #if defined(_WIN32)
   std::wstring wmode(mode, mode + std::strlen(mode));
-  return _wfopen(path.c_str(), wmode.c_str());
+  FILE* file = _wfopen(path.c_str(), wmode.c_str());
 #else
-  return std::fopen(narrowPath(path).c_str(), mode);
+  FILE* file = std::fopen(narrowPath(path).c_str(), mode);
 #endif
+  if (file != nullptr) giveBuffer(file, bufferSize);
+  return file;
 }
 
 size_t read(void* buffer, size_t size, size_t count, FILE* file) {
@@ -169,8 +228,9 @@ int seek(FILE* file, int64_t offset, int origin) {
 #endif
 }
 
-int64_t tell(FILE* file) {
-  if (injectFault(LuIoOp::Tell)) return -1;
+namespace {
+
+int64_t tellStream(FILE* file) {
 #if defined(_WIN32)
   return _ftelli64(file);
 #else
@@ -178,7 +238,52 @@ int64_t tell(FILE* file) {
 #endif
 }
 
-int close(FILE* file) { return std::fclose(file); }
+}  // namespace
+
+int writeAt(FILE* file, int64_t offset, const void* data, size_t size, int64_t position) {
+  if (injectFault(LuIoOp::Seek)) return -1;
+  if (injectFault(LuIoOp::Write)) return -1;
+  if (offset < 0) return -1;
+  // The stream holds back at most its buffer's worth of the bytes before its
+  // position; a patch behind those needs no flush.
+  const size_t held = ownBufferSize(file);
+  const int64_t here = position >= 0 || held == 0 ? position : tellStream(file);
+  if (held == 0 || here < 0 || offset + static_cast<int64_t>(size) > here - int64_t(held)) {
+    if (std::fflush(file) != 0) return -1;
+  }
+#if defined(_WIN32)
+  const int fd = _fileno(file);
+  // The runtime has no positioned write: move the descriptor, write, and put
+  // it back where the (now empty) stream buffer expects it.
+  const __int64 at = _lseeki64(fd, 0, SEEK_CUR);
+  if (at < 0 || _lseeki64(fd, offset, SEEK_SET) != offset) return -1;
+  const int written = _write(fd, data, static_cast<unsigned int>(size));
+  if (_lseeki64(fd, at, SEEK_SET) != at) return -1;
+  return written == static_cast<int>(size) ? 0 : -1;
+#else
+  const int fd = fileno(file);
+  const char* bytes = static_cast<const char*>(data);
+  while (size != 0) {
+    const ssize_t written = ::pwrite(fd, bytes, size, static_cast<off_t>(offset));
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return -1;
+    bytes += written;
+    size -= static_cast<size_t>(written);
+    offset += written;
+  }
+  return 0;
+#endif
+}
+
+int64_t tell(FILE* file) {
+  if (injectFault(LuIoOp::Tell)) return -1;
+  return tellStream(file);
+}
+
+int close(FILE* file) {
+  std::unique_ptr<char[]> buffer = takeBuffer(file);
+  return std::fclose(file);
+}
 
 bool error(FILE* file) { return std::ferror(file) != 0; }
 

@@ -9,23 +9,37 @@
 
 namespace luio {
 
+// The buffer of a stream the library opens for reading: small, since every
+// seek refills it. A writer appends with kAppendBuffer, so that many small
+// puts and field blocks go out in few large writes.
+inline constexpr size_t kStreamBuffer = 4096;
+inline constexpr size_t kAppendBuffer = size_t{1} << 20;
+
 // UTF-8 form of a wide path, for file systems that take narrow paths.
 std::string narrowPath(const std::wstring& path);
 std::wstring widen(const std::string& text);
 
-FILE* open(const std::wstring& path, const char* mode);
+FILE* open(const std::wstring& path, const char* mode, size_t bufferSize = kStreamBuffer);
 size_t read(void* buffer, size_t size, size_t count, FILE* file);
 size_t write(const void* buffer, size_t size, size_t count, FILE* file);
 // 0 on success, as fseek.
 int seek(FILE* file, int64_t offset, int origin);
+// Writes `size` bytes at `offset` and leaves the stream where it was, so a
+// writer that patches a link behind it goes on appending without seeking
+// back. The stream's buffer is flushed first unless the bytes lie more than
+// a buffer's worth behind the stream's position (given, or else asked of
+// the stream), then one positioned write goes to the file. Counts as one
+// seek and one write for the fault seam. 0 on success; -1 on a failed
+// flush, positioning or short write.
+int writeAt(FILE* file, int64_t offset, const void* data, size_t size, int64_t position = -1);
 // -1 on failure, as ftell.
 int64_t tell(FILE* file);
 int close(FILE* file);
 bool error(FILE* file);
 
 struct FileStatus {
-  uint32_t mode = 0;      // permission bits; 0x80 is the owner-write bit
-  int64_t modified = 0;   // whole seconds
+  uint32_t mode = 0;     // permission bits; 0x80 is the owner-write bit
+  int64_t modified = 0;  // whole seconds
   uint64_t size = 0;
 };
 bool status(const std::wstring& path, FileStatus& out);

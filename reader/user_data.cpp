@@ -229,9 +229,10 @@ bool LuAfxsUserData::flush() {
     if (end > m_link->m_fileSize) m_link->m_fileSize = end;
     auto link = m_fieldDirectory.find(afxs::kFieldResultsLink);
     if (link == m_fieldDirectory.end()) return false;
-    afxs::seekTo(f, link->second);
-    afxs::putU32(f, 4);
-    afxs::putU32(f, body);
+    // The results link block (byte count 4, then the offset) is patched in
+    // place; the stream stays at the end of the file.
+    const uint32_t block[2] = {4, body};
+    afxs::patchBytes(f, link->second, block, sizeof block);
     m_resultsOffset = body;
     m_link->m_fileModified = true;
     return true;

@@ -297,10 +297,9 @@ FILE* LuAfxsUserLink::createNewRecord(luafxs_records_en kind) {
     afxs::putU32(f, static_cast<uint32_t>(kind));
     uint32_t nextField = recordOffset + afxs::kNextFieldOffset;
     afxs::putU32(f, 0);
-    afxs::seekTo(f, m_lastNextField);
-    afxs::putU32(f, recordOffset);
+    // Patched in place: the stream stays at the end, behind the new header.
+    afxs::patchU32(f, m_lastNextField, recordOffset);
     m_lastNextField = nextField;
-    afxs::seekEnd(f);
     uint64_t end = static_cast<uint64_t>(recordOffset) + afxs::kRecordHeaderSize;
     if (end > m_fileSize) m_fileSize = end;
     return f;

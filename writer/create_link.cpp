@@ -26,6 +26,13 @@ void putHeaderLine(FILE* f, const std::string& line) {
   afxs::putBytes(f, line.data(), std::min(line.size(), afxs::kMaxHeaderLine));
 }
 
+// Rewrites the header line that starts at `offset` in place, cut the same way,
+// without moving the stream from the end of the file.
+void patchHeaderLine(FILE* f, int64_t offset, const std::string& line, int64_t position = -1) {
+  if (line.empty()) afxs::fail();
+  afxs::patchBytes(f, offset, line.data(), std::min(line.size(), afxs::kMaxHeaderLine), position);
+}
+
 // The path of cross-section file `number` of `name`, as LuFileName::XSFile
 // forms it into a 1024-character buffer. A name too long for the buffer is
 // formed in full and cut to 1023 characters, so nothing is ever written past
@@ -87,7 +94,7 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
     }
   }
   m_atEnd = false;
-  m_file = luio::open(m_path, "w+b");
+  m_file = luio::open(m_path, "w+b", luio::kAppendBuffer);
   if (m_file == nullptr) {
     afxs::report(afxs::kErrCreateOpen, afxs::kCreateSource, m_path);
     return false;
@@ -138,7 +145,7 @@ bool LuAfxsCreateLink::reopenForRecord() {
   if (!m_ok) return false;
   if (m_file != nullptr) return true;
   m_atEnd = false;
-  m_file = luio::open(m_path, "r+b");
+  m_file = luio::open(m_path, "r+b", luio::kAppendBuffer);
   if (m_file == nullptr) {
     // Intended: ok stays as it is, so a later record may try again.
     afxs::report(afxs::kErrRecordReopen, afxs::kCreateSource, m_path);
@@ -149,9 +156,9 @@ bool LuAfxsCreateLink::reopenForRecord() {
 
 int64_t LuAfxsCreateLink::seekAppendPosition() {
   // Seeks on an update stream are costly (each one flushes the stdio buffer
-  // and reads a buffer's worth back), so the end is only sought when the
-  // stream is elsewhere. For the same reason the stream keeps its default
-  // buffer: a larger one would be refilled in full after every patch.
+  // and reads a buffer's worth back), so links are patched with positioned
+  // writes that leave the stream at the end, and the end is only sought when
+  // the stream is elsewhere (after a reopen).
   if (!m_atEnd) {
     afxs::seekEnd(m_file);
     m_atEnd = true;
@@ -193,9 +200,8 @@ void LuAfxsCreateLink::closeFile(bool close) {
   if (m_stateDirty) {
     m_stateDirty = false;
     try {
-      m_atEnd = false;
-      afxs::seekTo(m_file, m_stateLineOffset);
-      putHeaderLine(m_file, LuStrFrmt::format(afxs::headerLineFormat(afxs::kLineState), m_state));
+      patchHeaderLine(m_file, m_stateLineOffset,
+                      LuStrFrmt::format(afxs::headerLineFormat(afxs::kLineState), m_state));
     } catch (...) {
       afxs::report(afxs::kErrCloseState, afxs::kCreateSource, m_path);
       m_ok = false;
@@ -226,21 +232,20 @@ FILE* LuAfxsCreateLink::createNewRecord(luafxs_records_en kind) {
     const uint32_t nextField = recordOffset + afxs::kNextFieldOffset;
     afxs::putU32(m_file, 0);
 
-    m_atEnd = false;
-    afxs::seekTo(m_file, m_patchOffset);
+    // The patch lies before the new record (in the header or an earlier
+    // record); the stream stays behind the new record's header.
+    const int64_t behindHeader = end + static_cast<int64_t>(afxs::kRecordHeaderSize);
     if (m_recordCount != 0) {
-      afxs::putU32(m_file, recordOffset);
+      afxs::patchU32(m_file, m_patchOffset, recordOffset, behindHeader);
     } else {
-      putHeaderLine(
-          m_file, LuStrFrmt::format(afxs::headerLineFormat(afxs::kLineFirstRecord), recordOffset));
+      patchHeaderLine(
+          m_file, m_patchOffset,
+          LuStrFrmt::format(afxs::headerLineFormat(afxs::kLineFirstRecord), recordOffset),
+          behindHeader);
     }
     ++m_recordCount;
     m_lastRecordOffset = recordOffset;
     m_patchOffset = nextField;
-    // The patch lies before the new record (in the header or an earlier
-    // record), so the end is right behind the new record's header.
-    afxs::seekTo(m_file, end + static_cast<int64_t>(afxs::kRecordHeaderSize));
-    m_atEnd = true;
     return m_file;
   } catch (...) {
     afxs::report(afxs::kErrRecordWrite, afxs::kCreateSource, m_path);
@@ -287,15 +292,12 @@ FILE* LuAfxsCreateLink::createPlaneSubsetRecord(uint32_t planeId, uint32_t subse
     const uint32_t nextSubsetField = m_lastRecordOffset + afxs::kSubsetNextSubsetOffset;
     afxs::putU32(f, 0);
     uint32_t& planeLink = m_planeLinks[planeId];
-    // The end of the file: behind this head, or behind a stale link of an
-    // earlier create that lies past it.
-    const int64_t end = std::max<int64_t>(nextSubsetField + 4, int64_t{planeLink} + 4);
-    m_atEnd = false;
-    afxs::seekTo(f, planeLink);
-    afxs::putU32(f, m_lastRecordOffset);
+    const int64_t staleEnd = int64_t{planeLink} + 4;
+    afxs::patchU32(f, planeLink, m_lastRecordOffset, int64_t{nextSubsetField} + 4);
+    // A stale link of an earlier create may lie past this head: the file then
+    // ends behind it, and the record goes on from there.
+    if (staleEnd > int64_t{nextSubsetField} + 4) afxs::seekTo(f, staleEnd);
     planeLink = nextSubsetField;
-    afxs::seekTo(f, end);
-    m_atEnd = true;
     return f;
   } catch (...) {
     afxs::report(afxs::kErrSubsetRecord, afxs::kCreateSource, m_path);

@@ -2,7 +2,9 @@
 // between records, the plane links, copies and destruction.
 #include <luAnaf/luAnaf.h>
 
+#include <cstdio>
 #include <string>
+#include <vector>
 
 #include "support/writer_support.h"
 
@@ -307,6 +309,65 @@ TEST_F(CreateLinkTest, SecondCreateKeepsTheOldPlaneLinks) {
   EXPECT_EQ(u32At(b, stale + 4), 0u);  // the points block follows the stale link
   EXPECT_EQ(u32At(b, stale + 8), 72u);
   EXPECT_EQ(link->planeLinks().at(0), first + 12);
+}
+
+// Links are patched in place while the stream appends. Records of a few
+// bytes and of more than a megabyte take turns, so that some links still lie
+// in what the stream holds back and others long since in the file; kept open
+// or reopened per record, every link, the FIRST_RECORD and STATE lines and
+// every record's points come out right.
+class LargeRecordsTest : public WriterTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(LargeRecordsTest, EveryLinkIsRightWhetherOrNotTheStreamStillHoldsIt) {
+  const bool keepOpen = GetParam();
+  const size_t big = 70000;  // 1.68 MB of points
+  struct Flush {
+    uint32_t plane, subset;
+    size_t n;
+  };
+  const std::vector<Flush> flushes{{0, 1, big}, {0, 2, 3},   {1, 1, 3}, {0, 3, big},
+                                   {2, 1, big}, {1, 2, big}, {2, 2, 3}, {1, 3, 3}};
+  auto link = makeLink();
+  ASSERT_TRUE(link->create(keepOpen));
+  for (const Flush& f : flushes) ASSERT_TRUE(flushPlane(*link, f.plane, f.subset, f.n));
+  link->closeFile(true);
+  link->release();
+  link.reset();
+
+  auto file = decode();
+  ASSERT_TRUE(file.ok) << file.error;
+  EXPECT_EQ(file.state, uint32_t{LU_AFXS_MASK_POINTS | LU_AFXS_MASK_SEGMENTS});
+  EXPECT_EQ(file.kinds(), (std::vector<uint32_t>{1, 2, 2, 1, 2, 2, 1, 2, 2, 2, 2}));
+  for (uint32_t plane = 0; plane < 3; ++plane) {
+    SCOPED_TRACE("plane " + std::to_string(plane));
+    std::vector<const Flush*> expected;
+    for (const Flush& f : flushes)
+      if (f.plane == plane) expected.push_back(&f);
+    auto subsets = file.subsetsOf(plane);
+    ASSERT_EQ(subsets.size(), expected.size());
+    for (size_t i = 0; i < subsets.size(); ++i) {
+      EXPECT_EQ(subsets[i]->subsetId, expected[i]->subset);
+      const auto* points = subsets[i]->field(0);
+      ASSERT_NE(points, nullptr);
+      EXPECT_EQ(afxstest::asPoints(*points),
+                pointsOf(expected[i]->n, plane * 100.0 + expected[i]->subset));
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Writer, LargeRecordsTest, ::testing::Bool(), [](const auto& info) {
+  return std::string(info.param ? "KeptOpen" : "ReopenedPerRecord");
+});
+
+TEST_F(CreateLinkTest, AKeptFileStaysAtItsEndAfterEachFlush) {
+  auto link = makeLink();
+  ASSERT_TRUE(link->create(true));
+  for (uint32_t subset = 1; subset <= 3; ++subset) {
+    ASSERT_TRUE(flushPlane(*link, 0, subset, 1000 * subset));
+    ASSERT_NE(link->file(), nullptr);
+    ASSERT_EQ(std::fflush(link->file()), 0);
+    EXPECT_EQ(static_cast<uint64_t>(std::ftell(link->file())), sizeOf());
+  }
 }
 
 TEST_F(CreateLinkTest, CopySharesTheOpenFile) {

@@ -59,10 +59,13 @@ class FaultTest : public WriteErrorsTest, public ::testing::WithParamInterface<F
 //   8-10 subset record header and the plane record's next field, 11-12 its
 //   head, 13 the plane's subset link, 14-19 points and segments blocks,
 //   20-22 results link, 23-24 end mark, 25 the STATE line;
-//   tells 1 room check, 2 the link's room check, 3 and 4 record offsets;
-//   seeks 1-2 plane record's patch and back, 3-4 subset record's patch and
-//   back, 5-6 the plane's subset link and back, 7 the STATE line.
-// A second flush first seeks back to the end (seek 1) from the STATE line.
+//   tells 1 room check, 2 the link's room check, 3 and 4 record offsets.
+// Links are patched in place (one positioning and one write each, the
+// stream staying at the end): the FIRST_RECORD line (write 3), the plane
+// record's next field (write 10), the plane's subset link (write 13) and the
+// STATE line (write 25) are also seeks 1 to 4.
+// A second flush of the same plane patches the previous record's next field
+// (seek 1), the plane's subset link (seek 2) and the STATE line (seek 3).
 // create with cameras makes writes 1-9 header lines, 10-12 the cameras
 // record header, 13-17 its body; tells 1-2 in the header, 3 the room check,
 // 4 the record offset.
@@ -107,28 +110,29 @@ INSTANTIATE_TEST_SUITE_P(
                   233},
         FaultCase{"CamerasData", true, Phase::Create, LuIoOp::Write, 15, 0xc41b0004, 233},
         FaultCase{"CamerasEndMark", true, Phase::Create, LuIoOp::Write, 17, 0xc41b0004, 233},
-        FaultCase{"SecondFlushSeekToEnd", false, Phase::SecondFlush, LuIoOp::Seek, 1, 0xc41b0013,
-                  576},
+        FaultCase{"SecondFlushPatchSeek", false, Phase::SecondFlush, LuIoOp::Seek, 1, 0xc41b0012,
+                  299},
+        FaultCase{"SecondFlushSubsetLinkSeek", false, Phase::SecondFlush, LuIoOp::Seek, 2,
+                  0xc41b0005, 367},
         FaultCase{"FlushRoomTell", false, Phase::Flush, LuIoOp::Tell, 1, 0xc41b0013, 576},
         FaultCase{"PlaneRoomTell", false, Phase::Flush, LuIoOp::Tell, 2, 0xc41b0005, 367},
         FaultCase{"PlaneRecordKind", false, Phase::Flush, LuIoOp::Write, 1, 0xc41b0012, 299},
         FaultCase{"FirstRecordLine", false, Phase::Flush, LuIoOp::Write, 3, 0xc41b0012, 299},
         FaultCase{"PatchSeek", false, Phase::Flush, LuIoOp::Seek, 1, 0xc41b0012, 299},
-        FaultCase{"BackToEndSeek", false, Phase::Flush, LuIoOp::Seek, 2, 0xc41b0012, 299},
+        FaultCase{"SubsetRecordPatchSeek", false, Phase::Flush, LuIoOp::Seek, 2, 0xc41b0012, 299},
         FaultCase{"PlaneNumber", false, Phase::Flush, LuIoOp::Write, 4, 0xc41b0005, 367},
         FaultCase{"PlaneEndMark", false, Phase::Flush, LuIoOp::Write, 7, 0xc41b0005, 367},
         FaultCase{"SubsetRecordKind", false, Phase::Flush, LuIoOp::Write, 8, 0xc41b0012, 299},
         FaultCase{"PreviousNextField", false, Phase::Flush, LuIoOp::Write, 10, 0xc41b0012, 299},
         FaultCase{"SubsetNumber", false, Phase::Flush, LuIoOp::Write, 11, 0xc41b0005, 367},
-        FaultCase{"SubsetLinkSeek", false, Phase::Flush, LuIoOp::Seek, 5, 0xc41b0005, 367},
-        FaultCase{"SubsetLinkBackSeek", false, Phase::Flush, LuIoOp::Seek, 6, 0xc41b0005, 367},
+        FaultCase{"SubsetLinkSeek", false, Phase::Flush, LuIoOp::Seek, 3, 0xc41b0005, 367},
         FaultCase{"SubsetLinkPatch", false, Phase::Flush, LuIoOp::Write, 13, 0xc41b0005, 367},
         FaultCase{"PointsBlock", false, Phase::Flush, LuIoOp::Write, 14, 0xc41b0013, 576},
         FaultCase{"PointsData", false, Phase::Flush, LuIoOp::Write, 16, 0xc41b0013, 576},
         FaultCase{"ResultsLink", false, Phase::Flush, LuIoOp::Write, 20, 0xc41b0013, 576},
         FaultCase{"EndMark", false, Phase::Flush, LuIoOp::Write, 24, 0xc41b0013, 576},
         FaultCase{"StateLineWrite", false, Phase::Flush, LuIoOp::Write, 25, 0xc41b0006, 406},
-        FaultCase{"StateLineSeek", false, Phase::Flush, LuIoOp::Seek, 7, 0xc41b0006, 406}),
+        FaultCase{"StateLineSeek", false, Phase::Flush, LuIoOp::Seek, 4, 0xc41b0006, 406}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // Every single failed write, seek or tell of a whole file's writing is
