@@ -9,15 +9,23 @@
 #include "format/coding.h"
 #include "format/format.h"
 #include "format/io_error.h"
+#include "reader/array_cache.h"
 #include "reader/reader_io.h"
 
 namespace {
 
-// Sizes a member vector for `count` bytes of data and returns its storage.
+// Reads `count` bytes of data into a member array, sized from the array
+// cache. An array whose read fails is left empty, so nothing stale from an
+// earlier owner of its memory is ever seen.
 template <typename T>
-void* resizeFor(std::vector<T>& v, uint32_t count) {
-  v.resize(count / sizeof(T));
-  return v.data();
+void readArray(FILE* stream, std::vector<T>& v, uint32_t count) {
+  afxs::sizeForOverwrite(v, count / sizeof(T));
+  try {
+    afxs::getBytes(stream, v.data(), count);
+  } catch (...) {
+    v.clear();
+    throw;
+  }
 }
 
 // The body of one block whose identifier and byte count (the word at
@@ -47,36 +55,26 @@ void readFieldBody(FILE* stream, uint32_t id, uint32_t countWord, uint32_t count
   }
   if (count == 0 || element == 0 || count % element != 0) afxs::fail();
   afxs::requireInFile(static_cast<uint64_t>(countWord) + 4, count, fileSize);
-  void* data = nullptr;
   switch (id) {
     case afxs::kFieldPoints:
-      data = resizeFor(plane.points, count);
-      break;
+      return readArray(stream, plane.points, count);
     case afxs::kFieldNormals:
-      data = resizeFor(plane.normals, count);
-      break;
+      return readArray(stream, plane.normals, count);
     case afxs::kFieldSegments:
-      data = resizeFor(plane.segments, count);
-      break;
+      return readArray(stream, plane.segments, count);
     case afxs::kFieldResPoints:
-      data = resizeFor(plane.resPoints, count);
-      break;
+      return readArray(stream, plane.resPoints, count);
     case afxs::kFieldDistances:
-      data = resizeFor(plane.distances, count);
-      break;
+      return readArray(stream, plane.distances, count);
     case afxs::kFieldAuxPos:
-      data = resizeFor(plane.auxCtrlPos, count);
-      break;
+      return readArray(stream, plane.auxCtrlPos, count);
     case afxs::kFieldAuxOffsets:
-      data = resizeFor(plane.auxCtrlOffsets, count);
-      break;
+      return readArray(stream, plane.auxCtrlOffsets, count);
     case afxs::kFieldAuxCounts:
-      data = resizeFor(plane.auxCtrlCounts, count);
-      break;
+      return readArray(stream, plane.auxCtrlCounts, count);
     default:
       afxs::fail();
   }
-  afxs::getBytes(stream, data, count);
 }
 
 }  // namespace
@@ -88,7 +86,8 @@ LuAfxsUserData::LuAfxsUserData(LuAfxsUserLink& link, long recordOffset, unsigned
   m_plane.subsetId = static_cast<uint32_t>(subsetId);
 }
 
-LuAfxsUserData::~LuAfxsUserData() = default;
+// The loaded arrays go to the array cache, for the next load to reuse.
+LuAfxsUserData::~LuAfxsUserData() { afxs::recycleArrays(m_plane); }
 
 // The first call walks the record (and its results record) once and builds
 // the field directory; later calls read only the fields still missing, each

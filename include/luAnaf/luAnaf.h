@@ -11,3 +11,4 @@
 #include <luAnaf/luAfxsUser.h>
 #include <luAnaf/luAfxsDataSet.h>
 #include <luAnaf/luAfxsFileCheck.h>
+#include <luAnaf/luAfxsArrayCache.h>

@@ -31,6 +31,11 @@ names (LuAfxsCreateLink, LuAfxsCreateData, LuAfxsUserLink, LuAfxsUserDataSet,
 LuAfxsUserData, LuAfxsHeader, LuAfxsPlane) for code that follows the C++ API
 step by step; their vectors cross as copies, and false results raise Error.
 
+Loaded arrays of closed files are kept for later loads up to a limit
+(:func:`array_cache_limit`, 256 MiB unless :func:`set_array_cache_limit`
+changes it; 0 turns the cache off). Arrays handed out as numpy views keep
+their file's data alive and are only recycled after the last view is gone.
+
 The library keeps process-wide state without locks; every call holds the GIL
 for its whole duration, so calls from several Python threads run one at a time.
 """
@@ -49,6 +54,10 @@ from ._luanaf import (
     LuAfxsUserData,
     LuAfxsUserDataSet,
     LuAfxsUserLink,
+    array_cache_bytes,
+    array_cache_limit,
+    clear_array_cache,
+    set_array_cache_limit,
     set_xyz_dump_directory,
 )
 
@@ -77,6 +86,10 @@ __all__ = [
     "LuAfxsUserDataSet",
     "LuAfxsUserLink",
     "set_xyz_dump_directory",
+    "array_cache_limit",
+    "set_array_cache_limit",
+    "array_cache_bytes",
+    "clear_array_cache",
 ]
 
 MASK_POINTS = _luanaf.MASK_POINTS

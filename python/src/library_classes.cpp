@@ -305,6 +305,14 @@ void bindLibraryClasses(py::module_& m) {
       py::arg("directory"),
       "Where blending writes its diagnostic point files; None restores the default "
       "(LUANAF_XYZ_DIR, else /tmp/XYZ/). The directory is never created.");
+
+  m.def("array_cache_limit", &luAfxsArrayCacheLimit,
+        "The most bytes of loaded arrays the library keeps for later loads (256 MiB unless set).");
+  m.def("set_array_cache_limit", &luAfxsSetArrayCacheLimit, py::arg("nbytes"),
+        "Sets the array cache's limit; arrays past a lowered limit are freed at once, and 0 "
+        "turns the cache off.");
+  m.def("array_cache_bytes", &luAfxsArrayCacheBytes, "The bytes the array cache holds now.");
+  m.def("clear_array_cache", &luAfxsClearArrayCache, "Frees everything the array cache holds.");
 }
 
 }  // namespace luanafpy

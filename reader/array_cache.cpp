@@ -1,0 +1,209 @@
+// The process-wide cache of loaded arrays: one shelf per element type, each
+// ordered by capacity, so a load takes the smallest array that fits.
+#include "reader/array_cache.h"
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+
+#include <luAnaf/luAfxsArrayCache.h>
+
+namespace afxs {
+namespace {
+
+constexpr size_t kDefaultLimit = size_t{256} << 20;
+// Smaller arrays are left to the allocator, which reuses them well.
+constexpr size_t kSmallestKept = size_t{32} << 10;
+
+template <typename T>
+using Shelf = std::multimap<size_t, std::vector<T>>;
+
+template <typename T>
+size_t bytesOf(const std::vector<T>& v) {
+  return v.capacity() * sizeof(T);
+}
+
+class ArrayCache {
+public:
+  ~ArrayCache();
+
+  template <typename T>
+  bool take(std::vector<T>& out, size_t count);
+  template <typename T>
+  void keep(std::vector<T>& v);
+
+  size_t limit();
+  void setLimit(size_t bytes);
+  size_t held();
+  void clear();
+
+private:
+  template <typename T>
+  Shelf<T>& shelf();
+  // Frees arrays, the largest first, until `held` is at most `bytes`.
+  void shrinkTo(size_t bytes);
+  template <typename T>
+  void dropLargest(Shelf<T>& s);
+
+  std::mutex m_mutex;
+  size_t m_limit = kDefaultLimit;
+  size_t m_held = 0;
+  Shelf<LuVec3> m_vec3;
+  Shelf<int32_t> m_i32;
+  Shelf<uint32_t> m_u32;
+  Shelf<double> m_f64;
+};
+
+// Set once the cache is destroyed at exit: records destroyed later free their
+// arrays themselves.
+std::atomic<bool> g_cacheGone{false};
+
+ArrayCache& cache() {
+  static ArrayCache instance;
+  return instance;
+}
+
+ArrayCache::~ArrayCache() { g_cacheGone = true; }
+
+template <>
+Shelf<LuVec3>& ArrayCache::shelf<LuVec3>() {
+  return m_vec3;
+}
+template <>
+Shelf<int32_t>& ArrayCache::shelf<int32_t>() {
+  return m_i32;
+}
+template <>
+Shelf<uint32_t>& ArrayCache::shelf<uint32_t>() {
+  return m_u32;
+}
+template <>
+Shelf<double>& ArrayCache::shelf<double>() {
+  return m_f64;
+}
+
+// The smallest kept array of at least `count` elements, unless even that one
+// is more than twice as large (it then waits for a larger load).
+template <typename T>
+bool ArrayCache::take(std::vector<T>& out, size_t count) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  Shelf<T>& s = shelf<T>();
+  auto it = s.lower_bound(count);
+  if (it == s.end() || it->first / 2 > count) return false;
+  m_held -= bytesOf(it->second);
+  out.swap(it->second);
+  s.erase(it);
+  return true;
+}
+
+template <typename T>
+void ArrayCache::keep(std::vector<T>& v) {
+  const size_t bytes = bytesOf(v);
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (bytes < kSmallestKept || bytes > m_limit - std::min(m_limit, m_held)) return;
+  m_held += bytes;
+  shelf<T>().emplace(v.capacity(), std::move(v));
+}
+
+size_t ArrayCache::limit() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_limit;
+}
+
+void ArrayCache::setLimit(size_t bytes) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_limit = bytes;
+  shrinkTo(bytes);
+}
+
+size_t ArrayCache::held() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_held;
+}
+
+void ArrayCache::clear() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  shrinkTo(0);
+}
+
+template <typename T>
+void ArrayCache::dropLargest(Shelf<T>& s) {
+  auto last = std::prev(s.end());
+  m_held -= bytesOf(last->second);
+  s.erase(last);
+}
+
+void ArrayCache::shrinkTo(size_t bytes) {
+  while (m_held > bytes) {
+    // The shelf whose largest array is the largest in bytes loses it.
+    size_t best = 0;
+    int which = -1;
+    auto consider = [&](size_t b, int id) {
+      if (b > best) {
+        best = b;
+        which = id;
+      }
+    };
+    if (!m_vec3.empty()) consider(m_vec3.rbegin()->first * sizeof(LuVec3), 0);
+    if (!m_i32.empty()) consider(m_i32.rbegin()->first * sizeof(int32_t), 1);
+    if (!m_u32.empty()) consider(m_u32.rbegin()->first * sizeof(uint32_t), 2);
+    if (!m_f64.empty()) consider(m_f64.rbegin()->first * sizeof(double), 3);
+    if (which == 0) dropLargest(m_vec3);
+    if (which == 1) dropLargest(m_i32);
+    if (which == 2) dropLargest(m_u32);
+    if (which == 3) dropLargest(m_f64);
+    if (which < 0) break;
+  }
+}
+
+template <typename T>
+void giveBack(std::vector<T>& v) noexcept {
+  if (v.capacity() != 0 && !g_cacheGone) {
+    try {
+      cache().keep(v);
+    } catch (...) {
+      // No room for the shelf entry: the array is simply freed.
+    }
+  }
+  std::vector<T>().swap(v);
+}
+
+}  // namespace
+
+template <typename T>
+void sizeForOverwrite(std::vector<T>& v, size_t count) {
+  if (v.capacity() < count && !g_cacheGone) {
+    std::vector<T> kept;
+    if (cache().take(kept, count)) {
+      giveBack(v);
+      v.swap(kept);
+    }
+  }
+  // Shrinking keeps the elements it leaves; only growth zero-fills.
+  v.resize(count);
+}
+
+template void sizeForOverwrite(std::vector<LuVec3>&, size_t);
+template void sizeForOverwrite(std::vector<int32_t>&, size_t);
+template void sizeForOverwrite(std::vector<uint32_t>&, size_t);
+template void sizeForOverwrite(std::vector<double>&, size_t);
+
+void recycleArrays(LuAfxsPlane& plane) noexcept {
+  giveBack(plane.points);
+  giveBack(plane.normals);
+  giveBack(plane.segments);
+  giveBack(plane.auxCtrlFirst);
+  giveBack(plane.auxCtrlOffsets);
+  giveBack(plane.auxCtrlCounts);
+  giveBack(plane.auxCtrlPos);
+  giveBack(plane.resPoints);
+  giveBack(plane.distances);
+}
+
+}  // namespace afxs
+
+size_t luAfxsArrayCacheLimit() { return afxs::cache().limit(); }
+void luAfxsSetArrayCacheLimit(size_t bytes) { afxs::cache().setLimit(bytes); }
+size_t luAfxsArrayCacheBytes() { return afxs::cache().held(); }
+void luAfxsClearArrayCache() { afxs::cache().clear(); }
