@@ -282,6 +282,15 @@ void BM_LuanafLoad(benchmark::State& state) {
   counters(state, file);
 }
 
+// The same load with the array cache off: fresh memory for every array, as
+// in the first load of a process and in HDF5's read.
+void BM_LuanafLoadCacheOff(benchmark::State& state) {
+  const size_t limit = luAfxsArrayCacheLimit();
+  luAfxsSetArrayCacheLimit(0);
+  BM_LuanafLoad(state);
+  luAfxsSetArrayCacheLimit(limit);
+}
+
 void BM_Hdf5Read(benchmark::State& state) {
   const fs::path& file = hdf5File();
   for (auto _ : state) {
@@ -311,6 +320,7 @@ BENCHMARK(BM_LuanafWrite)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_Hdf5Write)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_RawFread)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_LuanafLoad)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_LuanafLoadCacheOff)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_Hdf5Read)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace

@@ -150,6 +150,16 @@ void BM_LoadEveryField(benchmark::State& state) {
 }
 BENCHMARK(BM_LoadEveryField)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The same load with the array cache off: every load in fresh memory, as the
+// first load of a process is.
+void BM_LoadEveryFieldCacheOff(benchmark::State& state) {
+  const size_t limit = luAfxsArrayCacheLimit();
+  luAfxsSetArrayCacheLimit(0);
+  BM_LoadEveryField(state);
+  luAfxsSetArrayCacheLimit(limit);
+}
+BENCHMARK(BM_LoadEveryFieldCacheOff)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // The same bytes with one fread into a fresh buffer of the file's size: what
 // reading the file into memory costs at the least.
 void BM_RawFreadFreshBuffer(benchmark::State& state) {

@@ -125,9 +125,11 @@ def main():
         out.append(row(f"write ({planes} planes x 2 x {points} points, {mb:.0f} MB)", lib, floor,
                        "fwrite, record-sized chunks"))
     pairs = [
-        ("load, all fields", r"BM_LoadEveryField.*", r"BM_RawFreadFreshBuffer.*",
+        ("load, all fields", r"BM_LoadEveryField/.*", r"BM_RawFreadFreshBuffer.*",
          "one fread into fresh memory"),
-        ("load, all fields, against a reused buffer", r"BM_LoadEveryField.*",
+        ("load, all fields, array cache off", r"BM_LoadEveryFieldCacheOff.*",
+         r"BM_RawFreadFreshBuffer.*", "one fread into fresh memory"),
+        ("load, all fields, against a reused buffer", r"BM_LoadEveryField/.*",
          r"BM_RawFreadReusedBuffer.*", "fread into one reused 1 MiB buffer (no fresh pages)"),
         ("load, points only", r"BM_LoadPointsOnly.*", r"BM_RawFreadPointsOnly.*",
          "fread of the points, fresh buffer per record"),
@@ -159,7 +161,8 @@ def main():
     out.append("")
 
     peer = {key: first(results, rf"hdf5:BM_{key}.*") for key in
-            ("RawFwrite", "LuanafWrite", "Hdf5Write", "RawFread", "LuanafLoad", "Hdf5Read")}
+            ("RawFwrite", "LuanafWrite", "Hdf5Write", "RawFread", "LuanafLoad/", "LuanafLoadCacheOff",
+             "Hdf5Read")}
     peer_found = [name for name, _ in find(results, r"BM_Hdf5Write.*")]
     if peer_found:
         planes = int(peer["Hdf5Write"]["entry"].get("planes", 0))
@@ -170,8 +173,10 @@ def main():
                    "| HDF5 time / luAnaf time (real / CPU) | luAnaf of raw (real / CPU) |")
         out.append("|---|---|---|---|---|---|")
         for label, lib, other, floor in (("write", "LuanafWrite", "Hdf5Write", "RawFwrite"),
-                                         ("read back in full", "LuanafLoad", "Hdf5Read",
-                                          "RawFread")):
+                                         ("read back in full", "LuanafLoad/", "Hdf5Read",
+                                          "RawFread"),
+                                         ("read back in full, array cache off",
+                                          "LuanafLoadCacheOff", "Hdf5Read", "RawFread")):
             a, b, c = peer[lib], peer[other], peer[floor]
             if a is None or b is None:
                 continue

@@ -2,17 +2,20 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
+#include <vector>
 
 #if defined(_WIN32)
 #include <io.h>
 #include <windows.h>
 #else
+#include <sys/uio.h>
 #include <unistd.h>
 #endif
 
@@ -217,6 +220,72 @@ size_t read(void* buffer, size_t size, size_t count, FILE* file) {
 size_t write(const void* buffer, size_t size, size_t count, FILE* file) {
   if (injectFault(LuIoOp::Write)) return 0;
   return std::fwrite(buffer, size, count, file);
+}
+
+namespace {
+
+// Bodies smaller than this go through the stream's buffer.
+constexpr size_t kGatherThreshold = size_t{64} << 10;
+
+bool writeEach(FILE* file, const Piece* pieces, size_t count) {
+  for (size_t i = 0; i < count; ++i)
+    if (pieces[i].size != 0 &&
+        std::fwrite(pieces[i].data, 1, pieces[i].size, file) != pieces[i].size)
+      return false;
+  return true;
+}
+
+#if !defined(_WIN32)
+// Flushes the stream and writes the pieces with writev, resuming after short
+// writes; the descriptor's position then stands behind them, where the
+// stream goes on.
+bool writeGathered(FILE* file, const Piece* pieces, size_t count) {
+  if (std::fflush(file) != 0) return false;
+  const int fd = fileno(file);
+  std::vector<iovec> rest;
+  rest.reserve(count);
+  for (size_t i = 0; i < count; ++i)
+    if (pieces[i].size != 0) rest.push_back({const_cast<void*>(pieces[i].data), pieces[i].size});
+  size_t first = 0;
+  while (first < rest.size()) {
+    const int n = static_cast<int>(std::min<size_t>(rest.size() - first, 512));
+    ssize_t written = ::writev(fd, rest.data() + first, n);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    size_t done = static_cast<size_t>(written);
+    while (first < rest.size() && done >= rest[first].iov_len) done -= rest[first++].iov_len;
+    if (done != 0) {
+      rest[first].iov_base = static_cast<char*>(rest[first].iov_base) + done;
+      rest[first].iov_len -= done;
+    }
+  }
+  return true;
+}
+#endif
+
+}  // namespace
+
+bool writeGather(FILE* file, const Piece* pieces, size_t count) {
+  // The fault seam sees one write per non-empty piece; the pieces before a
+  // failing one are written, as separate writes would have been.
+  size_t good = count;
+  size_t bytes = 0;
+  for (size_t i = 0; i < count; ++i) {
+    if (pieces[i].size == 0) continue;
+    if (injectFault(LuIoOp::Write)) {
+      good = i;
+      break;
+    }
+    bytes += pieces[i].size;
+  }
+  bool ok = false;
+#if defined(_WIN32)
+  (void)bytes;  // the runtime has no gathered write
+  ok = writeEach(file, pieces, good);
+#else
+  ok = bytes < kGatherThreshold ? writeEach(file, pieces, good) : writeGathered(file, pieces, good);
+#endif
+  return ok && good == count;
 }
 
 int seek(FILE* file, int64_t offset, int origin) {

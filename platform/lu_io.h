@@ -13,7 +13,7 @@ namespace luio {
 // seek refills it. A writer appends with kAppendBuffer, so that many small
 // puts and field blocks go out in few large writes.
 inline constexpr size_t kStreamBuffer = 4096;
-inline constexpr size_t kAppendBuffer = size_t{1} << 20;
+inline constexpr size_t kAppendBuffer = size_t{64} << 10;
 
 // UTF-8 form of a wide path, for file systems that take narrow paths.
 std::string narrowPath(const std::wstring& path);
@@ -32,6 +32,17 @@ int seek(FILE* file, int64_t offset, int origin);
 // seek and one write for the fault seam. 0 on success; -1 on a failed
 // flush, positioning or short write.
 int writeAt(FILE* file, int64_t offset, const void* data, size_t size, int64_t position = -1);
+// One piece of a gathered write.
+struct Piece {
+  const void* data;
+  size_t size;
+};
+// Appends the pieces in order, as that many writes would (the fault seam
+// counts one write per non-empty piece). Large bodies bypass the stream's
+// buffer: the stream is flushed and the pieces go to the file in one
+// gathered write, so the bytes are not copied into the buffer first.
+// Returns true when every piece was written.
+bool writeGather(FILE* file, const Piece* pieces, size_t count);
 // -1 on failure, as ftell.
 int64_t tell(FILE* file);
 int close(FILE* file);

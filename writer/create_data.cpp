@@ -7,6 +7,7 @@
 #include "format/coding.h"
 #include "format/format.h"
 #include "format/io_error.h"
+#include "platform/lu_io.h"
 
 namespace {
 
@@ -15,14 +16,32 @@ uint64_t blockBytes(const std::vector<T>& values) {
   return afxs::kFieldHeaderSize + static_cast<uint64_t>(values.size()) * sizeof(T);
 }
 
-// One field block: identifier, byte count, raw contents (none for a count of 0).
-template <typename T>
-void putBlock(FILE* f, uint32_t id, const std::vector<T>& values) {
-  const uint64_t bytes = static_cast<uint64_t>(values.size()) * sizeof(T);
-  afxs::putU32(f, id);
-  afxs::putU32(f, static_cast<uint32_t>(bytes));
-  afxs::putBytes(f, values.data(), static_cast<size_t>(bytes));
-}
+// The words and arrays of one record's body, in file order, written in one
+// gathered write.
+class RecordBody {
+public:
+  // One field block: identifier, byte count, raw contents (none for a
+  // count of 0).
+  template <typename T>
+  void block(uint32_t id, const std::vector<T>& values) {
+    word(id);
+    word(static_cast<uint32_t>(values.size() * sizeof(T)));
+    m_pieces.push_back({values.data(), values.size() * sizeof(T)});
+  }
+  void word(uint32_t value) {
+    m_words[m_wordCount] = value;
+    m_pieces.push_back({&m_words[m_wordCount++], sizeof(uint32_t)});
+  }
+  void write(FILE* f) const {
+    if (!luio::writeGather(f, m_pieces.data(), m_pieces.size())) afxs::fail();
+  }
+
+private:
+  // 9 blocks of 2 words, the results link's 3 and the end mark's 2.
+  uint32_t m_words[23] = {};
+  size_t m_wordCount = 0;
+  std::vector<luio::Piece> m_pieces;
+};
 
 // A double[3] array has the layout of LuVec3 (three binary64, 24 bytes), so
 // the points are copied in one go, without first zero-filling the vector.
@@ -179,22 +198,24 @@ bool LuAfxsCreateData::flushFrom(const LuAfxsPlane& p) {
   f = m_link.createPlaneSubsetRecord(p.planeId, p.subsetId);
   if (f == nullptr) return false;
   try {
-    if (m_mask & LU_AFXS_MASK_POINTS) putBlock(f, afxs::kFieldPoints, p.points);
-    if (m_mask & LU_AFXS_MASK_NORMALS) putBlock(f, afxs::kFieldNormals, p.normals);
-    if (m_mask & LU_AFXS_MASK_SEGMENTS) putBlock(f, afxs::kFieldSegments, p.segments);
+    RecordBody record;
+    if (m_mask & LU_AFXS_MASK_POINTS) record.block(afxs::kFieldPoints, p.points);
+    if (m_mask & LU_AFXS_MASK_NORMALS) record.block(afxs::kFieldNormals, p.normals);
+    if (m_mask & LU_AFXS_MASK_SEGMENTS) record.block(afxs::kFieldSegments, p.segments);
     if (m_mask & LU_AFXS_MASK_AUX) {
-      putBlock(f, afxs::kFieldAuxPos, p.auxCtrlPos);
-      putBlock(f, afxs::kFieldAuxOffsets, p.auxCtrlOffsets);
-      putBlock(f, afxs::kFieldAuxCounts, p.auxCtrlCounts);
-      putBlock(f, afxs::kFieldAuxFirst, p.auxCtrlFirst);
+      record.block(afxs::kFieldAuxPos, p.auxCtrlPos);
+      record.block(afxs::kFieldAuxOffsets, p.auxCtrlOffsets);
+      record.block(afxs::kFieldAuxCounts, p.auxCtrlCounts);
+      record.block(afxs::kFieldAuxFirst, p.auxCtrlFirst);
     }
-    if (m_mask & LU_AFXS_MASK_DISTANCES) putBlock(f, afxs::kFieldDistances, p.distances);
-    if (m_mask & LU_AFXS_MASK_RESPOINTS) putBlock(f, afxs::kFieldResPoints, p.resPoints);
-    afxs::putU32(f, afxs::kFieldResultsLink);
-    afxs::putU32(f, 4);
-    afxs::putU32(f, 0);
-    afxs::putU32(f, afxs::kEndMark);
-    afxs::putU32(f, LU_AFXS_REC_PLANE_SUBSET);
+    if (m_mask & LU_AFXS_MASK_DISTANCES) record.block(afxs::kFieldDistances, p.distances);
+    if (m_mask & LU_AFXS_MASK_RESPOINTS) record.block(afxs::kFieldResPoints, p.resPoints);
+    record.word(afxs::kFieldResultsLink);
+    record.word(4);
+    record.word(0);
+    record.word(afxs::kEndMark);
+    record.word(LU_AFXS_REC_PLANE_SUBSET);
+    record.write(f);
   } catch (...) {
     afxs::report(afxs::kErrDataFlush, afxs::kCreateSource, m_link.filePath());
     m_link.isOK(false);

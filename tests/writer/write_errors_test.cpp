@@ -185,6 +185,35 @@ INSTANTIATE_TEST_SUITE_P(Calls, FaultSweepTest,
                                                                            : "Tell");
                          });
 
+// A record body of more than 64 KiB goes out in one gathered write: each of
+// its writes failed in turn is reported once and the file is deleted, as
+// for a small body.
+TEST_F(WriteErrorsTest, EachFailedWriteOfALargeRecordIsReportedOnce) {
+  uint64_t calls = 0;
+  {
+    auto link = makeLink();
+    ASSERT_TRUE(link->create(true));
+    luIoResetCounts();
+    ASSERT_TRUE(flushPlane(*link, 0, 1, 5000, LU_AFXS_MASK_ALL));
+    calls = luIoCallCount(LuIoOp::Write);
+    releaseAndDestroy(link);
+  }
+  ASSERT_GT(calls, 20u);
+  for (uint64_t n = 1; n <= calls; ++n) {
+    SCOPED_TRACE("write " + std::to_string(n));
+    capture().clear();
+    auto link = makeLink();
+    ASSERT_TRUE(link->create(true));
+    armFault(LuIoOp::Write, n);
+    EXPECT_FALSE(flushPlane(*link, 0, 1, 5000, LU_AFXS_MASK_ALL));
+    luIoFaultDisarm();
+    ASSERT_EQ(reports().size(), 1u);
+    EXPECT_FALSE(link->isOK());
+    releaseAndDestroy(link);
+    EXPECT_FALSE(exists());
+  }
+}
+
 // ---- The failed reopen -------------------------------------------------------
 
 TEST_F(WriteErrorsTest, FailedReopenIsReportedAndLeavesOkAsItWas) {
