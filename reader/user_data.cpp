@@ -9,6 +9,7 @@
 #include "format/coding.h"
 #include "format/format.h"
 #include "format/io_error.h"
+#include "format/record_body.h"
 #include "reader/array_cache.h"
 #include "reader/reader_io.h"
 
@@ -184,14 +185,15 @@ void LuAfxsUserData::loadFieldData(FILE* stream, long id) {
 
 void LuAfxsUserData::setDistances(const double* values, size_t count) {
   if (count == 0) return;
-  m_plane.distances.assign(values, values + count);
+  afxs::sizeForOverwrite(m_plane.distances, count);
+  std::memcpy(m_plane.distances.data(), values, count * sizeof(double));
   m_state |= LU_AFXS_MASK_DISTANCES;
   m_loadedFields.insert(afxs::kFieldDistances);
 }
 
 void LuAfxsUserData::setResPoints(const double (*points)[3], size_t count) {
   if (count == 0) return;
-  m_plane.resPoints.resize(count);
+  afxs::sizeForOverwrite(m_plane.resPoints, count);
   std::memcpy(m_plane.resPoints.data(), points, count * sizeof(LuVec3));
   m_state |= LU_AFXS_MASK_RESPOINTS;
   m_loadedFields.insert(afxs::kFieldResPoints);
@@ -207,24 +209,33 @@ bool LuAfxsUserData::flush() {
   try {
     FILE* f = m_link->createNewRecord(LU_AFXS_REC_RESULTS);
     if (!f) return false;
-    uint32_t body = afxs::offset32(f);
+    const uint32_t body = afxs::offset32(f);
+    // The blocks go out in one gathered write. A block that would end past
+    // u32 offsets is refused; what comes before it is written first, as
+    // block-by-block writing would have left it.
+    afxs::RecordBody record;
+    uint64_t at = body;
+    auto roomFor = [&](uint64_t bytes) {
+      try {
+        afxs::requireRoom(static_cast<int64_t>(at), afxs::kFieldHeaderSize + bytes);
+      } catch (...) {
+        record.write(f);
+        throw;
+      }
+      at += afxs::kFieldHeaderSize + bytes;
+    };
     if (m_state & LU_AFXS_MASK_RESPOINTS) {
-      uint64_t bytes = m_plane.resPoints.size() * afxs::kPointSize;
-      afxs::requireRoom(afxs::position(f), afxs::kFieldHeaderSize + bytes);
-      afxs::putU32(f, afxs::kFieldResPoints);
-      afxs::putU32(f, static_cast<uint32_t>(bytes));
-      afxs::putBytes(f, m_plane.resPoints.data(), bytes);
+      roomFor(m_plane.resPoints.size() * afxs::kPointSize);
+      record.block(afxs::kFieldResPoints, m_plane.resPoints);
     }
     if (m_state & LU_AFXS_MASK_DISTANCES) {
-      uint64_t bytes = m_plane.distances.size() * afxs::kDistanceSize;
-      afxs::requireRoom(afxs::position(f), afxs::kFieldHeaderSize + bytes);
-      afxs::putU32(f, afxs::kFieldDistances);
-      afxs::putU32(f, static_cast<uint32_t>(bytes));
-      if (bytes != 0) afxs::putBytes(f, m_plane.distances.data(), bytes);
+      roomFor(m_plane.distances.size() * afxs::kDistanceSize);
+      record.block(afxs::kFieldDistances, m_plane.distances);
     }
-    afxs::putU32(f, afxs::kEndMark);
-    afxs::putU32(f, LU_AFXS_REC_RESULTS);
-    uint64_t end = static_cast<uint64_t>(afxs::position(f));
+    record.word(afxs::kEndMark);
+    record.word(LU_AFXS_REC_RESULTS);
+    record.write(f);
+    const uint64_t end = at + afxs::kEndMarkSize;
     if (end > m_link->m_fileSize) m_link->m_fileSize = end;
     auto link = m_fieldDirectory.find(afxs::kFieldResultsLink);
     if (link == m_fieldDirectory.end()) return false;

@@ -7,7 +7,7 @@
 #include "format/coding.h"
 #include "format/format.h"
 #include "format/io_error.h"
-#include "platform/lu_io.h"
+#include "format/record_body.h"
 
 namespace {
 
@@ -15,33 +15,6 @@ template <typename T>
 uint64_t blockBytes(const std::vector<T>& values) {
   return afxs::kFieldHeaderSize + static_cast<uint64_t>(values.size()) * sizeof(T);
 }
-
-// The words and arrays of one record's body, in file order, written in one
-// gathered write.
-class RecordBody {
-public:
-  // One field block: identifier, byte count, raw contents (none for a
-  // count of 0).
-  template <typename T>
-  void block(uint32_t id, const std::vector<T>& values) {
-    word(id);
-    word(static_cast<uint32_t>(values.size() * sizeof(T)));
-    m_pieces.push_back({values.data(), values.size() * sizeof(T)});
-  }
-  void word(uint32_t value) {
-    m_words[m_wordCount] = value;
-    m_pieces.push_back({&m_words[m_wordCount++], sizeof(uint32_t)});
-  }
-  void write(FILE* f) const {
-    if (!luio::writeGather(f, m_pieces.data(), m_pieces.size())) afxs::fail();
-  }
-
-private:
-  // 9 blocks of 2 words, the results link's 3 and the end mark's 2.
-  uint32_t m_words[23] = {};
-  size_t m_wordCount = 0;
-  std::vector<luio::Piece> m_pieces;
-};
 
 // A double[3] array has the layout of LuVec3 (three binary64, 24 bytes), so
 // the points are copied in one go, without first zero-filling the vector.
@@ -198,7 +171,7 @@ bool LuAfxsCreateData::flushFrom(const LuAfxsPlane& p) {
   f = m_link.createPlaneSubsetRecord(p.planeId, p.subsetId);
   if (f == nullptr) return false;
   try {
-    RecordBody record;
+    afxs::RecordBody record;
     if (m_mask & LU_AFXS_MASK_POINTS) record.block(afxs::kFieldPoints, p.points);
     if (m_mask & LU_AFXS_MASK_NORMALS) record.block(afxs::kFieldNormals, p.normals);
     if (m_mask & LU_AFXS_MASK_SEGMENTS) record.block(afxs::kFieldSegments, p.segments);
