@@ -214,7 +214,8 @@ def main():
         out.append("|---|---|---|---|---|---|---|")
         for planes, tag, off in scale:
             prefix = tag.split(":")[0]
-            on = results.get(prefix + ":" + off["entry"]["name"].replace("Off", "On"))
+            off_name = off["entry"].get("run_name", off["entry"]["name"])
+            on = results.get(prefix + ":" + off_name.replace("Off", "On"))
             floor = first(results, prefix + r":RawFloor.*")
             per = planes * 8
             out.append(f"| {planes} | {per * 2000:,} | {ms(off['cpu'])} | "

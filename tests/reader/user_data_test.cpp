@@ -349,6 +349,43 @@ TEST_F(UserDataTest, FailedFlushWriteReportsNewRecordError) {
   expectOnlyReport(0xc41b0014, 493, link.fileName());
 }
 
+// A results record of 5000 points goes out in one gathered write; each of its
+// writes failed in turn fails the flush, and the file still loads with
+// exactly its old contents.
+TEST_F(UserDataTest, EachFailedWriteOfALargeResultsFlushKeepsTheFile) {
+  const LuAfxsPlane plane = randomPlane(3, 1, 5000, 7);
+  const std::wstring file = wpath("big.afxs");
+  auto attachAndFlush = [&](uint64_t failingWrite) {
+    LuAfxsUserLink link(file.c_str());
+    ProbeDataSet set(link);
+    EXPECT_TRUE(set.load(1));
+    first(set).setResPoints(reinterpret_cast<const double(*)[3]>(plane.resPoints.data()),
+                            plane.resPoints.size());
+    first(set).setDistances(plane.distances.data(), plane.distances.size());
+    luIoResetCounts();
+    if (failingWrite != 0) luIoFaultArm(LuIoOp::Write, failingWrite);
+    const bool flushed = first(set).flush();
+    luIoFaultDisarm();
+    return std::make_pair(flushed, luIoCallCount(LuIoOp::Write));
+  };
+  ASSERT_TRUE(writeWithWriter(file, LuAfxsHeader(), {}, {{plane, 1 | 2}}));
+  const auto [cleanOk, writes] = attachAndFlush(0);
+  ASSERT_TRUE(cleanOk);
+  ASSERT_GT(writes, 5u);
+  for (uint64_t n = 1; n <= writes; ++n) {
+    SCOPED_TRACE("write " + std::to_string(n));
+    ASSERT_TRUE(writeWithWriter(file, LuAfxsHeader(), {}, {{plane, 1 | 2}}));
+    EXPECT_FALSE(attachAndFlush(n).first);
+    LuAfxsUserLink link(file.c_str());
+    ProbeDataSet set(link);
+    ASSERT_TRUE(set.load(LU_AFXS_MASK_ALL));
+    ASSERT_EQ(set.size(), 1u);
+    EXPECT_EQ(first(set).fileState(), 3u);
+    EXPECT_EQ(first(set).getPlaneData().points, plane.points);
+    EXPECT_EQ(first(set).getPlaneData().segments, plane.segments);
+  }
+}
+
 TEST_F(UserDataTest, CopyOfPointsAndResultPointsWritesPointsOnly) {
   LuAfxsUserLink link(writeOne(63).c_str());
   ProbeDataSet set(link);
