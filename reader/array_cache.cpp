@@ -9,6 +9,8 @@
 
 #include <luAnaf/luAfxsArrayCache.h>
 
+#include "format/plane_arrays.h"
+
 namespace afxs {
 namespace {
 
@@ -190,15 +192,7 @@ template void sizeForOverwrite(std::vector<uint32_t>&, size_t);
 template void sizeForOverwrite(std::vector<double>&, size_t);
 
 void recycleArrays(LuAfxsPlane& plane) noexcept {
-  giveBack(plane.points);
-  giveBack(plane.normals);
-  giveBack(plane.segments);
-  giveBack(plane.auxCtrlFirst);
-  giveBack(plane.auxCtrlOffsets);
-  giveBack(plane.auxCtrlCounts);
-  giveBack(plane.auxCtrlPos);
-  giveBack(plane.resPoints);
-  giveBack(plane.distances);
+  forEachArray(plane, [](auto& array) noexcept { giveBack(array); });
 }
 
 }  // namespace afxs

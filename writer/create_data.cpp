@@ -7,9 +7,12 @@
 #include "format/coding.h"
 #include "format/format.h"
 #include "format/io_error.h"
+#include "format/plane_arrays.h"
 #include "format/record_body.h"
 
 namespace {
+
+using afxs::forEachArray;
 
 template <typename T>
 uint64_t blockBytes(const std::vector<T>& values) {
@@ -35,29 +38,13 @@ void keepLarger(std::vector<T>& from, std::vector<T>& to) noexcept {
 // Every array of `plane`, emptied, into the spare arrays (see
 // LuAfxsCreateLink::SpareArrays).
 void giveBack(LuAfxsPlane& plane, LuAfxsPlane& spare) noexcept {
-  keepLarger(plane.points, spare.points);
-  keepLarger(plane.normals, spare.normals);
-  keepLarger(plane.segments, spare.segments);
-  keepLarger(plane.auxCtrlFirst, spare.auxCtrlFirst);
-  keepLarger(plane.auxCtrlOffsets, spare.auxCtrlOffsets);
-  keepLarger(plane.auxCtrlCounts, spare.auxCtrlCounts);
-  keepLarger(plane.auxCtrlPos, spare.auxCtrlPos);
-  keepLarger(plane.resPoints, spare.resPoints);
-  keepLarger(plane.distances, spare.distances);
+  forEachArray(plane, spare, [](auto& from, auto& to) noexcept { keepLarger(from, to); });
 }
 
 // The spare arrays (empty, with their capacity) into a new data object's
 // plane, whose arrays are empty.
 void takeSpare(LuAfxsPlane& spare, LuAfxsPlane& plane) noexcept {
-  plane.points.swap(spare.points);
-  plane.normals.swap(spare.normals);
-  plane.segments.swap(spare.segments);
-  plane.auxCtrlFirst.swap(spare.auxCtrlFirst);
-  plane.auxCtrlOffsets.swap(spare.auxCtrlOffsets);
-  plane.auxCtrlCounts.swap(spare.auxCtrlCounts);
-  plane.auxCtrlPos.swap(spare.auxCtrlPos);
-  plane.resPoints.swap(spare.resPoints);
-  plane.distances.swap(spare.distances);
+  forEachArray(plane, spare, [](auto& mine, auto& kept) noexcept { mine.swap(kept); });
 }
 
 }  // namespace
