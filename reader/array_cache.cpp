@@ -2,10 +2,13 @@
 // ordered by capacity, so a load takes the smallest array that fits.
 #include "reader/array_cache.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <mutex>
+#include <tuple>
 
 #include <luAnaf/luAfxsArrayCache.h>
 
@@ -26,6 +29,11 @@ size_t bytesOf(const std::vector<T>& v) {
   return v.capacity() * sizeof(T);
 }
 
+template <typename T>
+size_t largestBytes(const Shelf<T>& s) {
+  return s.empty() ? 0 : bytesOf(s.rbegin()->second);
+}
+
 class ArrayCache {
 public:
   ~ArrayCache();
@@ -42,7 +50,9 @@ public:
 
 private:
   template <typename T>
-  Shelf<T>& shelf();
+  Shelf<T>& shelf() {
+    return std::get<Shelf<T>>(m_shelves);
+  }
   // Frees arrays, the largest first, until `held` is at most `bytes`.
   void shrinkTo(size_t bytes);
   template <typename T>
@@ -51,10 +61,7 @@ private:
   std::mutex m_mutex;
   size_t m_limit = kDefaultLimit;
   size_t m_held = 0;
-  Shelf<LuVec3> m_vec3;
-  Shelf<int32_t> m_i32;
-  Shelf<uint32_t> m_u32;
-  Shelf<double> m_f64;
+  std::tuple<Shelf<LuVec3>, Shelf<int32_t>, Shelf<uint32_t>, Shelf<double>> m_shelves;
 };
 
 // Set once the cache is destroyed at exit: records destroyed later free their
@@ -67,23 +74,6 @@ ArrayCache& cache() {
 }
 
 ArrayCache::~ArrayCache() { g_cacheGone = true; }
-
-template <>
-Shelf<LuVec3>& ArrayCache::shelf<LuVec3>() {
-  return m_vec3;
-}
-template <>
-Shelf<int32_t>& ArrayCache::shelf<int32_t>() {
-  return m_i32;
-}
-template <>
-Shelf<uint32_t>& ArrayCache::shelf<uint32_t>() {
-  return m_u32;
-}
-template <>
-Shelf<double>& ArrayCache::shelf<double>() {
-  return m_f64;
-}
 
 // The smallest kept array of at least `count` elements, unless even that one
 // is more than twice as large (it then waits for a larger load).
@@ -139,23 +129,17 @@ void ArrayCache::dropLargest(Shelf<T>& s) {
 void ArrayCache::shrinkTo(size_t bytes) {
   while (m_held > bytes) {
     // The shelf whose largest array is the largest in bytes loses it.
-    size_t best = 0;
-    int which = -1;
-    auto consider = [&](size_t b, int id) {
-      if (b > best) {
-        best = b;
-        which = id;
-      }
+    size_t largest = 0;
+    std::apply([&](auto&... s) { ((largest = std::max(largest, largestBytes(s))), ...); },
+               m_shelves);
+    if (largest == 0) break;
+    bool dropped = false;
+    auto dropIfLargest = [&](auto& s) {
+      if (dropped || largestBytes(s) != largest) return;
+      dropLargest(s);
+      dropped = true;
     };
-    if (!m_vec3.empty()) consider(m_vec3.rbegin()->first * sizeof(LuVec3), 0);
-    if (!m_i32.empty()) consider(m_i32.rbegin()->first * sizeof(int32_t), 1);
-    if (!m_u32.empty()) consider(m_u32.rbegin()->first * sizeof(uint32_t), 2);
-    if (!m_f64.empty()) consider(m_f64.rbegin()->first * sizeof(double), 3);
-    if (which == 0) dropLargest(m_vec3);
-    if (which == 1) dropLargest(m_i32);
-    if (which == 2) dropLargest(m_u32);
-    if (which == 3) dropLargest(m_f64);
-    if (which < 0) break;
+    std::apply([&](auto&... s) { (dropIfLargest(s), ...); }, m_shelves);
   }
 }
 

@@ -15,11 +15,15 @@
 
 namespace {
 
-// Reads `count` bytes of data into a member array, sized from the array
-// cache. An array whose read fails is left empty, so nothing stale from an
-// earlier owner of its memory is ever seen.
+// Checks a block's byte count (not 0, whole elements, inside the file) and
+// reads its data into a member array, sized from the array cache. An array
+// whose read fails is left empty, so nothing stale from an earlier owner of
+// its memory is ever seen.
 template <typename T>
-void readArray(FILE* stream, std::vector<T>& v, uint32_t count) {
+void readArray(FILE* stream, std::vector<T>& v, uint32_t countWord, uint32_t count,
+               uint64_t fileSize) {
+  if (count == 0 || count % sizeof(T) != 0) afxs::fail();
+  afxs::requireInFile(static_cast<uint64_t>(countWord) + 4, count, fileSize);
   afxs::sizeForOverwrite(v, count / sizeof(T));
   try {
     afxs::getBytes(stream, v.data(), count);
@@ -29,52 +33,38 @@ void readArray(FILE* stream, std::vector<T>& v, uint32_t count) {
   }
 }
 
+// The members' element sizes are the stored ones.
+static_assert(sizeof(int32_t) == afxs::kIndexSize && sizeof(uint32_t) == afxs::kIndexSize);
+static_assert(sizeof(double) == afxs::kDistanceSize);
+
 // The body of one block whose identifier and byte count (the word at
 // `countWord`) have been read: checks the count and reads the data into its
 // member of `plane` (the results link into `resultsOffset`).
 void readFieldBody(FILE* stream, uint32_t id, uint32_t countWord, uint32_t count, uint64_t fileSize,
                    LuAfxsPlane& plane, uint32_t& resultsOffset) {
-  if (id == afxs::kFieldResultsLink) {
-    if (count != 4) afxs::fail();
-    resultsOffset = afxs::getU32(stream);
-    return;
-  }
-  size_t element = 0;
   switch (id) {
+    case afxs::kFieldResultsLink:
+      if (count != 4) afxs::fail();
+      resultsOffset = afxs::getU32(stream);
+      return;
     case afxs::kFieldPoints:
+      return readArray(stream, plane.points, countWord, count, fileSize);
     case afxs::kFieldNormals:
+      return readArray(stream, plane.normals, countWord, count, fileSize);
     case afxs::kFieldSegments:
+      return readArray(stream, plane.segments, countWord, count, fileSize);
     case afxs::kFieldResPoints:
+      return readArray(stream, plane.resPoints, countWord, count, fileSize);
     case afxs::kFieldDistances:
+      return readArray(stream, plane.distances, countWord, count, fileSize);
     case afxs::kFieldAuxPos:
+      return readArray(stream, plane.auxCtrlPos, countWord, count, fileSize);
     case afxs::kFieldAuxOffsets:
+      return readArray(stream, plane.auxCtrlOffsets, countWord, count, fileSize);
     case afxs::kFieldAuxCounts:
-      element = afxs::fieldElementSize(id);
-      break;
+      return readArray(stream, plane.auxCtrlCounts, countWord, count, fileSize);
     default:
       afxs::fail();  // 3 (auxCtrlFirst) and unknown identifiers are never loaded
-  }
-  if (count == 0 || element == 0 || count % element != 0) afxs::fail();
-  afxs::requireInFile(static_cast<uint64_t>(countWord) + 4, count, fileSize);
-  switch (id) {
-    case afxs::kFieldPoints:
-      return readArray(stream, plane.points, count);
-    case afxs::kFieldNormals:
-      return readArray(stream, plane.normals, count);
-    case afxs::kFieldSegments:
-      return readArray(stream, plane.segments, count);
-    case afxs::kFieldResPoints:
-      return readArray(stream, plane.resPoints, count);
-    case afxs::kFieldDistances:
-      return readArray(stream, plane.distances, count);
-    case afxs::kFieldAuxPos:
-      return readArray(stream, plane.auxCtrlPos, count);
-    case afxs::kFieldAuxOffsets:
-      return readArray(stream, plane.auxCtrlOffsets, count);
-    case afxs::kFieldAuxCounts:
-      return readArray(stream, plane.auxCtrlCounts, count);
-    default:
-      afxs::fail();
   }
 }
 
