@@ -13,7 +13,6 @@
 // and are removed at exit.
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -25,13 +24,15 @@
 
 #include <luAnaf/luAnaf.h>
 
+#include "bench/bench_files.h"
+
 namespace {
 
 namespace fs = std::filesystem;
+using luanafbench::PlaneInput;
 
 constexpr uint32_t kSubsets = 2;
 constexpr size_t kPoints = 5000;
-constexpr size_t kSegments = 10;
 
 uint32_t planeCount() {
   const char* env = std::getenv("LUANAF_HDF5_BENCH_PLANES");
@@ -39,84 +40,18 @@ uint32_t planeCount() {
   return 100;
 }
 
-struct BenchDir {
-  fs::path path;
-  ~BenchDir() {
-    std::error_code ec;
-    if (!path.empty()) fs::remove_all(path, ec);
-  }
-} g_benchDir;
-
-const fs::path& benchDir() {
-  if (g_benchDir.path.empty()) {
-    auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
-    g_benchDir.path = fs::temp_directory_path() / ("luanaf-hdf5-bench-" + std::to_string(stamp));
-    fs::create_directories(g_benchDir.path);
-  }
-  return g_benchDir.path;
-}
-
-// One plane subset's arrays, the aux offsets and firsts already derived as
-// the writer derives them (HDF5 is handed them ready).
-struct PlaneInput {
-  std::vector<LuVec3> points, normals, resPoints;
-  std::vector<int> segments;
-  std::vector<uint32_t> auxPos, auxCounts, auxOffsets, auxFirst;
-  std::vector<double> distances;
-};
+const fs::path& benchDir() { return luanafbench::benchDir("hdf5"); }
 
 const PlaneInput& input() {
-  static const PlaneInput in = [] {
-    PlaneInput p;
-    for (size_t i = 0; i < kPoints; ++i) {
-      double t = static_cast<double>(i) * 0.001;
-      p.points.push_back({t, 2 * t, 3 * t});
-      p.normals.push_back({0, 0, 1});
-      p.resPoints.push_back({t + 0.01, 2 * t, 3 * t});
-      p.auxPos.push_back(static_cast<uint32_t>(i));
-      p.auxCounts.push_back(1);
-      p.auxOffsets.push_back(static_cast<uint32_t>(i));
-      p.auxFirst.push_back(static_cast<uint32_t>(i));
-      p.distances.push_back(0.01);
-    }
-    for (size_t s = 1; s <= kSegments; ++s)
-      p.segments.push_back(static_cast<int>(kPoints * s / kSegments));
-    return p;
-  }();
+  static const PlaneInput in = luanafbench::makeInput(kPoints);
   return in;
-}
-
-const double (*raw(const std::vector<LuVec3>& v))[3] {
-  return reinterpret_cast<const double(*)[3]>(v.data());
 }
 
 // ---- luAnaf
 
 bool writeLuanaf(const fs::path& file) {
-  const PlaneInput& in = input();
-  LuAfxsCreateLink link(file.wstring().c_str());
-  LuAfxsHeader header;
-  header.version = 1;
-  header.normal[2] = 1;
-  header.numPlanes = planeCount();
-  header.distBwPlanes = 0.5;
-  link.setHeader(header);
-  if (!link.create(true)) return false;
-  for (uint32_t plane = 0; plane < planeCount(); ++plane) {
-    for (uint32_t subset = 1; subset <= kSubsets; ++subset) {
-      LuAfxsCreateData data(link, plane, subset);
-      data.setPoints(raw(in.points), kPoints);
-      data.setNormals(raw(in.normals), kPoints);
-      data.setSegments(in.segments.data(), in.segments.size());
-      data.setAuxCtrlPos(in.auxPos.data(), kPoints, in.auxCounts.data(), kPoints);
-      data.setDistances(in.distances.data(), kPoints);
-      data.setResPoints(raw(in.resPoints), kPoints);
-      if (!data.flush()) return false;
-    }
-  }
-  link.closeFile(true);
-  link.release();
-  return link.isOK();
+  return luanafbench::writeFile(file, planeCount(), kSubsets, input(), LU_AFXS_MASK_ALL, false) !=
+         0;
 }
 
 // ---- HDF5
@@ -227,48 +162,36 @@ void counters(benchmark::State& state, const fs::path& file) {
   state.counters["planes"] = planeCount();
 }
 
-void BM_LuanafWrite(benchmark::State& state) {
-  const fs::path file = benchDir() / "write.afxs";
+// Writes the file anew in every iteration (removed, untimed, before each).
+template <typename Write>
+void writeEachIteration(benchmark::State& state, const fs::path& file, Write write,
+                        const char* failure) {
   for (auto _ : state) {
     state.PauseTiming();
     fs::remove(file);
     state.ResumeTiming();
-    if (!writeLuanaf(file)) state.SkipWithError("luAnaf write failed");
+    if (!write(file)) state.SkipWithError(failure);
   }
   counters(state, file);
 }
 
+void BM_LuanafWrite(benchmark::State& state) {
+  writeEachIteration(state, benchDir() / "write.afxs", writeLuanaf, "luAnaf write failed");
+}
+
 void BM_Hdf5Write(benchmark::State& state) {
-  const fs::path file = benchDir() / "write.h5";
-  for (auto _ : state) {
-    state.PauseTiming();
-    fs::remove(file);
-    state.ResumeTiming();
-    if (!writeHdf5(file)) state.SkipWithError("HDF5 write failed");
-  }
-  counters(state, file);
+  writeEachIteration(state, benchDir() / "write.h5", writeHdf5, "HDF5 write failed");
 }
 
 // The luAnaf file's bytes with fwrite, one record's worth at a time.
 void BM_RawFwrite(benchmark::State& state) {
   const uint64_t total = fs::file_size(luanafFile());
-  const size_t records = size_t{planeCount()} * kSubsets;
-  const size_t chunk = static_cast<size_t>(total / records);
-  std::vector<char> buffer(chunk, 'x');
-  const fs::path file = benchDir() / "raw.bin";
-  for (auto _ : state) {
-    state.PauseTiming();
-    fs::remove(file);
-    state.ResumeTiming();
-    FILE* f = std::fopen(file.string().c_str(), "wb");
-    for (uint64_t left = total; left > 0;) {
-      const size_t n = static_cast<size_t>(std::min<uint64_t>(left, chunk));
-      if (std::fwrite(buffer.data(), 1, n, f) != n) state.SkipWithError("fwrite failed");
-      left -= n;
-    }
-    std::fclose(f);
-  }
-  counters(state, luanafFile());
+  const std::vector<char> chunk(static_cast<size_t>(total / (size_t{planeCount()} * kSubsets)),
+                                'x');
+  writeEachIteration(
+      state, benchDir() / "raw.bin",
+      [&](const fs::path& file) { return luanafbench::fwriteInChunks(file, total, chunk); },
+      "fwrite failed");
 }
 
 void BM_LuanafLoad(benchmark::State& state) {

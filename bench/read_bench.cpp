@@ -14,7 +14,6 @@
 // temporary folder and deleted at exit.
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -23,6 +22,8 @@
 #include <vector>
 
 #include <luAnaf/luAnaf.h>
+
+#include "bench/bench_files.h"
 
 namespace {
 
@@ -40,97 +41,34 @@ uint32_t planeCount() {
   return 1000;
 }
 
-// The benchmark's folder, made on first use and removed when the program ends.
-struct BenchDir {
-  fs::path path;
-  ~BenchDir() {
-    std::error_code ec;
-    if (!path.empty()) fs::remove_all(path, ec);
-  }
-} g_benchDir;
+const fs::path& benchDir() { return luanafbench::benchDir("read"); }
 
-const fs::path& benchDir() {
-  if (g_benchDir.path.empty()) {
-    auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
-    g_benchDir.path = fs::temp_directory_path() / ("luanaf-read-bench-" + std::to_string(stamp));
-    fs::create_directories(g_benchDir.path);
-  }
-  return g_benchDir.path;
-}
-
-const double (*raw(const std::vector<LuVec3>& v))[3] {
-  return reinterpret_cast<const double(*)[3]>(v.data());
-}
-
-// Writes planes x subsets records of `points` points with every field group.
-bool writeFile(const fs::path& file, uint32_t planes, uint32_t subsets, size_t points,
-               bool everyField) {
-  std::vector<LuVec3> pts(points), nrm(points), res(points);
-  std::vector<double> dist(points);
-  std::vector<uint32_t> aux(points), counts(points, 1);
-  std::vector<int> segments = {static_cast<int>(points / 2), static_cast<int>(points)};
-  for (size_t i = 0; i < points; ++i) {
-    double d = static_cast<double>(i);
-    pts[i] = {d, d * 0.5, 1};
-    nrm[i] = {0, 0, 1};
-    res[i] = {d + 0.25, d * 0.5, 1};
-    dist[i] = 0.25;
-    aux[i] = static_cast<uint32_t>(i);
-  }
-  LuAfxsCreateLink link(file.wstring().c_str());
-  LuAfxsHeader header;
-  header.normal[2] = 1;
-  header.numPlanes = planes;
-  header.distBwPlanes = 0.5;
-  link.setHeader(header);
-  LuAfxsCamerasTable cameras;
-  cameras.cameras = {{1000, 0, 250}, {-1000, 0, 250}};
-  link.setCameras(cameras);
-  if (!link.create(true)) return false;
-  for (uint32_t p = 0; p < planes; ++p) {
-    for (uint32_t s = 1; s <= subsets; ++s) {
-      LuAfxsCreateData data(link, p, s);
-      data.setPoints(raw(pts), points);
-      if (everyField) {
-        data.setSegments(segments.data(), segments.size());
-        data.setNormals(raw(nrm), points);
-        data.setAuxCtrlPos(aux.data(), points, counts.data(), points);
-        data.setResPoints(raw(res), points);
-        data.setDistances(dist.data(), points);
-      }
-      if (!data.flush()) return false;
-    }
-  }
-  link.release();
-  link.closeFile(true);
-  return link.isOK();
+// A file of planes x subsets records of `points` points with the field
+// groups of `mask` and two cameras, written once per process.
+fs::path writtenOnce(const char* name, uint32_t planes, uint32_t subsets, size_t points,
+                     uint32_t mask) {
+  fs::path f = benchDir() / name;
+  if (luanafbench::writeFile(f, planes, subsets, luanafbench::makeInput(points), mask, true) == 0)
+    std::abort();
+  return f;
 }
 
 const fs::path& bigFile() {
-  static fs::path file = [] {
-    fs::path f = benchDir() / "big.afxs";
-    if (!writeFile(f, planeCount(), kSubsets, kPoints, true)) std::abort();
-    return f;
-  }();
+  static const fs::path file =
+      writtenOnce("big.afxs", planeCount(), kSubsets, kPoints, LU_AFXS_MASK_ALL);
   return file;
 }
 
 // The same planes with points only: the file the results flush appends to.
 const fs::path& pointsFile() {
-  static fs::path file = [] {
-    fs::path f = benchDir() / "points.afxs";
-    if (!writeFile(f, planeCount(), kSubsets, kPoints, false)) std::abort();
-    return f;
-  }();
+  static const fs::path file =
+      writtenOnce("points.afxs", planeCount(), kSubsets, kPoints, LU_AFXS_MASK_POINTS);
   return file;
 }
 
 const fs::path& indexFile() {
-  static fs::path file = [] {
-    fs::path f = benchDir() / "index.afxs";
-    if (!writeFile(f, kIndexRecords / 2, 2, 1, false)) std::abort();
-    return f;
-  }();
+  static const fs::path file =
+      writtenOnce("index.afxs", kIndexRecords / 2, 2, 1, LU_AFXS_MASK_POINTS);
   return file;
 }
 
@@ -276,7 +214,7 @@ void BM_ResultsFlush(benchmark::State& state) {
     LuAfxsUserDataSet set(link);
     if (!set.load(0)) state.SkipWithError("load failed");
     for (LuAfxsUserData* data : set) {
-      data->setResPoints(raw(res), kPoints);
+      data->setResPoints(luanafbench::raw(res), kPoints);
       data->setDistances(dist.data(), kPoints);
       if (!data->flush()) state.SkipWithError("flush failed");
     }

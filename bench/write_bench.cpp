@@ -11,96 +11,29 @@
 // buffers cost fresh pages (page faults) or reuse freed ones.
 #include <benchmark/benchmark.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <string>
 #include <vector>
 
 #include <luAnaf/luAnaf.h>
-#include <unistd.h>
+
+#include "bench/bench_files.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using namespace luanafbench;
 
 constexpr uint32_t kSubsets = 2;
-constexpr size_t kSegments = 10;
-
-struct PlaneInput {
-  std::vector<LuVec3> points, normals, resPoints;
-  std::vector<int> segments;
-  std::vector<uint32_t> auxPos, auxCounts;
-  std::vector<double> distances;
-};
-
-PlaneInput makeInput(size_t n) {
-  PlaneInput in;
-  for (size_t i = 0; i < n; ++i) {
-    double t = static_cast<double>(i) * 0.001;
-    in.points.push_back({t, 2 * t, 3 * t});
-    in.normals.push_back({0, 0, 1});
-    in.resPoints.push_back({t + 0.01, 2 * t, 3 * t});
-    in.auxPos.push_back(static_cast<uint32_t>(i));
-    in.auxCounts.push_back(1);
-    in.distances.push_back(0.01);
-  }
-  for (size_t s = 1; s <= kSegments; ++s)
-    in.segments.push_back(static_cast<int>(n * s / kSegments));
-  return in;
-}
-
-const double (*raw(const std::vector<LuVec3>& v))[3] {
-  return reinterpret_cast<const double(*)[3]>(v.data());
-}
-
-fs::path benchFile(const char* name) {
-  fs::path dir = fs::temp_directory_path() / ("luanaf-bench-" + std::to_string(getpid()));
-  fs::create_directories(dir);
-  return dir / name;
-}
-
-LuAfxsHeader header(uint64_t planes) {
-  LuAfxsHeader h;
-  h.version = 1;
-  h.normal[2] = 1;
-  h.numPlanes = planes;
-  h.distBwPlanes = 0.5;
-  return h;
-}
 
 // Writes one whole file through the writer; returns its size.
 uint64_t writeWithLink(const fs::path& file, uint32_t planes, const PlaneInput& in) {
-  {
-    LuAfxsCreateLink link(file.wstring().c_str());
-    link.setHeader(header(planes));
-    LuAfxsCamerasTable cameras;
-    cameras.cameras = {{1000, 0, 250}, {-1000, 0, 250}};
-    link.setCameras(cameras);
-    if (!link.create(true)) return 0;
-    const size_t n = in.points.size();
-    for (uint32_t plane = 0; plane < planes; ++plane) {
-      for (uint32_t subset = 1; subset <= kSubsets; ++subset) {
-        LuAfxsCreateData data(link, plane, subset);
-        data.setPoints(raw(in.points), n);
-        data.setNormals(raw(in.normals), n);
-        data.setSegments(in.segments.data(), in.segments.size());
-        data.setAuxCtrlPos(in.auxPos.data(), n, in.auxCounts.data(), n);
-        data.setDistances(in.distances.data(), n);
-        data.setResPoints(raw(in.resPoints), n);
-        if (!data.flush()) return 0;
-      }
-    }
-    link.closeFile(true);
-    link.release();
-  }
-  return fs::file_size(file);
+  return writeFile(file, planes, kSubsets, in, LU_AFXS_MASK_ALL, true);
 }
 
 void BM_WriterFile(benchmark::State& state) {
   const uint32_t planes = static_cast<uint32_t>(state.range(0));
   const PlaneInput in = makeInput(static_cast<size_t>(state.range(1)));
-  const fs::path file = benchFile("writer.afxs");
+  const fs::path file = benchDir("write") / "writer.afxs";
   uint64_t bytes = 0;
   for (auto _ : state) {
     // Both benchmarks start each iteration without a file.
@@ -112,36 +45,27 @@ void BM_WriterFile(benchmark::State& state) {
   }
   state.SetBytesProcessed(static_cast<int64_t>(bytes * state.iterations()));
   state.counters["file_MB"] = static_cast<double>(bytes) / 1e6;
-  fs::remove_all(file.parent_path());
+  fs::remove(file);
 }
 
 // The same number of bytes, in chunks of one record's size, with plain stdio.
 void BM_RawFwrite(benchmark::State& state) {
   const uint32_t planes = static_cast<uint32_t>(state.range(0));
   const PlaneInput in = makeInput(static_cast<size_t>(state.range(1)));
-  const fs::path reference = benchFile("reference.afxs");
+  const fs::path reference = benchDir("write") / "reference.afxs";
   const uint64_t total = writeWithLink(reference, planes, in);
   fs::remove(reference);
-  const uint64_t records = uint64_t{planes} * kSubsets;
-  const size_t chunk = static_cast<size_t>(total / records);
-  std::vector<char> buffer(chunk, 'x');
-  const fs::path file = benchFile("raw.bin");
+  const std::vector<char> chunk(static_cast<size_t>(total / (uint64_t{planes} * kSubsets)), 'x');
+  const fs::path file = benchDir("write") / "raw.bin";
   for (auto _ : state) {
     state.PauseTiming();
     fs::remove(file);
     state.ResumeTiming();
-    FILE* f = std::fopen(file.c_str(), "wb");
-    uint64_t left = total;
-    while (left > 0) {
-      size_t n = static_cast<size_t>(std::min<uint64_t>(left, chunk));
-      if (std::fwrite(buffer.data(), 1, n, f) != n) state.SkipWithError("fwrite failed");
-      left -= n;
-    }
-    std::fclose(f);
+    if (!fwriteInChunks(file, total, chunk)) state.SkipWithError("fwrite failed");
   }
   state.SetBytesProcessed(static_cast<int64_t>(total * state.iterations()));
   state.counters["file_MB"] = static_cast<double>(total) / 1e6;
-  fs::remove_all(file.parent_path());
+  fs::remove(file);
 }
 
 // Only the copies into the data objects that the writer's interface makes
@@ -150,25 +74,18 @@ void BM_RawFwrite(benchmark::State& state) {
 void BM_BufferOnly(benchmark::State& state) {
   const uint32_t planes = static_cast<uint32_t>(state.range(0));
   const PlaneInput in = makeInput(static_cast<size_t>(state.range(1)));
-  LuAfxsCreateLink link(benchFile("unused.afxs").wstring().c_str());
-  const size_t n = in.points.size();
+  LuAfxsCreateLink link((benchDir("write") / "unused.afxs").wstring().c_str());
   for (auto _ : state) {
     for (uint32_t plane = 0; plane < planes; ++plane) {
       for (uint32_t subset = 1; subset <= kSubsets; ++subset) {
         LuAfxsCreateData data(link, plane, subset);
-        data.setPoints(raw(in.points), n);
-        data.setNormals(raw(in.normals), n);
-        data.setSegments(in.segments.data(), in.segments.size());
-        data.setAuxCtrlPos(in.auxPos.data(), n, in.auxCounts.data(), n);
-        data.setDistances(in.distances.data(), n);
-        data.setResPoints(raw(in.resPoints), n);
+        fill(data, in, LU_AFXS_MASK_ALL);
         benchmark::DoNotOptimize(data.plane().points.data());
       }
     }
   }
-  const uint64_t perRecord = n * (3 * 24 + 4 * 4 + 8) + in.segments.size() * 4;
+  const uint64_t perRecord = in.size() * (3 * 24 + 4 * 4 + 8) + in.segments.size() * 4;
   state.SetBytesProcessed(static_cast<int64_t>(perRecord * planes * kSubsets * state.iterations()));
-  fs::remove_all(benchFile("unused.afxs").parent_path());
 }
 
 void sizes(benchmark::internal::Benchmark* b) {
