@@ -8,9 +8,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include <benchmark/benchmark.h>
 #include <luAnaf/luAnaf.h>
 
 namespace luanafbench {
@@ -126,6 +128,18 @@ inline bool fwriteInChunks(const fs::path& file, uint64_t total, const std::vect
     left -= n;
   }
   return std::fclose(f) == 0 && ok;
+}
+
+// The raw read floor: the file's `size` bytes with one fread into fresh
+// memory. False on a short read.
+inline bool freadFresh(const fs::path& file, size_t size) {
+  std::unique_ptr<char[]> buffer(new char[size]);
+  FILE* f = std::fopen(file.string().c_str(), "rb");
+  if (f == nullptr) return false;
+  const bool ok = std::fread(buffer.get(), 1, size, f) == size;
+  std::fclose(f);
+  benchmark::DoNotOptimize(buffer.get());
+  return ok;
 }
 
 }  // namespace luanafbench

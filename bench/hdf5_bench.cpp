@@ -228,13 +228,8 @@ void BM_Hdf5Read(benchmark::State& state) {
 void BM_RawFread(benchmark::State& state) {
   const fs::path& file = luanafFile();
   const size_t size = fs::file_size(file);
-  for (auto _ : state) {
-    std::unique_ptr<char[]> buffer(new char[size]);
-    FILE* f = std::fopen(file.string().c_str(), "rb");
-    if (std::fread(buffer.get(), 1, size, f) != size) state.SkipWithError("short read");
-    std::fclose(f);
-    benchmark::DoNotOptimize(buffer.get());
-  }
+  for (auto _ : state)
+    if (!luanafbench::freadFresh(file, size)) state.SkipWithError("short read");
   counters(state, file);
 }
 

@@ -103,14 +103,8 @@ BENCHMARK(BM_LoadEveryFieldCacheOff)->Unit(benchmark::kMillisecond)->UseRealTime
 void BM_RawFreadFreshBuffer(benchmark::State& state) {
   const fs::path& file = bigFile();
   size_t size = fs::file_size(file);
-  for (auto _ : state) {
-    std::unique_ptr<char[]> buffer(new char[size]);
-    FILE* f = std::fopen(file.string().c_str(), "rb");
-    size_t got = std::fread(buffer.get(), 1, size, f);
-    std::fclose(f);
-    if (got != size) state.SkipWithError("short read");
-    benchmark::DoNotOptimize(buffer.get());
-  }
+  for (auto _ : state)
+    if (!luanafbench::freadFresh(file, size)) state.SkipWithError("short read");
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(size));
 }
 BENCHMARK(BM_RawFreadFreshBuffer)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -187,13 +181,8 @@ BENCHMARK(BM_OpenAndIndex)->Unit(benchmark::kMillisecond)->UseRealTime();
 void BM_RawFreadIndexFile(benchmark::State& state) {
   const fs::path& file = indexFile();
   const size_t size = fs::file_size(file);
-  for (auto _ : state) {
-    std::unique_ptr<char[]> buffer(new char[size]);
-    FILE* f = std::fopen(file.string().c_str(), "rb");
-    if (std::fread(buffer.get(), 1, size, f) != size) state.SkipWithError("short read");
-    std::fclose(f);
-    benchmark::DoNotOptimize(buffer.get());
-  }
+  for (auto _ : state)
+    if (!luanafbench::freadFresh(file, size)) state.SkipWithError("short read");
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kIndexRecords);
 }
 BENCHMARK(BM_RawFreadIndexFile)->Unit(benchmark::kMillisecond)->UseRealTime();
