@@ -16,6 +16,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <istream>
 #include <map>
 #include <set>
@@ -756,6 +757,17 @@ void Walk::counts() {
 LuAfxsInspection luAfxsInspect(const std::wstring& path, bool deep) {
   LuAfxsInspection out;
   try {
+    // A directory opens for reading on some systems (and reports a size of
+    // 2^63 - 1), and opening a FIFO waits for a writer: neither is opened.
+    std::error_code ec;
+    std::filesystem::file_status status = std::filesystem::status(std::filesystem::path(path), ec);
+    if (!ec && std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+      out.problems.push_back({0, true,
+                              std::filesystem::is_directory(status)
+                                  ? "is a directory, not a file"
+                                  : "is not a regular file (a FIFO, device or socket)"});
+      return out;
+    }
     File file(path);
     if (!file.ok()) {
       out.problems.push_back({0, true, "cannot be opened for reading"});
