@@ -61,7 +61,11 @@ bool writeOutput(const std::string& path, const std::string& text, bool binary) 
     error(path, describe(file.creationProblem()) + "; nothing was written");
     return false;
   }
+#if defined(_WIN32)
+  std::FILE* out = _wfopen(file.tempPath().c_str(), binary ? L"wb" : L"w");
+#else
   std::FILE* out = std::fopen(narrow(file.tempPath()).c_str(), binary ? "wb" : "w");
+#endif
   bool written = out != nullptr && std::fwrite(text.data(), 1, text.size(), out) == text.size() &&
                  std::fflush(out) == 0;
   int errnum = errno;

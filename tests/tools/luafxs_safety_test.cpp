@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -147,6 +148,7 @@ struct WritingCase {
   const char* verb;
   BadOutput bad;
 };
+void PrintTo(const WritingCase& c, std::ostream* os) { *os << c.verb << " " << c.bad.name; }
 
 class BadOutputTest : public SafetyTest, public ::testing::WithParamInterface<WritingCase> {
 protected:
@@ -639,6 +641,10 @@ TEST_F(FullDiskTest, UnifyLeavesThePreviousOutput) {
   Outcome r = run("unify -o " + q("mnt/u.afxs") + " " + q("a.afxs") + " " + q("b.afxs"));
   EXPECT_EQ(r.code, 1) << r.out;
   EXPECT_EQ(snapshot(), before);
+  // The library's many failures are one block on standard error: the count and the first five.
+  EXPECT_EQ(r.out, "");
+  EXPECT_THAT(r.err, HasSubstr("failures reported by the library (the first 5):\n"));
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 7) << r.err;
 }
 
 TEST_F(FullDiskTest, RemoveLeavesTheFileWhole) {
