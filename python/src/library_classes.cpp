@@ -11,8 +11,13 @@
 //   raises at the first failure without emptying the set (the library would
 //   delete the records, which Python may still hold).
 // - Vectors cross as numpy copies; records (header, plane) are copies.
+// - LuAfxsCreateLink refuses a path that is a directory, a special file or
+//   read-only; LuAfxsUserDataSet.remove refuses a read-only file. Otherwise
+//   these classes write in place as in C++ (luanaf.write, remove_fields and
+//   unify write beside the file and rename).
 
 #include <array>
+#include <cerrno>
 
 #include "bindings.h"
 
@@ -90,9 +95,17 @@ void bindLibraryClasses(py::module_& m) {
                                "Creates one file. The file survives the link only when release() "
                                "was called and no failure occurred.")
       .def(py::init([](const std::wstring& path) {
+             // The link deletes whatever is at its path when it goes without a
+             // release, and create() truncates it: a directory, a special file
+             // or a read-only file is refused before the link exists.
+             LuAfxsOutputProblem problem;
+             if (!luAfxsCheckOutput(path, {}, problem) && problem.errnum != ENOENT) {
+               raiseOutputProblem(path, problem);
+             }
              return std::make_unique<LuAfxsCreateLink>(path.c_str());
            }),
-           py::arg("path"))
+           py::arg("path"),
+           "Refuses (raises) a path that is a directory, a special file or read-only.")
       .def("setHeader", &LuAfxsCreateLink::setHeader)
       .def(
           "getHeader", [](const LuAfxsCreateLink& l) { return l.getHeader(); }, "A copy.")
@@ -273,6 +286,10 @@ void bindLibraryClasses(py::module_& m) {
           "remove",
           [](LuAfxsUserDataSet& s, uint32_t mask) {
             if (s.empty()) verifyOrRaise(*s.link(), linkPath(s));
+            // The rewrite would move its "<path>.tmp" over a read-only file.
+            if (!s.link()->fileWritable()) {
+              raiseError("the file is read-only", linkPath(s), {}, EACCES);
+            }
             Capture cap;
             if (!s.remove(mask)) raiseError("cannot rewrite the file", linkPath(s), cap.reports);
           },
