@@ -110,6 +110,20 @@ def test_interrupted_write_keeps_the_old_file(tmp_path):
     assert temporaries(tmp_path) == []
 
 
+def test_interrupt_while_the_planes_are_written_keeps_the_old_file(tmp_path):
+    # The checked planes go straight to the compiled writer, so that the
+    # interrupt arrives while it writes (about 35 MB), not while Python
+    # prepares the arguments.
+    out = write_file(tmp_path / "out.afxs", [make_plane(0, 1)])
+    planes = [luanaf._plane_dict(p, i) for i, p in enumerate(big_planes(400, 1000))]
+    before = snapshot(out)
+    with pytest.raises(KeyboardInterrupt):
+        with Interrupt():
+            luanaf._luanaf.write(str(out), dict(HEADER), planes, None)
+    assert snapshot(out) == before
+    assert temporaries(tmp_path) == []
+
+
 def test_interrupted_remove_fields_keeps_the_file(tmp_path):
     path = write_file(tmp_path / "big.afxs", big_planes(400, 2000))
     before = snapshot(path)
