@@ -67,6 +67,25 @@ void checkInterrupt(Capture& cap);
 // its file open). Returns the read-only inspection of the file.
 LuAfxsInspection verifyOrRaise(LuAfxsUserLink& link, const std::wstring& path);
 
+// ---- What would make a damaged file ----
+// The groups a rewrite copies: result points and distances never survive it.
+constexpr uint32_t kCopiedMask =
+    LU_AFXS_MASK_POINTS | LU_AFXS_MASK_SEGMENTS | LU_AFXS_MASK_NORMALS | LU_AFXS_MASK_AUX;
+// "points, segments, ..." in the luafxs tool's names, "none" for 0.
+std::string groupNames(uint32_t mask);
+// Why writing the groups `mask` of p would give a file that validate calls
+// damaged ("plane P subset S: ..."), or "" when it would not: an empty group,
+// normals, result points or distances other than one per point (without
+// points: distances other than one per result point), segments that do not
+// tile the points, aux counts that do not add up to the positions.
+std::string planeLengthProblem(const LuAfxsPlane& p, uint32_t mask);
+// Why removing `mask` from the loaded records of set (segments loaded) would
+// leave a damaged file, or "": a record left without any copied group
+// vanishes, segments left without their points count points that are gone.
+std::string removalDamage(const LuAfxsUserDataSet& set, uint32_t mask);
+// The groups of `present` that may be removed one at a time.
+std::string removableGroups(const LuAfxsUserDataSet& set, uint32_t present);
+
 // ---- Outputs ----
 // One file a binding creates or rewrites: checked before anything is written
 // (raises for a directory, a special file, a read-only file, one of

@@ -357,62 +357,6 @@ void writeFile(const std::wstring& path, const py::dict& header, const py::list&
 
 // ---- remove_fields ----------------------------------------------------------
 
-constexpr uint32_t kResultsMask = LU_AFXS_MASK_RESPOINTS | LU_AFXS_MASK_DISTANCES;
-// The groups a rewrite copies: result points and distances never survive it.
-constexpr uint32_t kCopiedMask =
-    LU_AFXS_MASK_POINTS | LU_AFXS_MASK_SEGMENTS | LU_AFXS_MASK_NORMALS | LU_AFXS_MASK_AUX;
-
-struct GroupName {
-  uint32_t bit;
-  const char* name;
-};
-constexpr GroupName kGroupNames[] = {
-    {LU_AFXS_MASK_POINTS, "points"},     {LU_AFXS_MASK_SEGMENTS, "segments"},
-    {LU_AFXS_MASK_NORMALS, "normals"},   {LU_AFXS_MASK_AUX, "aux"},
-    {LU_AFXS_MASK_RESPOINTS, "results"}, {LU_AFXS_MASK_DISTANCES, "distances"},
-};
-
-std::string groupNames(uint32_t mask) {
-  std::string out;
-  for (const GroupName& g : kGroupNames) {
-    if (mask & g.bit) out += std::string(out.empty() ? "" : ", ") + g.name;
-  }
-  return out.empty() ? "none" : out;
-}
-
-// Why removing `mask` would leave a damaged file, or "" when it would not:
-// a record left without any group vanishes, and segments left without their
-// points count points that are no longer there.
-std::string removalDamage(const LuAfxsUserDataSet& set, uint32_t mask) {
-  for (const LuAfxsUserData* d : set) {
-    const LuAfxsPlane& p = d->getPlaneData();
-    const std::string where =
-        "plane " + std::to_string(p.planeId) + " subset " + std::to_string(p.subsetId);
-    const uint32_t kept = d->fileState() & kCopiedMask & ~mask;
-    if (kept == 0) {
-      return where + " holds only " + groupNames(d->fileState()) +
-             "; removing them would drop the record";
-    }
-    if ((kept & LU_AFXS_MASK_SEGMENTS) && !(kept & LU_AFXS_MASK_POINTS) && !p.segments.empty() &&
-        p.segments.back() != 0) {
-      return where + ": its segments count " + std::to_string(p.segments.back()) +
-             " points, which would be gone; remove segments together with points";
-    }
-  }
-  return "";
-}
-
-// The groups of `present` that may be removed one at a time.
-std::string removableGroups(const LuAfxsUserDataSet& set, uint32_t present) {
-  std::string out;
-  for (const GroupName& g : kGroupNames) {
-    if ((present & g.bit) && removalDamage(set, g.bit).empty()) {
-      out += std::string(out.empty() ? "" : ", ") + g.name;
-    }
-  }
-  return out.empty() ? "none" : out;
-}
-
 // Writes the records of `set` without the groups of `mask` into `out`'s
 // temporary file.
 void writeWithout(LuAfxsUserDataSet& set, LuAfxsUserLink& link, const LuAfxsHeader& header,

@@ -172,3 +172,46 @@ def test_remove_fields_keeps_the_version(tmp_path):
     path = write_file(tmp_path / "v.afxs", [make_plane()], header=dict(HEADER, version=-3))
     luanaf.remove_fields(path, "normals")
     assert b"\nVER -3\n" in path.read_bytes()
+
+
+def test_the_library_create_data_refuses_lengths_that_disagree(tmp_path):
+    link = luanaf.LuAfxsCreateLink(str(tmp_path / "c.afxs"))
+    link.setHeader(luanaf.LuAfxsHeader(HEADER))
+    link.create(True)
+    data = luanaf.LuAfxsCreateData(link, 2, 3)
+    data.setPoints(np.zeros((5, 3)))
+    data.setSegments(np.array([2, 4], np.int32))
+    with pytest.raises(luanaf.DataError, match="plane 2 subset 3: segments end at 4"):
+        data.flush(link)
+    data.setSegments(np.array([2, 5], np.int32))
+    data.setNormals(np.zeros((4, 3)))
+    with pytest.raises(luanaf.DataError, match="normals has 4 entries but there are 5 points"):
+        data.flush(link)
+    data.setNormals(np.zeros((5, 3)))
+    data.flush(link)
+    link.release()
+    link.closeFile(True)
+    with luanaf.open(tmp_path / "c.afxs") as f:
+        assert f[0].file_state == 1 | 2 | 4
+
+
+def test_the_library_record_flush_refuses_results_of_another_length(plain_file):
+    before = snapshot(plain_file)
+    data_set = luanaf.LuAfxsUserDataSet(luanaf.LuAfxsUserLink(str(plain_file)))
+    data_set.load(luanaf.MASK_SEGMENTS)
+    record = data_set.find(0, 1)
+    record.setResPoints(np.zeros((3, 3)))
+    record.setDistances(np.zeros(5))
+    with pytest.raises(luanaf.DataError, match="res_points has 3 entries but there are 5 points"):
+        record.flush()
+    data_set.closefile()
+    assert snapshot(plain_file) == before
+
+
+def test_the_library_remove_refuses_a_removal_that_damages(small_file):
+    before = snapshot(small_file)
+    data_set = luanaf.LuAfxsUserDataSet(luanaf.LuAfxsUserLink(str(small_file)))
+    with pytest.raises(luanaf.DataError, match="remove segments together with points"):
+        data_set.remove(luanaf.MASK_POINTS)
+    data_set.closefile()
+    assert snapshot(small_file) == before
