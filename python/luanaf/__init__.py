@@ -55,6 +55,15 @@ Beside this surface, the library's own classes are available under their C++
 names (LuAfxsCreateLink, LuAfxsCreateData, LuAfxsUserLink, LuAfxsUserDataSet,
 LuAfxsUserData, LuAfxsHeader, LuAfxsPlane) for code that follows the C++ API
 step by step; their vectors cross as copies, and false results raise Error.
+They write in place as in C++ (no temporary file), but LuAfxsCreateLink
+refuses a directory, special or read-only path, the two flush methods refuse
+data whose lengths disagree, and LuAfxsUserDataSet.remove refuses a read-only
+file and a removal that would leave a damaged file (DataError).
+
+Field-group names (wherever a mask is taken) are those of the luafxs tool:
+points, segments, normals, aux, results, distances, all; "res_points" is
+accepted for "results", and planes and :meth:`Subset.set_results` take
+``results`` for ``res_points``.
 
 Loaded arrays of closed files are kept for later loads up to a limit
 (:func:`array_cache_limit`, 256 MiB unless :func:`set_array_cache_limit`
