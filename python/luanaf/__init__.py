@@ -23,13 +23,47 @@ Reading::
         for s in f:
             print(s.plane_id, s.subset_id, s.points.shape)
 
-Failures raise :class:`luanaf.Error`. The library's log records go to the
-:mod:`logging` logger ``"luanaf"`` (progress at INFO, failures at ERROR).
+Failures raise :class:`luanaf.Error` or one of its subclasses, each also
+the matching built-in exception: :class:`FileNotFoundError`,
+:class:`IsADirectoryError`, :class:`PermissionError`,
+:class:`NotARegularFileError`, :class:`SameFileError` (a ValueError) and
+:class:`DataError` (a ValueError, for data that would make a damaged file).
+Wrong argument types raise TypeError, negative or too large ids ValueError.
+The library's log records go to the :mod:`logging` logger ``"luanaf"``
+(progress at INFO, failures at ERROR).
+
+Writing never destroys or damages a file. Every function that creates or
+rewrites a file (:func:`write`, :func:`unify`, :func:`remove_fields`):
+
+- refuses, before anything is written, an output that is a directory, a
+  FIFO or other special file, a read-only file (owner-write bit clear,
+  whoever runs), or the same file as one of the inputs (compared by device
+  and inode, so through symlinks and hard links too);
+- writes to a new temporary file beside the output, flushes it to disk and
+  renames it over the output only after everything succeeded and the written
+  file was checked as ``luafxs validate`` checks it. On any failure (a full
+  disk, bad data, KeyboardInterrupt during the call) the file at the output's
+  name is left exactly as it was (or absent) and no temporary stays behind;
+- writes through a symlink to the file it names, keeping the link. Renaming
+  gives the output's name a new file: other hard links to the old one keep
+  the old contents.
+
+Appending results (:meth:`Subset.flush`) writes into the open file itself, as
+the library does; it refuses a read-only file and checks the lengths first.
 
 Beside this surface, the library's own classes are available under their C++
 names (LuAfxsCreateLink, LuAfxsCreateData, LuAfxsUserLink, LuAfxsUserDataSet,
 LuAfxsUserData, LuAfxsHeader, LuAfxsPlane) for code that follows the C++ API
 step by step; their vectors cross as copies, and false results raise Error.
+They write in place as in C++ (no temporary file), but LuAfxsCreateLink
+refuses a directory, special or read-only path, the two flush methods refuse
+data whose lengths disagree, and LuAfxsUserDataSet.remove refuses a read-only
+file and a removal that would leave a damaged file (DataError).
+
+Field-group names (wherever a mask is taken) are those of the luafxs tool:
+points, segments, normals, aux, results, distances, all; "res_points" is
+accepted for "results", and planes and :meth:`Subset.set_results` take
+``results`` for ``res_points``.
 
 Loaded arrays of closed files are kept for later loads up to a limit
 (:func:`array_cache_limit`, 256 MiB unless :func:`set_array_cache_limit`
@@ -41,6 +75,9 @@ for its whole duration, so calls from several Python threads run one at a time.
 """
 
 import atexit as _atexit
+import builtins as _builtins
+import errno as _errno
+import operator as _operator
 import os as _os
 
 import numpy as _np
@@ -63,12 +100,19 @@ from ._luanaf import (
 
 __all__ = [
     "Error",
+    "FileNotFoundError",
+    "IsADirectoryError",
+    "PermissionError",
+    "NotARegularFileError",
+    "SameFileError",
+    "DataError",
     "File",
     "Subset",
     "open",
     "write",
     "remove_fields",
     "unify",
+    "UnifySummary",
     "MASK_POINTS",
     "MASK_SEGMENTS",
     "MASK_NORMALS",
@@ -102,29 +146,42 @@ MASK_ALL = _luanaf.MASK_ALL
 #: Output id that makes :func:`unify` keep each plane's own subset id.
 KEEP_SUBSET_IDS = _luanaf.KEEP_SUBSET_IDS
 
-#: Field-group names accepted wherever a mask is, with their mask bits.
+#: Field-group names accepted wherever a mask is, with their mask bits: the
+#: names of the luafxs tool ("results" for result points, "all"), and
+#: "res_points" as this package names the field.
 FIELD_MASKS = {
     "points": MASK_POINTS,
     "segments": MASK_SEGMENTS,
     "normals": MASK_NORMALS,
     "aux": MASK_AUX,
+    "results": MASK_RESPOINTS,
     "res_points": MASK_RESPOINTS,
     "distances": MASK_DISTANCES,
+    "all": MASK_ALL,
 }
+
+_U32_MAX = 0xFFFFFFFF
 
 
 class Error(OSError):
-    """A failure reported by the luAnaf library.
+    """A failure reported by the luAnaf library or refused by this package.
 
     Attributes:
         code: the library's error code (``0xC41B00nn``) of the last report
             of the failed operation, or None when the library reported none
-            (a false result without a report, such as a file without records).
+            (a refusal of this package, or a false result without a report,
+            such as a file without records).
         path: the file concerned.
         reports: every error report of the operation, each a dict with
             ``code``, ``line``, ``source``, ``path``, ``build_date`` and
             ``system_text``.
-        errno: set for a missing file (ENOENT) or a read-only one (EACCES).
+        errno: the errno value that names the cause, when there is one
+            (ENOENT missing, EISDIR directory, EACCES read-only, EINVAL
+            special file, EEXIST an input named as output, ENOSPC, ...).
+
+    The subclasses below are raised where they fit; each is also the
+    built-in exception of the same cause, so ``except FileNotFoundError``
+    and ``except luanaf.Error`` both catch a missing file.
     """
 
     def __init__(self, message, code=None, path=None, reports=(), errno=None):
@@ -140,15 +197,62 @@ class Error(OSError):
     def __reduce__(self):
         return (
             _rebuild_error,
-            (self.message, self.code, self.path, self.reports, self.errno),
+            (type(self), self.message, self.code, self.path, self.reports, self.errno),
         )
 
 
-def _rebuild_error(message, code, path, reports, errno):
-    return Error(message, code=code, path=path, reports=reports, errno=errno)
+class FileNotFoundError(Error, _builtins.FileNotFoundError):
+    """The file, or the folder an output should go to, does not exist."""
 
 
-_luanaf._set_error_class(Error)
+class IsADirectoryError(Error, _builtins.IsADirectoryError):
+    """A directory was named where a file is read or written."""
+
+
+class PermissionError(Error, _builtins.PermissionError):
+    """The file is read-only (owner-write bit clear) or access was denied."""
+
+
+class NotARegularFileError(Error):
+    """A FIFO, device or socket was named where a file is read or written."""
+
+
+class SameFileError(Error, ValueError):
+    """An output is one of the inputs (the same file, also through a link)."""
+
+
+class DataError(Error, ValueError):
+    """The data would make a file that ``luafxs validate`` calls damaged:
+    lengths that disagree, segments that do not tile the points, a removal
+    that leaves segments without points, no planes at all."""
+
+
+_ERRNO_CLASSES = {
+    _errno.ENOENT: FileNotFoundError,
+    _errno.ENOTDIR: FileNotFoundError,
+    _errno.EISDIR: IsADirectoryError,
+    _errno.EACCES: PermissionError,
+    _errno.EPERM: PermissionError,
+    _errno.EROFS: PermissionError,
+}
+_KIND_CLASSES = {
+    "data": DataError,
+    "same_file": SameFileError,
+    "not_regular": NotARegularFileError,
+}
+
+
+def _make_error(message, code=None, path=None, reports=(), errno=None, kind=""):
+    """The exception of a failure: its class from the kind, else the errno."""
+    cls = _KIND_CLASSES.get(kind) or _ERRNO_CLASSES.get(errno, Error)
+    return cls(message, code=code, path=path, reports=reports, errno=errno)
+
+
+def _rebuild_error(cls, message, code, path, reports, errno):
+    return cls(message, code=code, path=path, reports=reports, errno=errno)
+
+
+_luanaf._set_error_class(_make_error)
 # The library's sinks call into Python; hand them back before the
 # interpreter shuts down.
 _atexit.register(_luanaf._shutdown)
@@ -156,6 +260,27 @@ _atexit.register(_luanaf._shutdown)
 
 def _path(path):
     return _os.fsdecode(_os.fspath(path))
+
+
+def _paths(paths, what):
+    """A list of paths; a single path (a string) is a TypeError, not a list
+    of one-letter paths."""
+    if isinstance(paths, (str, bytes, _os.PathLike)):
+        raise TypeError("%s: expected a list of paths, got a single path %r" % (what, paths))
+    return [_path(p) for p in paths]
+
+
+def _u32(value, what):
+    """An id or number that the file stores as u32: 0 to 4294967295."""
+    if isinstance(value, bool):
+        raise TypeError("%s: expected an integer, got %r" % (what, value))
+    try:
+        value = _operator.index(value)
+    except TypeError:
+        raise TypeError("%s: expected an integer, got %r" % (what, value)) from None
+    if not 0 <= value <= _U32_MAX:
+        raise ValueError("%s: %d is out of range (0 to %d)" % (what, value, _U32_MAX))
+    return value
 
 
 def _mask(mask_or_names):
@@ -221,19 +346,35 @@ class Subset:
     res_points = property(
         lambda self: self._f.field(self._i, "res_points"), doc="(n, 3) float64 copy."
     )
+    results = property(
+        lambda self: self._f.field(self._i, "res_points"),
+        doc="The result points under the luafxs tool's name; same as res_points.",
+    )
     distances = property(lambda self: self._f.field(self._i, "distances"), doc="(n,) float64 copy.")
 
-    def set_results(self, res_points=None, distances=None):
-        """Attaches result points ((n, 3) float64) and/or distances ((n,)
-        float64) in memory; :meth:`flush` writes them. They are meant to be
-        index-parallel to ``points``; the library does not check that."""
+    def set_results(self, res_points=None, distances=None, *, results=None):
+        """Attaches result points ((n, 3) float64; ``results`` is the same
+        argument under the tool's name) and/or distances ((n,) float64) in
+        memory; :meth:`flush` writes them.
+
+        Checked before anything is attached (ValueError, a :class:`DataError`
+        for lengths, naming the plane, subset and field): the shapes; when the
+        record holds points, one result point and one distance per point;
+        without points, as many distances as result points (also against
+        results attached by an earlier call). Neither may be empty."""
+        if results is not None:
+            if res_points is not None:
+                raise TypeError("set_results: give res_points or results, not both")
+            res_points = results
         self._f.set_results(self._i, res_points, distances)
 
     def flush(self):
         """Appends the attached results to the file as a results record.
 
         Raises Error when the record already has results, nothing is
-        attached, or the write failed (e.g. a read-only file)."""
+        attached, or the write failed; :class:`PermissionError` for a
+        read-only file. This updates the open file in place (as the library
+        does), unlike the functions that create files."""
         self._f.flush(self._i)
 
     def as_dict(self):
@@ -306,8 +447,9 @@ class File:
         return [Subset(self._f, i) for i in range(len(self._f))]
 
     def find(self, plane_id, subset_id):
-        """The first subset with these ids, or None."""
-        i = self._f.find(plane_id, subset_id)
+        """The first subset with these ids, or None. Ids are u32: a negative
+        one raises ValueError."""
+        i = self._f.find(_u32(plane_id, "plane_id"), _u32(subset_id, "subset_id"))
         return None if i < 0 else Subset(self._f, i)
 
     def close(self):
@@ -368,9 +510,14 @@ _PLANE_KEYS = {"plane_id", "subset_id"} | set(_PLANE_ARRAYS)
 
 def _plane_dict(plane, index):
     if isinstance(plane, dict):
-        unknown = set(plane) - _PLANE_KEYS
+        unknown = set(plane) - _PLANE_KEYS - {"results"}
         if unknown:
             raise ValueError("plane %d: unknown keys %s" % (index, ", ".join(sorted(unknown))))
+        if "results" in plane:
+            if plane.get("res_points") is not None:
+                raise ValueError("plane %d: give res_points or results, not both" % index)
+            plane = dict(plane, res_points=plane["results"])
+            del plane["results"]
         get = plane.get
     else:
         def get(key, default=None):
@@ -380,7 +527,7 @@ def _plane_dict(plane, index):
         value = get(key)
         if value is None:
             raise ValueError("plane %d: %s is required" % (index, key))
-        out[key] = int(value)
+        out[key] = _u32(value, "plane %d: %s" % (index, key))
     for key, (dtype, ndim) in _PLANE_ARRAYS.items():
         value = get(key)
         if value is None:
@@ -407,25 +554,99 @@ def _plane_dict(plane, index):
             raise ValueError(
                 "plane %d: aux_ctrl_offsets must be the running sum of aux_ctrl_counts" % index
             )
+    _check_lengths(out, index)
     return out
 
 
+def _data_error(message):
+    return DataError(message, errno=_errno.EINVAL)
+
+
+def _check_lengths(plane, index):
+    """Every length and total that the file format relates, as ``luafxs
+    validate`` checks them. An empty array is not written and counts as
+    absent."""
+    where = "plane %d (plane_id %d, subset_id %d)" % (index, plane["plane_id"], plane["subset_id"])
+    n = {k: len(v) for k, v in plane.items() if k in _PLANE_ARRAYS and len(v)}
+    points = n.get("points")
+    if points is not None:
+        for key in ("normals", "res_points", "distances"):
+            if key in n and n[key] != points:
+                raise _data_error(
+                    "%s: %s has %d entries but there are %d points" % (where, key, n[key], points)
+                )
+    elif "res_points" in n and "distances" in n and n["res_points"] != n["distances"]:
+        raise _data_error(
+            "%s: %d distances but %d res_points (one distance per result point)"
+            % (where, n["distances"], n["res_points"])
+        )
+    if "segments" in n:
+        segments = plane["segments"].astype(_np.int64)
+        have = points or 0
+        steps = _np.diff(_np.concatenate(([0], segments)))
+        if (steps < 0).any() or segments[-1] > have:
+            bad = int(_np.argmax((steps < 0) | (segments > have)))
+            raise _data_error(
+                "%s: segments entry %d is %d; segments are running point counts that never "
+                "decrease and end at the number of points (%d)"
+                % (where, bad, int(segments[bad]), have)
+            )
+        if segments[-1] != have:
+            raise _data_error(
+                "%s: segments end at %d but there are %d points; the segments must cover "
+                "exactly the points" % (where, int(segments[-1]), have)
+            )
+    if "aux_ctrl_counts" in n:
+        total = int(plane["aux_ctrl_counts"].sum(dtype=_np.uint64))
+        if total != n.get("aux_ctrl_pos", 0):
+            raise _data_error(
+                "%s: aux_ctrl_counts add up to %d but aux_ctrl_pos holds %d positions"
+                % (where, total, n.get("aux_ctrl_pos", 0))
+            )
+
+
 def write(path, header, planes, cameras=None):
-    """Writes a new file (replacing a writable existing one).
+    """Writes a new file, or replaces a writable existing one whole.
 
     ``header``: a dict with any of version, point, normal, num_planes,
     dist_bw_planes (missing ones are 0). ``planes``: an iterable of dicts or
     objects (e.g. :class:`Subset`) with plane_id, subset_id and any of the
-    arrays; empty or missing arrays are not written, aux_ctrl_offsets are
-    derived from aux_ctrl_counts (given ones must agree). ``cameras``: (c, 3).
-    Everything is checked before the file is created; on a failure the
-    partial file is removed and Error (or ValueError/TypeError for bad
-    arguments) is raised. The arrays are copied into the library's buffers.
+    arrays (``results`` is accepted for ``res_points``); empty or missing
+    arrays are not written, aux_ctrl_offsets are derived from
+    aux_ctrl_counts. ``cameras``: (c, 3).
+
+    Checked before anything is written:
+
+    - types and shapes (TypeError, ValueError), unknown keys (ValueError);
+    - plane_id and subset_id are integers from 0 to 4294967295 (ValueError);
+    - at least one plane, and every plane holds some data (ValueError: a file
+      without records cannot be read);
+    - per plane, as :class:`DataError` (a ValueError) naming the plane, its
+      ids and the field: normals, res_points and distances have one entry per
+      point (without points: one distance per result point); segments are
+      running point counts that never decrease and end exactly at the number
+      of points; aux_ctrl_counts add up to the number of aux_ctrl_pos; given
+      aux_ctrl_offsets are the running sum of aux_ctrl_counts;
+    - the output: not a directory (:class:`IsADirectoryError`), not a FIFO or
+      other special file (:class:`NotARegularFileError`), not read-only
+      (:class:`PermissionError`); a missing folder raises
+      :class:`FileNotFoundError`.
+
+    The file is written to a temporary file beside ``path``, checked as
+    ``luafxs validate`` checks it, flushed to disk and renamed over ``path``;
+    on any failure (:class:`Error`, e.g. a full disk, or KeyboardInterrupt)
+    ``path`` is left as it was and no temporary stays. A symlink at ``path``
+    keeps pointing at the rewritten file. The arrays are copied into the
+    library's buffers.
     """
     unknown = set(header) - _HEADER_KEYS
     if unknown:
         raise ValueError("header: unknown keys %s" % ", ".join(sorted(unknown)))
+    if isinstance(planes, (dict, str, bytes)):
+        raise TypeError("write: planes must be a list of planes (dicts or objects)")
     planes = [_plane_dict(p, i) for i, p in enumerate(planes)]
+    if not planes:
+        raise ValueError("write: no planes; a file without records cannot be read")
     if cameras is not None:
         cameras = _np.ascontiguousarray(cameras, dtype=_np.float64)
         if cameras.size == 0:
@@ -436,21 +657,54 @@ def write(path, header, planes, cameras=None):
 def remove_fields(path, mask_or_names):
     """Removes field groups from every record by rewriting the file.
 
-    ``mask_or_names``: a mask or field-group names ("points", "segments",
-    "normals", "aux", "res_points", "distances"). As in the library, result
-    points and distances always go too when anything is removed. Returns True
-    when the file was rewritten, False when no record held any of the groups
-    (the file is then untouched). A file that cannot be verified or is
-    read-only raises Error and is left as it is.
+    ``mask_or_names``: a mask or field-group names (the tool's: "points",
+    "segments", "normals", "aux", "results", "distances", "all"; "res_points"
+    too). As in the library, result points and distances always go too when
+    anything is removed. Returns True when the file was rewritten, False
+    when no record held any of the groups (the file is then untouched).
+
+    Refused before anything is written, the file left as it is:
+
+    - a missing file (:class:`FileNotFoundError`), a directory
+      (:class:`IsADirectoryError`), a FIFO or other special file
+      (:class:`NotARegularFileError`), a read-only file
+      (:class:`PermissionError`), a file that cannot be read (:class:`Error`);
+    - a removal that would leave a damaged file (:class:`DataError`, naming
+      the plane and subset and the groups that may be removed): points
+      without the segments that count them, or a record left without any
+      field group (it would vanish; "all" would leave no record at all).
+
+    The new file is written to a temporary file beside the old one, checked
+    as ``luafxs validate`` checks it, flushed to disk and renamed over it; on
+    any failure (a full disk, KeyboardInterrupt) the old file stays as it
+    was and no temporary stays. Through a symlink the target is rewritten and
+    the link kept. The header's version is kept.
     """
     return _luanaf.remove_fields(_path(path), _mask(mask_or_names))
+
+
+class UnifySummary(dict):
+    """What :func:`unify` did, as a dict with attribute access:
+    ``planes_written`` (plane subsets in the output), ``planes_blended``,
+    ``positions_skipped`` (positions the library could not unify and left
+    out), ``failures`` (the library's failure messages of positions it left
+    out) and ``warnings`` (its other non-progress messages)."""
+
+    __slots__ = ()
+
+    def __getattr__(self, name):
+        try:
+            return self[name]
+        except KeyError:
+            raise AttributeError(name) from None
 
 
 def unify(inputs, output, output_ids=None, blend=False, xs_id=0):
     """Unifies the data sets of one cross-section into one output file.
 
-    ``inputs``: paths of the data-set files (each verified first; nothing is
-    deleted). ``output``: the file to write (header and cameras are taken
+    ``inputs``: a list of paths of the data-set files (a single string is a
+    TypeError; each file is verified first and nothing is deleted).
+    ``output``: the file to write (header, version and cameras are taken
     from the first input). ``output_ids``: one subset id per input under
     which its planes are written, or KEEP_SUBSET_IDS (0xFFFFFFFF) to keep
     each plane's own. By default, when every input holds exactly one subset,
@@ -458,20 +712,27 @@ def unify(inputs, output, output_ids=None, blend=False, xs_id=0):
     otherwise every input keeps its subset ids. ``blend``: blend the
     overlapping contours of the first two subsets of each plane. ``xs_id``:
     the cross-section id in the library's registry, cleared again afterwards.
+    Ids are u32 (ValueError outside 0 to 4294967295).
 
-    Sets the library's process-wide blending switch and current
-    cross-section id. Raises Error when the output could not be written.
-    Positions that could not be blended are logged at ERROR and left out, as
-    the library does.
+    Returns a :class:`UnifySummary` (planes_written, planes_blended,
+    positions_skipped, failures, warnings), as ``luafxs unify`` prints it.
+
+    The output is refused before anything runs when it is one of the inputs
+    (:class:`SameFileError`, a ValueError; also through symlinks and hard
+    links), a directory, a special file or read-only (as for :func:`write`).
+    It is written to a temporary file beside it, checked as ``luafxs
+    validate`` checks it and renamed into place only after success; a
+    failure raises :class:`Error` and leaves the output's old file (or no
+    file) and no temporary. Sets the library's process-wide blending switch
+    and current cross-section id. Positions that could not be blended are
+    logged at ERROR, counted in the summary and left out, as the library
+    does.
     """
-    inputs = [_path(p) for p in inputs]
+    inputs = _paths(inputs, "unify: inputs")
     output = _path(output)
-    out_abs = _os.path.abspath(output)
-    for p in inputs:
-        if _os.path.abspath(p) == out_abs or (
-            _os.path.exists(output) and _os.path.exists(p) and _os.path.samefile(p, output)
-        ):
-            raise ValueError("unify: the output must not be one of the inputs: %r" % output)
     if output_ids is not None:
-        output_ids = [int(i) for i in output_ids]
-    _luanaf.unify(inputs, output, output_ids, bool(blend), int(xs_id))
+        if isinstance(output_ids, (str, bytes)):
+            raise TypeError("unify: output_ids must be a list of ids")
+        output_ids = [_u32(i, "unify: output id") for i in output_ids]
+    summary = _luanaf.unify(inputs, output, output_ids, bool(blend), _u32(xs_id, "unify: xs_id"))
+    return UnifySummary(summary)

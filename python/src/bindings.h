@@ -8,9 +8,12 @@
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include <luAnaf/luAfxsOutput.h>
 #include <luAnaf/luAnaf.h>
 
 namespace luanafpy {
@@ -20,9 +23,16 @@ namespace py = pybind11;
 // Reports and level-5 log records arriving while one binding call runs. The
 // innermost capture gets them; outside any call, reports go to the log.
 // Every binding call holds the GIL, which serialises use of the library.
+//
+// A KeyboardInterrupt (or another exception that is no Exception) raised by
+// Python code that a sink called (a logging handler, a signal handler run
+// there) is kept in `pending`, not swallowed; checkInterrupt raises it when
+// the call can stop without harm.
 struct Capture {
   std::vector<LuErrorReport> reports;
-  std::vector<LuLogRecord> failures;
+  std::vector<LuLogRecord> failures;  // level 5 records
+  std::vector<LuLogRecord> records;   // every log record
+  std::optional<py::error_already_set> pending;
   Capture* outer;
 
   Capture();
@@ -35,19 +45,78 @@ struct Capture {
 // shutdownSinks restores the previous ones before the interpreter goes.
 void installSinks();
 void shutdownSinks();
-// luanaf.Error, registered by the package's __init__.
-void setErrorClass(py::object cls);
+// The package's error factory (luanaf._make_error), registered by its __init__.
+void setErrorClass(py::object factory);
 
 std::string narrow(const std::wstring& w);
 
-// Raises luanaf.Error with the reports (code = the last report's code), or
-// OSError before the package registered its class. errnum 0 means none.
+// Raises the package's error with the reports (code = the last report's
+// code), or OSError before the package registered its factory. errnum 0
+// means none. `kind` picks a class beside the errno: "data" (luanaf.DataError),
+// "same_file" (luanaf.SameFileError), "not_regular" (luanaf.NotARegularFileError).
 [[noreturn]] void raiseError(const std::string& what, const std::wstring& path,
-                             const std::vector<LuErrorReport>& reports, int errnum = 0);
+                             const std::vector<LuErrorReport>& reports, int errnum = 0,
+                             const char* kind = "");
 
-// Raises luanaf.Error unless the file can be loaded by a data set; never
-// deletes the file. Leaves the link verified (and its file open).
-void verifyOrRaise(LuAfxsUserLink& link, const std::wstring& path);
+// Raises what a sink kept in cap.pending, or a pending signal's exception
+// (KeyboardInterrupt for Ctrl-C); returns when there is none.
+void checkInterrupt(Capture& cap);
+
+// Raises unless path is an existing regular file that a data set can load;
+// never deletes the file, never opens a FIFO. Leaves the link verified (and
+// its file open). Returns the read-only inspection of the file.
+LuAfxsInspection verifyOrRaise(LuAfxsUserLink& link, const std::wstring& path);
+
+// ---- What would make a damaged file ----
+// The groups a rewrite copies: result points and distances never survive it.
+constexpr uint32_t kCopiedMask =
+    LU_AFXS_MASK_POINTS | LU_AFXS_MASK_SEGMENTS | LU_AFXS_MASK_NORMALS | LU_AFXS_MASK_AUX;
+// "points, segments, ..." in the luafxs tool's names, "none" for 0.
+std::string groupNames(uint32_t mask);
+// Why writing the groups `mask` of p would give a file that validate calls
+// damaged ("plane P subset S: ..."), or "" when it would not: an empty group,
+// normals, result points or distances other than one per point (without
+// points: distances other than one per result point), segments that do not
+// tile the points, aux counts that do not add up to the positions.
+std::string planeLengthProblem(const LuAfxsPlane& p, uint32_t mask);
+// Why removing `mask` from the loaded records of set (segments loaded) would
+// leave a damaged file, or "": a record left without any copied group
+// vanishes, segments left without their points count points that are gone.
+std::string removalDamage(const LuAfxsUserDataSet& set, uint32_t mask);
+// The groups of `present` that may be removed one at a time.
+std::string removableGroups(const LuAfxsUserDataSet& set, uint32_t present);
+
+// ---- Outputs ----
+// One file a binding creates or rewrites: checked before anything is written
+// (raises for a directory, a special file, a read-only file, one of
+// `inputs`), written to tempPath() beside it, and put in place by commit()
+// only after the written file checked clean. Destroyed without a commit,
+// it removes the temporary and leaves the old file as it was.
+// libraryReportsMissingFolder: a missing folder is not raised here but left
+// to the library's create, whose error code the caller then reports.
+class OutputTarget {
+public:
+  OutputTarget(const std::wstring& requested, const std::vector<std::wstring>& inputs,
+               bool libraryReportsMissingFolder = false);
+  ~OutputTarget();
+  OutputTarget(const OutputTarget&) = delete;
+  OutputTarget& operator=(const OutputTarget&) = delete;
+  const std::wstring& requested() const { return m_requested; }
+  const std::wstring& finalPath() const { return m_final; }
+  const std::wstring& tempPath() const;
+  // Inspects the temporary file as validate does (raises DataError on any
+  // problem), raises a pending interrupt, then renames it into place.
+  // Returns the inspection of the written file.
+  LuAfxsInspection commit(Capture& cap);
+
+private:
+  std::wstring m_requested;
+  std::wstring m_final;
+  std::unique_ptr<LuAfxsOutputFile> m_file;
+};
+
+// Raises the error that fits an output problem (IsADirectoryError, ...).
+[[noreturn]] void raiseOutputProblem(const std::wstring& path, const LuAfxsOutputProblem& problem);
 
 // ---- Arrays ----
 using Vec3Array = py::array_t<double, py::array::c_style | py::array::forcecast>;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -103,24 +104,28 @@ public:
   }
   LuAfxsUserData& record(py::ssize_t index) const { return *m_records[position(index)]; }
 
-  py::array field(py::object self, py::ssize_t index, const std::string& name) {
-    const FieldInfo& info = fieldInfo(name);
+  // Loads a field group unless it is in memory for good.
+  void ensureField(py::ssize_t index, uint32_t mask, const std::string& name) {
     LuAfxsUserData& d = record(index);
     uint32_t& pinned = m_pinned[position(index)];
-    const bool view = (info.mask & kViewMask) != 0;
-    const bool present = view ? (pinned & info.mask) != 0 : (d.state() & info.mask) != 0;
-    if (!present) {
-      requireOpen();
-      Capture cap;
-      if (!d.load(info.mask)) {
-        raiseError("cannot load field '" + name + "' of plane " +
-                       std::to_string(d.getPlaneData().planeId) + " subset " +
-                       std::to_string(d.getPlaneData().subsetId),
-                   m_path, cap.reports);
-      }
-      if (view) pinned |= info.mask;
+    const bool view = (mask & kViewMask) != 0;
+    const bool present = view ? (pinned & mask) != 0 : (d.state() & mask) != 0;
+    if (present) return;
+    requireOpen();
+    Capture cap;
+    if (!d.load(mask)) {
+      raiseError("cannot load field '" + name + "' of plane " +
+                     std::to_string(d.getPlaneData().planeId) + " subset " +
+                     std::to_string(d.getPlaneData().subsetId),
+                 m_path, cap.reports);
     }
-    const LuAfxsPlane& p = d.getPlaneData();
+    if (view) pinned |= mask;
+  }
+
+  py::array field(py::object self, py::ssize_t index, const std::string& name) {
+    const FieldInfo& info = fieldInfo(name);
+    ensureField(index, info.mask, name);
+    const LuAfxsPlane& p = record(index).getPlaneData();
     switch (info.field) {
       case Field::Points:
         return viewVec3(p.points, self);
@@ -158,6 +163,8 @@ public:
       dist = asFlat<double>(distances, "distances");
       if (dist->shape(0) == 0) throw py::value_error("distances: empty");
     }
+    checkResultLengths(index, res ? static_cast<size_t>(res->shape(0)) : 0,
+                       dist ? static_cast<size_t>(dist->shape(0)) : 0);
     if (res) d.setResPoints(rows(*res), static_cast<size_t>(res->shape(0)));
     if (dist) d.setDistances(dist->data(), static_cast<size_t>(dist->shape(0)));
   }
@@ -202,6 +209,37 @@ private:
     if (m_closed) throw py::value_error("I/O operation on closed file");
   }
 
+  // Result points and distances as the file relates them: one per point of
+  // the record; without points, as many distances as result points. 0 means
+  // "not given here"; results attached earlier take part.
+  void checkResultLengths(py::ssize_t index, size_t res, size_t dist) {
+    LuAfxsUserData& d = record(index);
+    const LuAfxsPlane& p = d.getPlaneData();
+    const std::string where =
+        "plane " + std::to_string(p.planeId) + " subset " + std::to_string(p.subsetId) + ": ";
+    if (d.fileState() == 0) ensureField(index, 0, "directory");  // reads the field directory
+    if (d.fileState() & LU_AFXS_MASK_POINTS) {
+      ensureField(index, LU_AFXS_MASK_POINTS, "points");
+      const size_t n = p.points.size();
+      for (auto [count, name] : {std::pair{res, "res_points"}, std::pair{dist, "distances"}}) {
+        if (count != 0 && count != n) {
+          raiseError(where + name + " has " + std::to_string(count) +
+                         " entries but the record has " + std::to_string(n) + " points",
+                     m_path, {}, EINVAL, "data");
+        }
+      }
+      return;
+    }
+    const size_t r = res != 0 ? res : (d.state() & LU_AFXS_MASK_RESPOINTS ? p.resPoints.size() : 0);
+    const size_t k =
+        dist != 0 ? dist : (d.state() & LU_AFXS_MASK_DISTANCES ? p.distances.size() : 0);
+    if (r != 0 && k != 0 && r != k) {
+      raiseError(where + std::to_string(k) + " distances but " + std::to_string(r) +
+                     " res_points (one distance per result point)",
+                 m_path, {}, EINVAL, "data");
+    }
+  }
+
   std::wstring m_path;
   std::unique_ptr<LuAfxsUserLink> m_link;
   std::unique_ptr<LuAfxsUserDataSet> m_set;
@@ -212,6 +250,15 @@ private:
 };
 
 // ---- write ------------------------------------------------------------------
+
+// The errno of a failed create: ENOENT when the output's folder is missing.
+int errnoOf(const std::wstring& path) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  const fs::path parent = fs::path(path).parent_path();
+  if (!parent.empty() && !fs::is_directory(parent, ec)) return ENOENT;
+  return 0;
+}
 
 struct PlaneInput {
   uint32_t planeId = 0;
@@ -257,76 +304,143 @@ PlaneInput planeFromDict(const py::dict& d, size_t index) {
 
 void writeFile(const std::wstring& path, const py::dict& header, const py::list& planes,
                py::object cameras) {
-  // Everything is checked before the file is created.
+  // The arrays' shapes and lengths are checked by the package before this call.
   LuAfxsHeader h = headerFromDict(header);
   LuAfxsCamerasTable table = camerasFromObject(cameras);
   std::vector<PlaneInput> inputs;
   for (size_t i = 0; i < planes.size(); ++i) {
     inputs.push_back(planeFromDict(planes[i].cast<py::dict>(), i));
   }
+  if (inputs.empty())
+    throw py::value_error("write: no planes; a file without records cannot be read");
 
+  OutputTarget out(path, {}, true);
   Capture cap;
-  LuAfxsCreateLink link(path.c_str());
-  link.setHeader(h);
-  link.setCameras(table);
-  if (!link.create(true)) raiseError("cannot create the file", path, cap.reports);
-  for (size_t i = 0; i < inputs.size(); ++i) {
-    const PlaneInput& p = inputs[i];
-    LuAfxsCreateData data(link, p.planeId, p.subsetId);
-    auto count = [](const auto& a) { return static_cast<size_t>(a->shape(0)); };
-    if (p.points) data.setPoints(rows(*p.points), count(p.points));
-    if (p.normals) data.setNormals(rows(*p.normals), count(p.normals));
-    if (p.segments) data.setSegments(p.segments->data(), count(p.segments));
-    if (p.auxPos && p.auxCounts) {
-      data.setAuxCtrlPos(p.auxPos->data(), count(p.auxPos), p.auxCounts->data(),
-                         count(p.auxCounts));
+  {
+    LuAfxsCreateLink link(out.tempPath().c_str());
+    link.setHeader(h);
+    link.setCameras(table);
+    if (!link.create(true)) raiseError("cannot create the file", path, cap.reports, errnoOf(path));
+    for (size_t i = 0; i < inputs.size(); ++i) {
+      checkInterrupt(cap);
+      const PlaneInput& p = inputs[i];
+      LuAfxsCreateData data(link, p.planeId, p.subsetId);
+      auto count = [](const auto& a) { return static_cast<size_t>(a->shape(0)); };
+      if (p.points) data.setPoints(rows(*p.points), count(p.points));
+      if (p.normals) data.setNormals(rows(*p.normals), count(p.normals));
+      if (p.segments) data.setSegments(p.segments->data(), count(p.segments));
+      if (p.auxPos && p.auxCounts) {
+        data.setAuxCtrlPos(p.auxPos->data(), count(p.auxPos), p.auxCounts->data(),
+                           count(p.auxCounts));
+      }
+      if (p.resPoints) data.setResPoints(rows(*p.resPoints), count(p.resPoints));
+      if (p.distances) data.setDistances(p.distances->data(), count(p.distances));
+      if (data.state() == 0) {
+        // Nothing to write: the temporary file goes with the link and the target.
+        throw py::value_error("plane " + std::to_string(i) +
+                              ": no data to write (every array empty)");
+      }
+      if (!data.flush()) {
+        raiseError("cannot write plane " + std::to_string(p.planeId) + " subset " +
+                       std::to_string(p.subsetId),
+                   path, cap.reports);
+      }
     }
-    if (p.resPoints) data.setResPoints(rows(*p.resPoints), count(p.resPoints));
-    if (p.distances) data.setDistances(p.distances->data(), count(p.distances));
-    if (data.state() == 0) {
-      // Nothing to write: the link deletes the partial file when it goes.
-      throw py::value_error("plane " + std::to_string(i) +
-                            ": no data to write (every array empty)");
-    }
-    if (!data.flush()) {
-      raiseError("cannot write plane " + std::to_string(p.planeId) + " subset " +
-                     std::to_string(p.subsetId),
-                 path, cap.reports);
+    link.release();
+    link.closeFile(true);
+    if (!link.isOK() || !cap.reports.empty()) {
+      raiseError("cannot finish the file", path, cap.reports);
     }
   }
-  link.release();
-  link.closeFile(true);
-  if (!link.isOK() || !cap.reports.empty()) raiseError("cannot finish the file", path, cap.reports);
+  out.commit(cap);
 }
 
 // ---- remove_fields ----------------------------------------------------------
+
+// Writes the records of `set` without the groups of `mask` into `out`'s
+// temporary file.
+void writeWithout(LuAfxsUserDataSet& set, LuAfxsUserLink& link, const LuAfxsHeader& header,
+                  uint32_t mask, OutputTarget& out, Capture& cap) {
+  LuAfxsCreateLink createLink(out.tempPath().c_str());
+  createLink.setHeader(header);
+  createLink.setCameras(link.getCameras());
+  if (!createLink.create(true)) {
+    raiseError("cannot create the rewritten file", out.requested(), cap.reports);
+  }
+  for (LuAfxsUserData* d : set) {
+    checkInterrupt(cap);
+    if (!d->copy(createLink, kCopiedMask & ~mask)) {
+      raiseError("cannot copy plane " + std::to_string(d->getPlaneData().planeId) + " subset " +
+                     std::to_string(d->getPlaneData().subsetId),
+                 out.requested(), cap.reports);
+    }
+  }
+  createLink.release();
+  createLink.closeFile(true);
+  if (!createLink.isOK() || !cap.reports.empty()) {
+    raiseError("cannot finish the rewritten file", out.requested(), cap.reports);
+  }
+}
 
 bool removeFields(const std::wstring& path, uint32_t mask) {
   if (mask == 0 || (mask & ~static_cast<uint32_t>(LU_AFXS_MASK_ALL)) != 0) {
     throw py::value_error("mask: expected a non-empty combination of the field bits 1 to 32");
   }
-  LuAfxsUserLink link(path.c_str());
-  verifyOrRaise(link, path);
-  if (!link.fileWritable()) raiseError("the file is read-only", path, {}, EACCES);
-  bool anyPresent = false;
-  {
-    LuAfxsUserDataSet set(link);
-    Capture cap;
-    if (!set.load(0)) raiseError("damaged plane-subset records", path, cap.reports);
-    for (const LuAfxsUserData* d : set) anyPresent |= (d->fileState() & mask) != 0;
-    if (!anyPresent) return false;
-    if (!set.remove(mask)) raiseError("cannot rewrite the file", path, cap.reports);
+  // Through a symlink, the file it names is rewritten and the link kept.
+  const std::wstring target = luAfxsResolveOutput(path);
+  LuAfxsUserLink link(target.c_str());
+  if (!LuFileExist(target.c_str())) raiseError("no such file", path, {}, ENOENT);
+  OutputTarget out(path, {});  // refuses a directory, a special file, a read-only file
+  LuAfxsInspection before = verifyOrRaise(link, target);
+  LuAfxsUserDataSet set(link);
+  Capture cap;
+  // Segments are loaded in any case: removalDamage reads them.
+  if (!set.load((kCopiedMask & ~mask) | LU_AFXS_MASK_SEGMENTS)) {
+    raiseError("damaged plane-subset records", path, cap.reports);
   }
-  const std::wstring tmp = path + L".tmp";
-  if (LuFileExist(tmp.c_str())) {
-    raiseError("the rewritten file could not replace the old one; it was left at " + narrow(tmp),
-               path, {});
+  uint32_t present = 0;
+  for (const LuAfxsUserData* d : set) present |= d->fileState();
+  if ((present & mask) == 0) return false;
+  const std::string damage = removalDamage(set, mask);
+  if (!damage.empty()) {
+    raiseError("removing " + groupNames(mask & present) + " would leave a damaged file: " + damage +
+                   "; groups that may be removed on their own: " + removableGroups(set, present) +
+                   "; nothing was written",
+               path, {}, EINVAL, "data");
   }
-  if (!LuFileExist(path.c_str())) raiseError("the rewritten file is missing", path, {}, ENOENT);
+  // The version is kept (the reader's link does not hold it).
+  writeWithout(set, link, before.header, mask, out, cap);
+  set.closefile();
+  out.commit(cap);
   return true;
 }
 
 // ---- unify ------------------------------------------------------------------
+
+// What a unification did, counted as the luafxs tool counts it from the
+// library's log records.
+py::dict unifySummary(const Capture& cap, const LuAfxsInspection& written) {
+  size_t blended = 0;
+  size_t skipped = 0;
+  py::list failures;
+  py::list warnings;
+  for (const LuLogRecord& r : cap.records) {
+    if (r.message.find(L"BlendXSections Succeeded") != std::wstring::npos) ++blended;
+    if (r.message.find(L"XSectionsUnify Failed") != std::wstring::npos) ++skipped;
+    if (r.level >= 5) {
+      failures.append(r.message);
+    } else if (r.level > 0) {
+      warnings.append(r.message);
+    }
+  }
+  py::dict summary;
+  summary["planes_written"] = written.loadedSubsets;
+  summary["planes_blended"] = blended;
+  summary["positions_skipped"] = skipped;
+  summary["failures"] = failures;
+  summary["warnings"] = warnings;
+  return summary;
+}
 
 // Owns the links and data sets of one unify call until the registry has
 // taken the data sets; then ClearXSBlendingInfo deletes them.
@@ -347,19 +461,23 @@ struct UnifyInputs {
   }
 };
 
-void unify(const std::vector<std::wstring>& inputs, const std::wstring& output,
-           std::optional<std::vector<uint32_t>> outputIds, bool blend, uint32_t xsId) {
+py::dict unify(const std::vector<std::wstring>& inputs, const std::wstring& output,
+               std::optional<std::vector<uint32_t>> outputIds, bool blend, uint32_t xsId) {
   if (inputs.empty()) throw py::value_error("unify: no inputs");
   if (outputIds && outputIds->size() != inputs.size()) {
     throw py::value_error("unify: output_ids must hold one id per input");
   }
+  // The output is checked against the inputs before any input is opened.
+  OutputTarget out(output, inputs);
   UnifyInputs in;
   in.xsId = xsId;
   size_t slotCount = 0;
+  LuAfxsHeader header;
   std::vector<std::vector<uint32_t>> subsetIds(inputs.size()), planeIds(inputs.size());
   for (size_t i = 0; i < inputs.size(); ++i) {
     in.links.push_back(std::make_unique<LuAfxsUserLink>(inputs[i].c_str()));
-    verifyOrRaise(*in.links.back(), inputs[i]);
+    const LuAfxsInspection inspection = verifyOrRaise(*in.links.back(), inputs[i]);
+    if (i == 0) header = inspection.header;  // with the version, which the link does not keep
     in.sets.push_back(new LuAfxsUserDataSet(*in.links.back()));
     Capture cap;
     if (!in.sets.back()->load(0)) {
@@ -420,31 +538,33 @@ void unify(const std::vector<std::wstring>& inputs, const std::wstring& output,
     }
   }
 
-  LuAfxsCreateLink createLink(output.c_str());
-  createLink.setHeader(in.links[0]->getHeader());
-  {
-    Capture cap;
-    createLink.setCameras(in.links[0]->getCameras());
-  }
-  LuAfxsUserDataSet::SetCurrentXSId(xsId);
-  LuAfxsUserDataSet::SupportXSectionBlending(blend);
   Capture cap;
-  in.registered = true;
-  in.sets[0]->UnifyMultipleDataSets(in.sets, ids, createLink, LU_AFXS_MASK_ALL);
-  bool fatal = !cap.reports.empty() || !createLink.isOK() || !LuFileExist(output.c_str());
-  std::string why;
-  for (const LuLogRecord& r : cap.failures) {
-    if (endsDriver(r)) {
-      fatal = true;
-      why += "; " + narrow(r.message);
+  {
+    LuAfxsCreateLink createLink(out.tempPath().c_str());
+    createLink.setHeader(header);
+    {
+      Capture camerasCap;
+      createLink.setCameras(in.links[0]->getCameras());
     }
+    LuAfxsUserDataSet::SetCurrentXSId(xsId);
+    LuAfxsUserDataSet::SupportXSectionBlending(blend);
+    in.registered = true;
+    in.sets[0]->UnifyMultipleDataSets(in.sets, ids, createLink, LU_AFXS_MASK_ALL);
+    checkInterrupt(cap);
+    bool fatal = !cap.reports.empty() || !createLink.isOK() || !LuFileExist(out.tempPath().c_str());
+    std::string why;
+    for (const LuLogRecord& r : cap.failures) {
+      if (endsDriver(r)) {
+        fatal = true;
+        why += "; " + narrow(r.message);
+      }
+    }
+    // No half-written output is left behind: the link and the target remove
+    // the temporary file.
+    if (fatal) raiseError("unification failed" + why, output, cap.reports);
   }
-  if (fatal) {
-    // No half-written output is left behind.
-    createLink.closeFile(true);
-    LuDeleteFile(output.c_str());
-    raiseError("unification failed" + why, output, cap.reports);
-  }
+  const LuAfxsInspection written = out.commit(cap);
+  return unifySummary(cap, written);
 }
 }  // namespace
 

@@ -11,8 +11,16 @@
 //   raises at the first failure without emptying the set (the library would
 //   delete the records, which Python may still hold).
 // - Vectors cross as numpy copies; records (header, plane) are copies.
+// - LuAfxsCreateLink refuses a path that is a directory, a special file or
+//   read-only; LuAfxsUserDataSet.remove refuses a read-only file and a
+//   removal that leaves a damaged file; LuAfxsCreateData.flush and
+//   LuAfxsUserData.flush refuse data whose lengths the format relates
+//   wrongly (luanaf.DataError). Otherwise
+//   these classes write in place as in C++ (luanaf.write, remove_fields and
+//   unify write beside the file and rename).
 
 #include <array>
+#include <cerrno>
 
 #include "bindings.h"
 
@@ -52,6 +60,37 @@ std::string planeWhat(const char* op, const LuAfxsPlane& p) {
 // The user link's path, for error messages.
 const std::wstring& linkPath(const LuAfxsUserDataSet& set) { return set.link()->fileName(); }
 
+// Raises DataError when the attached results are not one per point of the
+// record (or, without points, not as many distances as result points).
+void checkResultsAgainstPoints(LuAfxsUserData& d) {
+  Capture cap;
+  if (d.fileState() == 0 && !d.load(0)) return;  // the flush fails and says why
+  uint32_t mask = d.state() & (LU_AFXS_MASK_RESPOINTS | LU_AFXS_MASK_DISTANCES);
+  if (d.fileState() & LU_AFXS_MASK_POINTS) {
+    if (!d.load(LU_AFXS_MASK_POINTS)) return;
+    mask |= LU_AFXS_MASK_POINTS;
+  }
+  const std::string problem = planeLengthProblem(d.getPlaneData(), mask);
+  if (!problem.empty()) raiseError(problem + "; nothing was written", L"", {}, EINVAL, "data");
+}
+
+// Raises DataError when removing `mask` would leave a damaged file.
+void refuseDamagingRemoval(LuAfxsUserDataSet& s, uint32_t mask) {
+  Capture cap;
+  if (!s.load((kCopiedMask & ~mask) | LU_AFXS_MASK_SEGMENTS)) {
+    raiseError("damaged plane-subset records", linkPath(s), cap.reports);
+  }
+  uint32_t present = 0;
+  for (const LuAfxsUserData* d : s) present |= d->fileState();
+  if ((present & mask) == 0) return;
+  const std::string damage = removalDamage(s, mask);
+  if (!damage.empty()) {
+    raiseError("removing " + groupNames(mask & present) + " would leave a damaged file: " + damage +
+                   "; groups that may be removed on their own: " + removableGroups(s, present),
+               linkPath(s), {}, EINVAL, "data");
+  }
+}
+
 }  // namespace
 
 void bindLibraryClasses(py::module_& m) {
@@ -90,9 +129,17 @@ void bindLibraryClasses(py::module_& m) {
                                "Creates one file. The file survives the link only when release() "
                                "was called and no failure occurred.")
       .def(py::init([](const std::wstring& path) {
+             // The link deletes whatever is at its path when it goes without a
+             // release, and create() truncates it: a directory, a special file
+             // or a read-only file is refused before the link exists.
+             LuAfxsOutputProblem problem;
+             if (!luAfxsCheckOutput(path, {}, problem) && problem.errnum != ENOENT) {
+               raiseOutputProblem(path, problem);
+             }
              return std::make_unique<LuAfxsCreateLink>(path.c_str());
            }),
-           py::arg("path"))
+           py::arg("path"),
+           "Refuses (raises) a path that is a directory, a special file or read-only.")
       .def("setHeader", &LuAfxsCreateLink::setHeader)
       .def(
           "getHeader", [](const LuAfxsCreateLink& l) { return l.getHeader(); }, "A copy.")
@@ -174,11 +221,17 @@ void bindLibraryClasses(py::module_& m) {
       .def(
           "flush",
           [](LuAfxsCreateData& d, const LuAfxsCreateLink& link) {
+            const std::string problem = planeLengthProblem(d.plane(), d.state());
+            if (!problem.empty()) {
+              raiseError(problem + "; nothing was written", link.filePath(), {}, EINVAL, "data");
+            }
             Capture cap;
             if (!d.flush())
               raiseError(planeWhat("writing", d.plane()), link.filePath(), cap.reports);
           },
-          py::arg("link"), "Raises luanaf.Error on failure (also when nothing was set).")
+          py::arg("link"),
+          "Raises luanaf.Error on failure (also when nothing was set), luanaf.DataError for data "
+          "that would make a damaged file (lengths, segments, aux totals).")
       .def("Unify", [](LuAfxsCreateData& d, const LuAfxsPlane& p) { return d.Unify(&p); })
       .def("state", &LuAfxsCreateData::state)
       .def(
@@ -227,13 +280,14 @@ void bindLibraryClasses(py::module_& m) {
       .def(
           "flush",
           [](LuAfxsUserData& d) {
+            checkResultsAgainstPoints(d);
             Capture cap;
             if (!d.flush()) {
               raiseError(planeWhat("writing results", d.getPlaneData()), L"", cap.reports);
             }
           },
           "Raises luanaf.Error when the record has results already, nothing is attached, or a "
-          "write failed.")
+          "write failed; luanaf.DataError when the results are not one per point.")
       .def(
           "copy",
           [](LuAfxsUserData& d, LuAfxsCreateLink& link, uint32_t mask) {
@@ -273,6 +327,11 @@ void bindLibraryClasses(py::module_& m) {
           "remove",
           [](LuAfxsUserDataSet& s, uint32_t mask) {
             if (s.empty()) verifyOrRaise(*s.link(), linkPath(s));
+            // The rewrite would move its "<path>.tmp" over a read-only file.
+            if (!s.link()->fileWritable()) {
+              raiseError("the file is read-only", linkPath(s), {}, EACCES);
+            }
+            refuseDamagingRemoval(s, mask);
             Capture cap;
             if (!s.remove(mask)) raiseError("cannot rewrite the file", linkPath(s), cap.reports);
           },

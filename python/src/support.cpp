@@ -1,6 +1,7 @@
 // Error capture, sinks, arrays and headers shared by the parts of _luanaf.
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 
 #include <luAnaf/luAfxsFileCheck.h>
 
@@ -14,7 +15,7 @@ Capture* g_capture = nullptr;
 bool g_sinksActive = false;  // cleared by _shutdown before the interpreter goes
 LuErrorSink g_previousErrorSink;
 LuLogSink g_previousLogSink;
-PyObject* g_errorClass = nullptr;  // luanaf.Error, registered by the package
+PyObject* g_errorClass = nullptr;  // luanaf._make_error, registered by the package
 
 std::string hex32(uint32_t v) {
   char buf[16];
@@ -52,6 +53,17 @@ void emitToLogging(int pyLevel, const std::wstring& message, const LuLogRecord* 
   (*logger).attr("log")(pyLevel, "%s", message, py::arg("extra") = extra);
 }
 
+// Python code run from a sink raised e: a KeyboardInterrupt (or another
+// exception that is no Exception) is kept for the running call to raise;
+// anything else cannot cross the library and goes to sys.unraisablehook.
+void keepOrDiscard(py::error_already_set& e, const char* where) {
+  if (g_capture != nullptr && !g_capture->pending && !e.matches(PyExc_Exception)) {
+    g_capture->pending = std::move(e);
+    return;
+  }
+  e.discard_as_unraisable(where);
+}
+
 void errorSink(const LuErrorReport& report) {
   if (!g_sinksActive) return;
   py::gil_scoped_acquire gil;
@@ -64,7 +76,7 @@ void errorSink(const LuErrorReport& report) {
     std::string text = "luAnaf " + describe(report) + " for " + narrow(report.path);
     emitToLogging(40, py::cast(text).cast<std::wstring>(), nullptr);
   } catch (py::error_already_set& e) {
-    e.discard_as_unraisable("luanaf error sink");
+    keepOrDiscard(e, "luanaf error sink");
   } catch (...) {
   }
 }
@@ -72,11 +84,14 @@ void errorSink(const LuErrorReport& report) {
 void logSink(const LuLogRecord& record) {
   if (!g_sinksActive) return;
   py::gil_scoped_acquire gil;
-  if (g_capture != nullptr && record.level >= 5) g_capture->failures.push_back(record);
+  if (g_capture != nullptr) {
+    g_capture->records.push_back(record);
+    if (record.level >= 5) g_capture->failures.push_back(record);
+  }
   try {
     emitToLogging(pythonLevel(record.level), record.message, &record);
   } catch (py::error_already_set& e) {
-    e.discard_as_unraisable("luanaf log sink");
+    keepOrDiscard(e, "luanaf log sink");
   } catch (...) {
   }
 }
@@ -86,7 +101,20 @@ void logSink(const LuLogRecord& record) {
 // ---- Error reports and log records ----
 
 Capture::Capture() : outer(g_capture) { g_capture = this; }
-Capture::~Capture() { g_capture = outer; }
+Capture::~Capture() {
+  g_capture = outer;
+  // An interrupt not raised here is raised by the enclosing call.
+  if (pending && outer != nullptr && !outer->pending) outer->pending = std::move(pending);
+}
+
+void checkInterrupt(Capture& cap) {
+  if (cap.pending) {
+    py::error_already_set e = std::move(*cap.pending);
+    cap.pending.reset();
+    throw e;
+  }
+  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+}
 
 std::string narrow(const std::wstring& w) {
   // Wide strings on POSIX hold UTF-32 code points; Python converts them.
@@ -95,7 +123,7 @@ std::string narrow(const std::wstring& w) {
 }
 
 void raiseError(const std::string& what, const std::wstring& path,
-                const std::vector<LuErrorReport>& reports, int errnum) {
+                const std::vector<LuErrorReport>& reports, int errnum, const char* kind) {
   std::string message = what;
   py::list reportList;
   py::object code = py::none();
@@ -114,10 +142,11 @@ void raiseError(const std::string& what, const std::wstring& path,
   py::object pathObj = py::cast(path);
   py::object errnoObj = errnum != 0 ? py::object(py::int_(errnum)) : py::object(py::none());
   if (g_errorClass != nullptr) {
-    py::object cls = py::reinterpret_borrow<py::object>(g_errorClass);
-    py::object exc = cls(message, py::arg("code") = code, py::arg("path") = pathObj,
-                         py::arg("reports") = reportList, py::arg("errno") = errnoObj);
-    PyErr_SetObject(g_errorClass, exc.ptr());
+    py::object factory = py::reinterpret_borrow<py::object>(g_errorClass);
+    py::object exc = factory(message, py::arg("code") = code, py::arg("path") = pathObj,
+                             py::arg("reports") = reportList, py::arg("errno") = errnoObj,
+                             py::arg("kind") = kind);
+    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr())), exc.ptr());
   } else {
     py::object exc = py::reinterpret_borrow<py::object>(PyExc_OSError)(errnoObj, message, pathObj);
     PyErr_SetObject(PyExc_OSError, exc.ptr());
@@ -210,21 +239,30 @@ LuAfxsCamerasTable camerasFromObject(py::handle obj) {
 // and verify() on the link itself, which gives the library's error codes.
 // The data set's own verify then finds the modification time unchanged and
 // reads nothing again.
-void verifyOrRaise(LuAfxsUserLink& link, const std::wstring& path) {
-  if (!LuFileExist(path.c_str())) raiseError("no such file", path, {}, ENOENT);
-  const LuAfxsInspection inspection = luAfxsInspect(path, false);
+LuAfxsInspection verifyOrRaise(LuAfxsUserLink& link, const std::wstring& path) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  const fs::file_status status = fs::status(fs::path(path), ec);
+  if (!LuFileExist(path.c_str()) || status.type() == fs::file_type::not_found) {
+    raiseError("no such file", path, {}, ENOENT);
+  }
+  if (fs::is_directory(status)) raiseError("is a directory", path, {}, EISDIR);
+  if (!ec && !fs::is_regular_file(status)) {
+    raiseError("is not a regular file (a FIFO, device or socket)", path, {}, EINVAL, "not_regular");
+  }
+  LuAfxsInspection inspection = luAfxsInspect(path, false);
   Capture cap;
   const bool verified = link.verify(true);
-  if (verified && inspection.loadable()) return;
+  if (verified && inspection.loadable()) return inspection;
   std::string what = "not a readable cross-section file";
   for (const LuAfxsInspectProblem& p : inspection.problems) {
     if (p.breaksLoad) what += "; at byte " + std::to_string(p.offset) + ": " + p.message;
   }
   raiseError(what, path, cap.reports);
 }
-void setErrorClass(py::object cls) {
+void setErrorClass(py::object factory) {
   Py_XDECREF(g_errorClass);
-  g_errorClass = cls.release().ptr();
+  g_errorClass = factory.release().ptr();
 }
 
 void installSinks() {

@@ -101,3 +101,13 @@ def set_read_only(path):
 
 def restore_writable(path):
     os.chmod(path, stat.S_IRUSR | stat.S_IWUSR)
+
+
+def temporaries(folder):
+    """Names of temporary files a writer could have left in folder."""
+    return sorted(p.name for p in pathlib.Path(folder).iterdir() if p.name.endswith(".tmp"))
+
+
+def snapshot(*paths):
+    """Bytes of each file (None for a missing one), to compare after a call."""
+    return [pathlib.Path(p).read_bytes() if pathlib.Path(p).is_file() else None for p in paths]

@@ -30,6 +30,9 @@ DTYPES = {
 
 def plane_with(groups):
     full = make_plane(2, 7, n=6)
+    if "points" not in groups:
+        # Segments count points: without points they can only end at 0.
+        full["segments"] = np.array([0], np.int32)
     keep = {"plane_id", "subset_id"}
     for g in groups:
         keep.update(GROUPS[g])
