@@ -267,12 +267,17 @@ FILE* openRegular(const std::wstring& path, const char* mode) {
 }
 #endif
 
-// Empties a file just opened with "w+b", now that its lock is held.
+// Empties a file just opened with "w+b", now that its lock is held. A new
+// file is left alone: some file systems (ext4's auto_da_alloc) take a cut
+// to size 0 as a replace and write the file out at its close.
 bool emptyFile(FILE* file) {
 #if defined(_WIN32)
-  return _chsize_s(_fileno(file), 0) == 0;
+  const int fd = _fileno(file);
+  return _filelengthi64(fd) == 0 || _chsize_s(fd, 0) == 0;
 #else
-  return ::ftruncate(fileno(file), 0) == 0;
+  struct stat st;
+  const int fd = fileno(file);
+  return (::fstat(fd, &st) == 0 && st.st_size == 0) || ::ftruncate(fd, 0) == 0;
 #endif
 }
 
@@ -303,7 +308,8 @@ bool relock(FILE* file, LockMode mode) {
     errno = EBADF;
     return false;
   }
-  return it->second.lock.acquire(file, mode);
+  FileLock& lock = it->second.lock;
+  return lock.held() ? lock.convert(mode) : lock.acquire(file, mode);
 }
 
 size_t read(void* buffer, size_t size, size_t count, FILE* file) {
