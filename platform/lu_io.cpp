@@ -18,6 +18,7 @@
 #include <windows.h>
 #else
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/uio.h>
 #include <unistd.h>
 #endif
@@ -480,12 +481,18 @@ int sync(FILE* file) {
 
 int truncate(FILE* file, int64_t size) {
   if (injectFault(LuIoOp::Write)) return -1;
-  if (std::fflush(file) != 0) return -1;
+  // What the stream still holds lies behind the cut: what can go out goes
+  // out and is cut off; what cannot (a full disk) is dropped, so that it
+  // never reaches the file later, at the close.
+  std::fflush(file);
 #if defined(_WIN32)
-  return _chsize_s(_fileno(file), size) == 0 ? 0 : -1;
+  const bool cut = _chsize_s(_fileno(file), size) == 0;
 #else
-  return ::ftruncate(fileno(file), static_cast<off_t>(size)) == 0 ? 0 : -1;
+  __fpurge(file);
+  const bool cut = ::ftruncate(fileno(file), static_cast<off_t>(size)) == 0;
 #endif
+  std::clearerr(file);
+  return cut ? 0 : -1;
 }
 
 bool syncFolderOf(const std::wstring& path) {

@@ -386,10 +386,6 @@ luio::FileStatus seenState(uint64_t device, uint64_t index, uint64_t size, int64
   return st;
 }
 
-}  // namespace
-
-namespace {
-
 // The results link block of a plane-subset record without results.
 constexpr uint32_t kNoResultsBlock[2] = {4, 0};
 
