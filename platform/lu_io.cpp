@@ -249,7 +249,7 @@ FILE* openRegular(const std::wstring& path, const char* mode) {
   }
   const int fd = ::open(narrowPath(path).c_str(), flags, 0666);
   if (fd < 0) return nullptr;
-  struct stat st;
+  struct stat st {};
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     const int err = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
     ::close(fd);

@@ -163,7 +163,7 @@ bool osConvert(OsHandle fd, LockMode from, LockMode to) {
 OsHandle openForLock(const std::wstring& path) {
   const int fd = ::open(narrowPath(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return kNoHandle;
-  struct stat st;
+  struct stat st {};
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     const int err = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
     ::close(fd);
