@@ -44,8 +44,10 @@ public:
   const LuAfxsHeader& getHeader() const { return m_header; }
 
   // Reads header and record chain again when the file's modification time
-  // changed since the last look (always on the first call). True when the
-  // file exists and both were read.
+  // changed since the last look (always on the first call), or when the
+  // file is not the one read last (replaced, or changed within the same
+  // second). True when the file exists and both were read. A file another
+  // process is changing is busy: 0xc41b0008 with the busy text, false.
   bool verify(bool keepOpen);
   // Reads header and record chain unconditionally.
   bool create(bool keepOpen);
@@ -57,13 +59,17 @@ public:
 
 protected:
   // Stream helpers for the data objects; streams returned are the link's own
-  // and are never closed by the caller.
+  // and are never closed by the caller. A stream open for writing holds the
+  // file's lock exclusively; one open for reading, shared.
   FILE* openFile(long offset, bool forWrite);
   void closeFile(bool force);
   bool readHeader();
   bool scanRecords();
   FILE* getRecord(luafxs_records_en kind);
   FILE* getPlaneRecord(unsigned long planeId);
+  // Appends an empty record and links it behind the chain's last record
+  // (its header is handed to the system before the link is written); the
+  // caller writes the body. LuAfxsUserData::flush uses appendLinkedRecord.
   FILE* createNewRecord(luafxs_records_en kind);
   // Appends a record of `kind` in an order that cannot half-happen: the
   // record's header, then its body and end mark (written by writeBody at
