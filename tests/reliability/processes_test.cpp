@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <luAnaf/luAnaf.h>
 
+#include "support/quick_mode.h"
 #include "support/reader_files.h"
 #include "support/test_support.h"
 
@@ -247,6 +248,9 @@ TEST_F(ProcessesTest, AFolderIsNeitherReadNorDeleted) {
 
 // ---- Kills -----------------------------------------------------------------
 
+// Moments a run is killed at, spread over its duration.
+constexpr int kKillRuns = 24;
+
 // Runs `work` in a child process and kills it after `delay` microseconds
 // (or lets it end); true when it ended by itself.
 bool runAndKill(const std::function<void()>& work, long delay) {
@@ -326,7 +330,7 @@ TEST_F(KillTest, AKilledRunOfResultsFlushesLeavesAFileThatLoads) {
   };
   const long duration = childDuration(flushAll);
   int partial = 0;  // runs killed with some records flushed and some not
-  for (int run = 0; run < 24; ++run) {
+  for (int run = 0; run < kKillRuns; run += static_cast<int>(stride())) {
     SCOPED_TRACE("run " + std::to_string(run));
     fs::remove(path("data.afxs"));
     writeBytes(path("data.afxs"), before);
@@ -349,7 +353,8 @@ TEST_F(KillTest, AKilledRunOfResultsFlushesLeavesAFileThatLoads) {
       }
     }
   }
-  std::cout << "[ kills ] results flushes: " << partial << " of 24 runs killed midway\n";
+  std::cout << "[ kills ] results flushes: " << partial << " of " << kKillRuns
+            << " runs killed midway (every " << stride() << ")\n";
 }
 
 TEST_F(KillTest, AKilledRemoveLeavesTheOriginalOrTheWholeRewrite) {
@@ -365,7 +370,7 @@ TEST_F(KillTest, AKilledRemoveLeavesTheOriginalOrTheWholeRewrite) {
   const std::map<uint32_t, std::string> rewritten = planesOf(path("data.afxs"), false);
   ASSERT_EQ(rewritten.size(), 60u);
   int kept = 0, replaced = 0, window = 0;
-  for (int run = 0; run < 24; ++run) {
+  for (int run = 0; run < kKillRuns; run += static_cast<int>(stride())) {
     SCOPED_TRACE("run " + std::to_string(run));
     fs::remove(path("data.afxs"));
     fs::remove(path("data.afxs.tmp"));
@@ -385,7 +390,8 @@ TEST_F(KillTest, AKilledRemoveLeavesTheOriginalOrTheWholeRewrite) {
     }
   }
   std::cout << "[ kills ] remove: original kept " << kept << ", replaced " << replaced
-            << ", in the window " << window << " of 24 runs\n";
+            << ", in the window " << window << " of " << kKillRuns << " runs (every " << stride()
+            << ")\n";
 }
 
 // ---- A full disk --------------------------------------------------------------
