@@ -372,9 +372,11 @@ class Subset:
         """Appends the attached results to the file as a results record.
 
         Raises Error when the record already has results, nothing is
-        attached, or the write failed; :class:`PermissionError` for a
-        read-only file. This updates the open file in place (as the library
-        does), unlike the functions that create files."""
+        attached, or the write failed (e.g. a read-only file, a full disk,
+        another process reading or changing the file, or a file changed
+        since it was opened); the file is then as it was. :class:`PermissionError`
+        for a read-only file. This updates the open file in place (as the
+        library does), unlike the functions that create files."""
         self._f.flush(self._i)
 
     def as_dict(self):
@@ -668,7 +670,8 @@ def remove_fields(path, mask_or_names):
     - a missing file (:class:`FileNotFoundError`), a directory
       (:class:`IsADirectoryError`), a FIFO or other special file
       (:class:`NotARegularFileError`), a read-only file
-      (:class:`PermissionError`), a file that cannot be read (:class:`Error`);
+      (:class:`PermissionError`), a file that cannot be read or that another
+    process is reading or changing (:class:`Error`);
     - a removal that would leave a damaged file (:class:`DataError`, naming
       the plane and subset and the groups that may be removed): points
       without the segments that count them, or a record left without any
