@@ -16,6 +16,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <istream>
 #include <map>
 #include <set>
@@ -610,16 +611,30 @@ void Walk::lengths(const LuAfxsInspectRecord& r) {
       size_t element = afxs::fieldElementSize(f.id);
       if (element != 0 && f.id != afxs::kFieldAuxFirst) n.emplace(f.id, f.count / element);
     }
-  auto compare = [&](uint32_t a, uint32_t b) {
-    if (!n.count(a) || !n.count(b) || n[a] == n[b]) return;
-    problem(r.offset, false,
+  auto differ = [&](uint64_t at, uint32_t a, uint64_t na, uint32_t b, uint64_t nb) {
+    problem(at, false,
             format("plane %" PRId64 " subset %u: %s (%" PRIu64 ") and %s (%" PRIu64
                    ") differ in length",
-                   r.plane, r.subsetId, luAfxsFieldName(a), n[a], luAfxsFieldName(b), n[b]));
+                   r.plane, r.subsetId, luAfxsFieldName(a), na, luAfxsFieldName(b), nb));
   };
-  compare(afxs::kFieldPoints, afxs::kFieldNormals);
-  compare(afxs::kFieldPoints, afxs::kFieldResPoints);
-  compare(afxs::kFieldPoints, afxs::kFieldDistances);
+  auto compare = [&](uint32_t a, uint32_t b) {
+    if (!n.count(a) || !n.count(b) || n[a] == n[b]) return;
+    differ(r.offset, a, n[a], b, n[b]);
+  };
+  // Every block of b against the points, at the block's own offset: a load
+  // reads the results record's result points and distances over the
+  // record's own, so each of them must run parallel to the points.
+  auto eachAgainstPoints = [&](uint32_t b) {
+    if (!n.count(afxs::kFieldPoints)) return;
+    const uint64_t points = n[afxs::kFieldPoints];
+    for (const auto* list : {&r.fields, &r.resultsFields})
+      for (const LuAfxsInspectField& f : *list)
+        if (f.id == b && f.count / afxs::fieldElementSize(b) != points)
+          differ(f.offset, afxs::kFieldPoints, points, b, f.count / afxs::fieldElementSize(b));
+  };
+  eachAgainstPoints(afxs::kFieldNormals);
+  eachAgainstPoints(afxs::kFieldResPoints);
+  eachAgainstPoints(afxs::kFieldDistances);
   if (!n.count(afxs::kFieldPoints)) compare(afxs::kFieldResPoints, afxs::kFieldDistances);
   compare(afxs::kFieldAuxCounts, afxs::kFieldAuxOffsets);
   if (deep) tiling(r);
@@ -756,6 +771,17 @@ void Walk::counts() {
 LuAfxsInspection luAfxsInspect(const std::wstring& path, bool deep) {
   LuAfxsInspection out;
   try {
+    // A directory opens for reading on some systems (and reports a size of
+    // 2^63 - 1), and opening a FIFO waits for a writer: neither is opened.
+    std::error_code ec;
+    std::filesystem::file_status status = std::filesystem::status(std::filesystem::path(path), ec);
+    if (!ec && std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+      out.problems.push_back({0, true,
+                              std::filesystem::is_directory(status)
+                                  ? "is a directory, not a file"
+                                  : "is not a regular file (a FIFO, device or socket)"});
+      return out;
+    }
     File file(path);
     if (!file.ok()) {
       out.problems.push_back({0, true, "cannot be opened for reading"});

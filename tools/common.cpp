@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <sstream>
 
 #include <fmt/format.h>
@@ -122,9 +121,35 @@ bool parseFields(const std::string& list, uint32_t& mask, std::string& bad) {
 bool stdoutIsTerminal() { return isatty(fileno(stdout)) != 0; }
 bool stderrIsTerminal() { return isatty(fileno(stderr)) != 0; }
 
+std::string openProblem(const LuAfxsInspection& in) {
+  return in.problems.empty() ? std::string("cannot be opened for reading")
+                             : in.problems.front().message;
+}
+
+nlohmann::json inspectionJson(const std::string& file, const LuAfxsInspection& in) {
+  nlohmann::json problems = nlohmann::json::array();
+  for (const LuAfxsInspectProblem& p : in.problems)
+    problems.push_back(
+        {{"offset", p.offset}, {"breaksLoad", p.breaksLoad}, {"message", p.message}});
+  return {{"file", file},
+          {"opened", in.opened},
+          {"error", in.opened ? nlohmann::json(nullptr) : nlohmann::json(openProblem(in))},
+          {"size", in.fileSize},
+          {"clean", in.opened && in.clean()},
+          {"loadable", in.loadable()},
+          {"records",
+           {{"total", in.records.size()},
+            {"cameras", in.camerasRecords},
+            {"plane", in.planeRecords},
+            {"planeSubset", in.subsetRecords},
+            {"results", in.resultsRecords}}},
+          {"planeSubsets", in.loadedSubsets},
+          {"problems", problems}};
+}
+
 bool checkBeforeLoad(const std::string& path, const LuAfxsInspection& in, bool strict) {
   if (!in.opened) {
-    error(path, "cannot be opened for reading");
+    error(path, openProblem(in));
     return false;
   }
   bool ok = true;
@@ -162,25 +187,6 @@ std::unique_ptr<LoadedFile> loadChecked(const std::string& path, uint32_t mask, 
   file->set->closefile();
   for (LuAfxsUserData* data : *file->set) file->planes.push_back(&data->getPlaneData());
   return file;
-}
-
-bool writeOutput(const std::string& path, const std::string& text, bool binary) {
-  if (path.empty() || path == "-") {
-    return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
-           std::fflush(stdout) == 0;
-  }
-  std::ofstream out(path, binary ? std::ios::binary | std::ios::trunc : std::ios::trunc);
-  if (!out) {
-    error(path, "cannot be written");
-    return false;
-  }
-  out.write(text.data(), static_cast<std::streamsize>(text.size()));
-  out.close();
-  if (!out) {
-    error(path, "writing failed");
-    return false;
-  }
-  return true;
 }
 
 }  // namespace luafxs

@@ -2,6 +2,7 @@
 // main that parses the command line and hands each verb to its function.
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
+#include <system_error>
 
 #include "luafxs.h"
 
@@ -11,9 +12,39 @@ constexpr const char* kVersion = "1.0.0";
 
 std::string example(const std::string& text) { return "\nExample:\n  " + text + "\n"; }
 
+// The first word that is no option, when it names no verb: "luafxs infoo x".
+std::string unknownVerb(const CLI::App& app, int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    std::string word = argv[i];
+    if (word.empty() || word[0] == '-') continue;
+    for (const CLI::App* verb : app.get_subcommands({}))
+      if (verb->get_name() == word) return "";
+    return word;
+  }
+  return "";
+}
+
+std::string verbNames(const CLI::App& app) {
+  std::string out;
+  for (const CLI::App* verb : app.get_subcommands({}))
+    out += (out.empty() ? "" : ", ") + verb->get_name();
+  return out;
+}
+
+int run(int argc, char** argv);
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  luafxs::installSignalHandlers();
+  int code = run(argc, argv);
+  if (!luafxs::finishStandardOutput()) return luafxs::kExitBad;
+  return code;
+}
+
+namespace {
+
+int run(int argc, char** argv) {
   using namespace luafxs;
   CLI::App app{"luafxs: look at, dump, check, unify and plot luAnaf cross-section files (.afxs)",
                "luafxs"};
@@ -41,11 +72,12 @@ int main(int argc, char** argv) {
   DumpArgs dump;
   auto* dumpCmd = app.add_subcommand("dump", "The points of a file as xyz, csv, ply or json");
   dumpCmd->add_option("FILE", dump.file, "the .afxs file")->required();
-  dumpCmd->add_option("--plane", dump.plane, "only this plane number");
-  dumpCmd->add_option("--subset", dump.subset, "only this subset number");
+  const CLI::Range id32(int64_t{0}, int64_t{0xFFFFFFFF}, "a number from 0 to 4294967295");
+  dumpCmd->add_option("--plane", dump.plane, "only this plane number")->check(id32);
+  dumpCmd->add_option("--subset", dump.subset, "only this subset number")->check(id32);
   dumpCmd->add_option("--fields", dump.fields,
                       "comma-separated: points,normals,segments,aux,results,distances "
-                      "(default: all the file holds)");
+                      "(default: all the file holds; points are always dumped)");
   dumpCmd->add_option("--format", dump.format, "xyz (default), csv, ply, ply-binary or json")
       ->check(CLI::IsMember({"xyz", "csv", "ply", "ply-binary", "json"}));
   dumpCmd->add_flag("--binary", dump.binary, "with --format ply: binary little-endian PLY");
@@ -64,7 +96,10 @@ int main(int argc, char** argv) {
   unifyCmd->add_flag("--blend", unify.blend, "blend overlapping subsets of a plane into one");
   unifyCmd->add_option("--xs-id", unify.xsId, "the cross-section id (default 0)");
   unifyCmd->add_option("--load-mode", unify.loadMode,
-                       "field mask the planes are loaded with (default 63: all)");
+                       "field mask the planes are loaded with, 1 to 63 with points (1) in it "
+                       "(default 63: all)");
+  unifyCmd->add_flag("--strict", unify.strict,
+                     "exit 1 when a warning says that something asked for could not happen");
   unifyCmd->footer(
       example("luafxs unify --blend -o unified.afxs left.afxs:1 right.afxs:2") +
       "\nAdding data sets to, or removing them from, an earlier unification needs the\n"
@@ -80,7 +115,8 @@ int main(int argc, char** argv) {
   removeCmd->add_option("FILE", remove.file, "the .afxs file (rewritten in place)")->required();
   removeCmd
       ->add_option("--fields", remove.fields,
-                   "comma-separated groups to remove: normals,segments,aux,results,distances")
+                   "comma-separated groups to remove: normals,segments,aux,results,distances "
+                   "(points may not be removed)")
       ->required();
   removeCmd->footer(example("luafxs remove scan.afxs --fields normals"));
 
@@ -88,7 +124,8 @@ int main(int argc, char** argv) {
   auto* plotCmd = app.add_subcommand("plot", "An SVG of one plane seen along the header's normal");
   plotCmd->add_option("FILES", plot.files, "one or more .afxs files, drawn on one plot")
       ->required();
-  plotCmd->add_option("--plane", plot.plane, "plane number (default: the first of the first file)");
+  plotCmd->add_option("--plane", plot.plane, "plane number (default: the first of the first file)")
+      ->check(id32);
   plotCmd->add_option("-o,--output", plot.output, "write the SVG here instead of standard output");
   plotCmd->add_flag("--normals", plot.normals, "draw the normals");
   plotCmd->add_flag("--results", plot.results, "draw the result points");
@@ -109,7 +146,15 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    app.exit(e);
+    std::string verb = unknownVerb(app, argc, argv);
+    if (!verb.empty())
+      error("", fmt::format("unknown verb '{}' (verbs: {}; run 'luafxs --help')", verb,
+                            verbNames(app)));
+    else
+      error("", fmt::format("{} (run 'luafxs {}--help')", e.what(),
+                            app.get_subcommands().empty()
+                                ? std::string()
+                                : app.get_subcommands().front()->get_name() + " "));
     return kExitUsage;
   }
 
@@ -121,9 +166,15 @@ int main(int argc, char** argv) {
     if (*removeCmd) return runRemove(remove);
     if (*plotCmd) return runPlot(plot);
     if (*demoCmd) return runDemo(demo);
+  } catch (const std::system_error& e) {
+    // fmt reports a failed write to standard output this way.
+    noteStandardOutputFailure(e.code().value());
+    return kExitBad;
   } catch (const std::exception& e) {
     error("", std::string("internal error: ") + e.what());
     return kExitBad;
   }
   return kExitUsage;
 }
+
+}  // namespace

@@ -39,6 +39,14 @@ bool parseFields(const std::string& list, uint32_t& mask, std::string& bad);
 bool stdoutIsTerminal();
 bool stderrIsTerminal();
 
+// Why an inspection could not open its file ("cannot be opened for reading",
+// "is a directory, not a file", ...).
+std::string openProblem(const LuAfxsInspection& in);
+// The keys info --json and validate --json share: file, opened, error, size,
+// clean, loadable, records {total, cameras, plane, planeSubset, results},
+// planeSubsets, problems.
+nlohmann::json inspectionJson(const std::string& file, const LuAfxsInspection& in);
+
 // Checks a file with the inspection walk and prints what is wrong with it
 // (one "luafxs: <file>: ..." line per problem). With strict, any problem
 // refuses the file; otherwise only problems that would make a load fail
@@ -60,8 +68,25 @@ struct LoadedFile {
 // the inspection says the load would fail, so it is never deleted.
 std::unique_ptr<LoadedFile> loadChecked(const std::string& path, uint32_t mask, bool strict);
 
-// Writes text to path, or to standard output when path is empty or "-".
+// ---- Outputs (outputs.cpp) ------------------------------------------------------
+// False, with "luafxs: <output>: <why>", when output may not be written: it
+// is one of the inputs (as a file, through links too), a directory, a FIFO
+// or other special file, read-only, or its directory is missing.
+bool outputAllowed(const std::string& output, const std::vector<std::string>& inputs);
+bool isStandardOutput(const std::string& path);
+std::string describe(const LuAfxsOutputProblem& problem);
+// Writes text whole to path (a temporary beside it, renamed into place), or
+// to standard output when path is empty or "-".
 bool writeOutput(const std::string& path, const std::string& text, bool binary = false);
+// Renames a written temporary into place; prints why not.
+bool commitOutput(LuAfxsOutputFile& file, const std::string& shownPath);
+// Flushes standard output at the end; false, with one message, when any
+// write to it failed (a full disk, a closed pipe).
+bool finishStandardOutput();
+void noteStandardOutputFailure(int errnum);
+// SIGINT, SIGTERM and SIGHUP remove the live temporaries, then end the
+// program as the signal would; SIGPIPE is ignored (EPIPE is reported).
+void installSignalHandlers();
 
 // ---- Plot ------------------------------------------------------------------
 struct PlotLayer {
@@ -90,8 +115,8 @@ struct ValidateArgs {
 };
 struct DumpArgs {
   std::string file;
-  int64_t plane = -1;
-  int64_t subset = -1;
+  int64_t plane = -1;   // -1: every plane
+  int64_t subset = -1;  // -1: every subset
   std::string fields;
   std::string format = "xyz";
   bool binary = false;
@@ -103,6 +128,7 @@ struct UnifyArgs {
   bool blend = false;
   uint32_t xsId = 0;
   uint32_t loadMode = LU_AFXS_MASK_ALL;
+  bool strict = false;  // warnings fail the run
 };
 struct RemoveArgs {
   std::string file;
@@ -133,10 +159,15 @@ struct UnifySummary {
   uint64_t planesWritten = 0;
   uint64_t planesBlended = 0;
   uint64_t positionsSkipped = 0;
-  std::vector<std::string> failures;  // level-5 log lines
+  std::vector<std::string> failures;  // level-5 log lines and error reports
+  std::vector<std::string> warnings;  // what was asked for and could not happen
 };
+// Writes the unified file whole at `output` (through a temporary) or not at
+// all; false, after printing why, when it was not written.
 bool unifyFiles(const std::vector<std::string>& inputs, const std::vector<uint32_t>& ids,
                 const std::string& output, bool blend, uint32_t xsId, uint32_t loadMode,
                 bool progress, UnifySummary& summary);
+// Prints the failures as one block on standard error: the count and the first few.
+void printFailures(const std::string& output, const std::vector<std::string>& failures);
 
 }  // namespace luafxs

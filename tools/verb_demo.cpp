@@ -59,9 +59,10 @@ struct Scan {
   LuVec3 camera;
 };
 
-uint64_t writeScan(const std::string& path, const Scan& scan, std::mt19937& random) {
+// Writes one scan on `path` (the temporary of an output file).
+uint64_t writeScan(const std::wstring& path, const Scan& scan, std::mt19937& random) {
   std::normal_distribution<double> noise(0.0, 0.01);
-  LuAfxsCreateLink link(widen(path).c_str());
+  LuAfxsCreateLink link(path.c_str());
   LuAfxsHeader header;
   header.version = 1;
   header.normal[2] = 1;
@@ -140,29 +141,35 @@ int runDemo(const DemoArgs& args) {
       {"scan_a.afxs", 1, 0.05, 0.0, {0, 250, 50}},
       {"scan_b.afxs", 2, 0.55, 0.5, {0, -250, 50}},
   };
+  const std::string unified = (dir / "unified.afxs").string();
+  const int plane = kPlanes / 2;
+  const std::string before = (dir / "plane_before.svg").string();
+  const std::string after = (dir / "plane_after.svg").string();
+  // Every output is checked before anything is written.
+  for (const std::string& out :
+       {(dir / scans[0].name).string(), (dir / scans[1].name).string(), unified, before, after})
+    if (!outputAllowed(out, {})) return kExitBad;
   std::mt19937 random(20261122);
   std::vector<std::string> inputs;
   uint64_t points = 0;
   for (const Scan& scan : scans) {
     std::string path = (dir / scan.name).string();
-    uint64_t written = writeScan(path, scan, random);
+    LuAfxsOutputFile file(widen(path));
+    uint64_t written = file.ok() ? writeScan(file.tempPath(), scan, random) : 0;
     if (written == 0) {
       error(path, "the scan could not be written");
       return kExitBad;
     }
+    if (!commitOutput(file, path)) return kExitBad;
     points += written;
     inputs.push_back(path);
   }
-  const std::string unified = (dir / "unified.afxs").string();
   UnifySummary summary;
   if (!unifyFiles(inputs, {scans[0].subset, scans[1].subset}, unified, true, 1, LU_AFXS_MASK_ALL,
                   stderrIsTerminal(), summary)) {
-    error(unified, "the unification wrote no output file");
+    printFailures(unified, summary.failures);
     return kExitBad;
   }
-  const int plane = kPlanes / 2;
-  const std::string before = (dir / "plane_before.svg").string();
-  const std::string after = (dir / "plane_after.svg").string();
   bool plotted =
       plotFiles(inputs, plane, fmt::format("plane {}: the two scans", plane), before) &&
       plotFiles({unified}, plane, fmt::format("plane {}: unified with blending", plane), after);
@@ -181,7 +188,7 @@ int runDemo(const DemoArgs& args) {
   fmt::print("planes blended    {}\n", summary.planesBlended);
   fmt::print("positions skipped {}\n", summary.positionsSkipped);
   fmt::print("failures          {}\n", summary.failures.size());
-  for (const std::string& f : summary.failures) fmt::print("  {}\n", f);
+  printFailures(unified, summary.failures);
   fmt::print("time              {:.0f} ms\n", ms);
   return plotted && summary.failures.empty() ? kExitOk : kExitBad;
 }

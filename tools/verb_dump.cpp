@@ -54,7 +54,8 @@ std::string dumpPly(const std::vector<const LuAfxsPlane*>& planes, uint32_t mask
   if (normals) out += "property double nx\nproperty double ny\nproperty double nz\n";
   if (results) out += "property double rx\nproperty double ry\nproperty double rz\n";
   if (distances) out += "property double distance\n";
-  out += "property uint plane\nproperty uint subset\nend_header\n";
+  // int, not uint: some readers (Open3D among them) drop uint properties.
+  out += "property int plane\nproperty int subset\nend_header\n";
   for (const LuAfxsPlane* p : planes) {
     bool hasN = parallel(p->normals.size(), *p), hasR = parallel(p->resPoints.size(), *p);
     bool hasD = parallel(p->distances.size(), *p);
@@ -75,7 +76,8 @@ std::string dumpPly(const std::vector<const LuAfxsPlane*>& planes, uint32_t mask
         appendU32(out, p->subsetId);
       } else {
         for (double v : values) out += fmt::format("{} ", v);
-        out += fmt::format("{} {}\n", p->planeId, p->subsetId);
+        out += fmt::format("{} {}\n", static_cast<int32_t>(p->planeId),
+                           static_cast<int32_t>(p->subsetId));
       }
     }
   }
@@ -89,18 +91,31 @@ std::string dumpXyz(const std::vector<const LuAfxsPlane*>& planes) {
   return out;
 }
 
+// The aux group of point i: its count and its positions, space-separated.
+std::string auxCells(const LuAfxsPlane& p, size_t i) {
+  std::string positions;
+  uint64_t from = p.auxCtrlOffsets[i], count = p.auxCtrlCounts[i];
+  for (uint64_t k = from; k < from + count && k < p.auxCtrlPos.size(); ++k)
+    positions += (k == from ? "" : " ") + std::to_string(p.auxCtrlPos[k]);
+  return fmt::format(",{},{}", count, positions);
+}
+
 std::string dumpCsv(const std::vector<const LuAfxsPlane*>& planes, uint32_t mask) {
   bool normals = mask & LU_AFXS_MASK_NORMALS, results = mask & LU_AFXS_MASK_RESPOINTS;
   bool distances = mask & LU_AFXS_MASK_DISTANCES, segments = mask & LU_AFXS_MASK_SEGMENTS;
+  bool aux = mask & LU_AFXS_MASK_AUX;
   std::string out = "plane,subset,index";
   if (segments) out += ",segment";
   out += ",x,y,z";
   if (normals) out += ",nx,ny,nz";
   if (results) out += ",rx,ry,rz";
   if (distances) out += ",distance";
+  if (aux) out += ",auxCount,auxPositions";
   out += "\n";
   for (const LuAfxsPlane* p : planes) {
     std::vector<int64_t> seg = segmentOfPoints(*p);
+    bool hasA = parallel(p->auxCtrlCounts.size(), *p) &&
+                p->auxCtrlOffsets.size() == p->auxCtrlCounts.size();
     bool hasN = parallel(p->normals.size(), *p), hasR = parallel(p->resPoints.size(), *p);
     bool hasD = parallel(p->distances.size(), *p);
     for (size_t i = 0; i < p->points.size(); ++i) {
@@ -116,6 +131,7 @@ std::string dumpCsv(const std::vector<const LuAfxsPlane*>& planes, uint32_t mask
             hasR ? fmt::format(",{},{},{}", p->resPoints[i].x, p->resPoints[i].y, p->resPoints[i].z)
                  : std::string(",,,");
       if (distances) out += hasD ? fmt::format(",{}", p->distances[i]) : std::string(",");
+      if (aux) out += hasA ? auxCells(*p, i) : std::string(",,");
       out += "\n";
     }
   }
@@ -172,8 +188,21 @@ int runDump(const DumpArgs& args) {
     }
     format = "ply-binary";
   }
+  // Every dump is of points: a list without them gets them.
+  mask |= LU_AFXS_MASK_POINTS;
+  if (!isStandardOutput(args.output) && !outputAllowed(args.output, {args.file})) return kExitBad;
   auto file = loadChecked(args.file, mask, false);
-  if (!file) return kExitBad;
+  if (!file) {
+    // A JSON reader still gets one object.
+    if (format == "json" && isStandardOutput(args.output))
+      writeOutput(args.output, nlohmann::json({{"file", args.file},
+                                               {"error", "the file cannot be dumped"},
+                                               {"fields", nlohmann::json::array()},
+                                               {"planes", nlohmann::json::array()}})
+                                       .dump() +
+                                   "\n");
+    return kExitBad;
+  }
   // Only fields the file holds are dumped.
   mask &= file->inspection.stateUnion | LU_AFXS_MASK_POINTS;
   std::vector<const LuAfxsPlane*> chosen;

@@ -9,13 +9,6 @@ namespace {
 
 nlohmann::json vec3(const double v[3]) { return nlohmann::json::array({v[0], v[1], v[2]}); }
 
-nlohmann::json problemsJson(const LuAfxsInspection& in) {
-  nlohmann::json out = nlohmann::json::array();
-  for (const LuAfxsInspectProblem& p : in.problems)
-    out.push_back({{"offset", p.offset}, {"breaksLoad", p.breaksLoad}, {"message", p.message}});
-  return out;
-}
-
 // The cameras through the reader's link, only for a file the reader can open.
 std::vector<LuVec3> readCameras(const std::string& path, const LuAfxsInspection& in) {
   if (!in.loadable() || in.cameras == 0) return {};
@@ -27,9 +20,12 @@ std::vector<LuVec3> readCameras(const std::string& path, const LuAfxsInspection&
 }  // namespace
 
 int runInfo(const InfoArgs& args) {
-  LuAfxsInspection in = luAfxsInspect(widen(args.file), false);
+  // The deep walk, as validate does, so that both report the same problems
+  // (it reads the segments and aux counts, never the points).
+  LuAfxsInspection in = luAfxsInspect(widen(args.file), true);
   if (!in.opened) {
-    error(args.file, "cannot be opened for reading");
+    if (args.json) fmt::print("{}\n", inspectionJson(args.file, in).dump(2));
+    error(args.file, openProblem(in));
     return kExitBad;
   }
   std::vector<LuVec3> cameras = readCameras(args.file, in);
@@ -39,9 +35,8 @@ int runInfo(const InfoArgs& args) {
   if (args.json) {
     nlohmann::json cams = nlohmann::json::array();
     for (const LuVec3& c : cameras) cams.push_back({c.x, c.y, c.z});
-    nlohmann::json out = {
-        {"file", args.file},
-        {"size", in.fileSize},
+    nlohmann::json out = inspectionJson(args.file, in);
+    out.update({
         {"identifierOk", in.identifierOk},
         {"header",
          {{"version", in.hasVersion ? nlohmann::json(in.version) : nlohmann::json(nullptr)},
@@ -56,21 +51,14 @@ int runInfo(const InfoArgs& args) {
         {"cameraCount", in.cameras},
         {"planes", in.planes.size()},
         {"planeIds", planeIds},
-        {"planeSubsets", in.loadedSubsets},
         {"resultsRecords", in.resultsRecords},
-        {"records",
-         {{"cameras", in.camerasRecords},
-          {"plane", in.planeRecords},
-          {"planeSubset", in.subsetRecords},
-          {"results", in.resultsRecords}}},
         {"subsetIds", in.subsetIds},
         {"fields",
          {{"all", in.stateAnd},
           {"any", in.stateUnion},
           {"allNames", maskNameList(in.stateAnd)},
           {"anyNames", maskNameList(in.stateUnion)}}},
-        {"problems", problemsJson(in)},
-    };
+    });
     fmt::print("{}\n", out.dump(2));
   } else {
     std::string planeText = fmt::format("{} in the file", in.planes.size());

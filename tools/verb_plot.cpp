@@ -8,6 +8,7 @@
 namespace luafxs {
 
 int runPlot(const PlotArgs& args) {
+  if (!isStandardOutput(args.output) && !outputAllowed(args.output, args.files)) return kExitBad;
   std::vector<std::unique_ptr<LoadedFile>> files;
   for (const std::string& path : args.files) {
     auto file = loadChecked(path, LU_AFXS_MASK_ALL, false);

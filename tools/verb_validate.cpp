@@ -9,20 +9,10 @@ namespace luafxs {
 int runValidate(const ValidateArgs& args) {
   LuAfxsInspection in = luAfxsInspect(widen(args.file), true);
   if (args.json) {
-    nlohmann::json problems = nlohmann::json::array();
-    for (const LuAfxsInspectProblem& p : in.problems)
-      problems.push_back(
-          {{"offset", p.offset}, {"breaksLoad", p.breaksLoad}, {"message", p.message}});
-    nlohmann::json out = {{"file", args.file},
-                          {"opened", in.opened},
-                          {"size", in.fileSize},
-                          {"clean", in.opened && in.clean()},
-                          {"loadable", in.loadable()},
-                          {"records", in.records.size()},
-                          {"planeSubsets", in.loadedSubsets},
-                          {"problems", problems}};
-    fmt::print("{}\n", out.dump(2));
-  } else if (in.opened && in.clean()) {
+    fmt::print("{}\n", inspectionJson(args.file, in).dump(2));
+  } else if (!in.opened) {
+    // The reason follows on standard error.
+  } else if (in.clean()) {
     fmt::print("{}: ok: {} records, {} planes, {} plane subsets, {} results records\n", args.file,
                in.records.size(), in.planes.size(), in.loadedSubsets, in.resultsRecords);
   } else {
@@ -34,7 +24,7 @@ int runValidate(const ValidateArgs& args) {
                in.loadable() ? " (the reader can still load it)" : "");
   }
   if (!in.opened)
-    error(args.file, "cannot be opened for reading");
+    error(args.file, openProblem(in));
   else if (!in.clean())
     error(args.file, fmt::format("damaged: {} problem{}", in.problems.size(),
                                  in.problems.size() == 1 ? "" : "s"));

@@ -12,3 +12,4 @@
 #include <luAnaf/luAfxsDataSet.h>
 #include <luAnaf/luAfxsFileCheck.h>
 #include <luAnaf/luAfxsArrayCache.h>
+#include <luAnaf/luAfxsOutput.h>

@@ -6,6 +6,10 @@
 #include <random>
 #include <string>
 
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#endif
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -503,7 +507,8 @@ TEST_F(InspectTest, DamageThatBreaksLoadIsWhatTheReaderRejects) {
     LuAfxsUserLink link(wpath("file.afxs").c_str());
     LuAfxsUserDataSet set(link);
     EXPECT_EQ(set.load(LU_AFXS_MASK_ALL), in.loadable())
-        << "round " << round << " byte " << at << "\n" << all(in);
+        << "round " << round << " byte " << at << "\n"
+        << all(in);
   }
 }
 
@@ -524,3 +529,96 @@ TEST_F(InspectTest, RandomDamageNeverCrashes) {
 }
 
 }  // namespace
+
+// ---- Results that do not match their record's points -------------------------------
+
+class ResultsLengthTest : public InspectTest {
+protected:
+  // A file of one plane subset of `points` points, and then a results record
+  // of `results` result points and `distances` distances appended by an updater.
+  // With ownResults, the plane-subset record holds matching ones of its own.
+  void writeWithResults(size_t points, size_t results, size_t distances, bool ownResults = false) {
+    {
+      LuAfxsCreateLink link(wpath("file.afxs").c_str());
+      LuAfxsHeader header;
+      header.normal[2] = 1;
+      link.setHeader(header);
+      ASSERT_TRUE(link.create(true));
+      std::vector<double> xyz(points * 3, 1.0);
+      int segments[1] = {static_cast<int>(points)};
+      LuAfxsCreateData data(link, 0, 1);
+      data.setPoints(reinterpret_cast<const double(*)[3]>(xyz.data()), points);
+      data.setSegments(segments, 1);
+      std::vector<double> own(points, 0.25);
+      if (ownResults) {
+        data.setResPoints(reinterpret_cast<const double(*)[3]>(xyz.data()), points);
+        data.setDistances(own.data(), points);
+      }
+      ASSERT_TRUE(data.flush());
+      link.release();
+    }
+    LuAfxsUserLink link(wpath("file.afxs").c_str());
+    LuAfxsUserDataSet set(link);
+    ASSERT_TRUE(set.load(LU_AFXS_MASK_ALL));
+    std::vector<double> res(results * 3, 2.0), dist(distances, 0.5);
+    LuAfxsUserData* data = *set.begin();
+    data->setResPoints(reinterpret_cast<const double(*)[3]>(res.data()), results);
+    data->setDistances(dist.data(), distances);
+    ASSERT_TRUE(data->flush());
+  }
+};
+
+TEST_F(ResultsLengthTest, MatchingResultsAreClean) {
+  writeWithResults(6, 6, 6);
+  LuAfxsInspection in = inspect();
+  EXPECT_TRUE(in.clean()) << all(in);
+}
+
+TEST_F(ResultsLengthTest, ResultPointsAndDistancesOfOtherLengthsAreNamedWithTheirOffsets) {
+  writeWithResults(6, 3, 5);
+  LuAfxsInspection in = inspect();
+  const auto* res = problemWith(in, "points (6) and resPoints (3) differ in length");
+  const auto* dist = problemWith(in, "points (6) and distances (5) differ in length");
+  ASSERT_NE(res, nullptr) << all(in);
+  ASSERT_NE(dist, nullptr) << all(in);
+  EXPECT_FALSE(res->breaksLoad);
+  const LuAfxsInspectRecord& subset = recordOfKind(in, LU_AFXS_REC_PLANE_SUBSET);
+  ASSERT_EQ(subset.resultsFields.size(), 2u);
+  EXPECT_EQ(res->offset, subset.resultsFields[0].offset);
+  EXPECT_EQ(dist->offset, subset.resultsFields[1].offset);
+}
+
+// A load reads the results record's vectors over the record's own: those
+// count, even when the record's own ones match.
+TEST_F(ResultsLengthTest, AResultsRecordOverMatchingOwnResultsIsStillChecked) {
+  writeWithResults(6, 3, 5, true);
+  LuAfxsInspection in = inspect();
+  EXPECT_NE(problemWith(in, "points (6) and resPoints (3) differ in length"), nullptr) << all(in);
+  EXPECT_NE(problemWith(in, "points (6) and distances (5) differ in length"), nullptr) << all(in);
+  LuAfxsUserLink link(wpath("file.afxs").c_str());
+  LuAfxsUserDataSet set(link);
+  ASSERT_TRUE(set.load(LU_AFXS_MASK_ALL));
+  EXPECT_EQ((*set.begin())->getPlaneData().resPoints.size(), 3u);
+}
+
+// ---- Paths that are no files ---------------------------------------------------------
+
+TEST_F(InspectTest, ADirectoryIsNotOpened) {
+  lutest::fs::create_directory(path("dir"));
+  LuAfxsInspection in = luAfxsInspect(wpath("dir"));
+  EXPECT_FALSE(in.opened);
+  EXPECT_EQ(in.fileSize, 0u);
+  ASSERT_EQ(in.problems.size(), 1u);
+  EXPECT_EQ(in.problems[0].message, "is a directory, not a file");
+}
+
+#if !defined(_WIN32)
+TEST_F(InspectTest, AFifoIsNotOpened) {
+  // Opening a FIFO for reading would wait for a writer.
+  ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0644), 0);
+  LuAfxsInspection in = luAfxsInspect(wpath("fifo"));
+  EXPECT_FALSE(in.opened);
+  ASSERT_EQ(in.problems.size(), 1u);
+  EXPECT_THAT(in.problems[0].message, ::testing::HasSubstr("is not a regular file"));
+}
+#endif
