@@ -89,8 +89,9 @@ def killed_run(args, ready, delay):
     return finished
 
 
-def sweep(name, prepare, args, ready, classify, allowed):
-    """TRIALS killed runs; returns the counts of the classes. Asserts only allowed classes."""
+def sweep(name, prepare, args, ready, classify, allowed, folder, names):
+    """TRIALS killed runs; returns the counts of the classes. Asserts only allowed classes.
+    Files in `folder` beyond `names` (temporaries a kill left) are counted, not judged."""
     prepare()
     duration = clean_duration(args, ready)
     rng = random.Random(SEED)
@@ -102,6 +103,7 @@ def sweep(name, prepare, args, ready, classify, allowed):
         verdict = classify()
         counts[verdict] += 1
         counts["ended before the kill"] += finished
+        counts["temporary left"] += bool(set(os.listdir(folder)) - set(names))
         if verdict not in allowed:
             bad.append("trial %d: %s" % (trial, verdict))
     print("\n%s: %d trials, clean run %.3f s: %s" % (name, TRIALS, duration, dict(counts)))
@@ -149,7 +151,8 @@ def test_kill_during_results_flush(tmp_path, trial_dir):
             return "partly"
         return "corrupt"
 
-    sweep("flush", prepare, [WORKER, "flush", target], "loaded", classify, {"before", "partly", "complete"})
+    sweep("flush", prepare, [WORKER, "flush", target], "loaded", classify, {"before", "partly", "complete"},
+          trial_dir, ["scan.afxs"])
 
 
 def test_kill_during_remove(tmp_path, trial_dir):
@@ -175,7 +178,8 @@ def test_kill_during_remove(tmp_path, trial_dir):
             return "window"
         return "lost"
 
-    sweep("remove", prepare, [WORKER, "remove", target, 4], None, classify, {"before", "complete", "window"})
+    sweep("remove", prepare, [WORKER, "remove", target, 4], None, classify, {"before", "complete", "window"},
+          trial_dir, ["scan.afxs"])
 
 
 def test_kill_during_tool_unify(tmp_path, trial_dir):
@@ -208,7 +212,7 @@ def test_kill_during_tool_unify(tmp_path, trial_dir):
         return "complete" if loads_as(out, after) else "corrupt"
 
     args = [LUAFXS, "unify", "-o", out, "%s:1" % (trial_dir / "left.afxs"), "%s:2" % (trial_dir / "right.afxs")]
-    sweep("unify", prepare, args, None, classify, {"before", "complete"})
+    sweep("unify", prepare, args, None, classify, {"before", "complete"}, trial_dir, list(inputs) + ["unified.afxs"])
 
 
 WRITE_CHILD = """
@@ -240,4 +244,5 @@ def test_kill_during_python_write(tmp_path, trial_dir):
             return "absent"
         return "complete" if loads_as(target, after) else "corrupt"
 
-    sweep("python write", prepare, [PYTHON, "-c", WRITE_CHILD, target], "go", classify, {"absent", "complete"})
+    sweep("python write", prepare, [PYTHON, "-c", WRITE_CHILD, target], "go", classify, {"absent", "complete"},
+          trial_dir, ["new.afxs"])
