@@ -178,8 +178,9 @@ std::string hashOf(const Vectors&... vectors) {
 
 // {"plane", "subset", "state", "n", then one hash per field group}.
 std::string recordJson(const LuAfxsPlane& p, uint32_t fileState) {
-  return "{\"plane\": " + std::to_string(p.planeId) + ", \"subset\": " +
-         std::to_string(p.subsetId) + ", \"state\": " + std::to_string(fileState) +
+  return "{\"plane\": " + std::to_string(p.planeId) +
+         ", \"subset\": " + std::to_string(p.subsetId) +
+         ", \"state\": " + std::to_string(fileState) +
          ", \"n\": " + std::to_string(p.points.size()) + ", \"points\": " + hashOf(p.points) +
          ", \"segments\": " + hashOf(p.segments) + ", \"normals\": " + hashOf(p.normals) +
          ", \"aux\": " + hashOf(p.auxCtrlFirst, p.auxCtrlOffsets, p.auxCtrlCounts, p.auxCtrlPos) +
@@ -207,8 +208,9 @@ int digest(const std::string& path) {
   Fnv cameras;
   cameras.add(link.getCameras().cameras);
   std::string out = "{\"loadable\": true, \"header\": \"" + header.hex() + "\", \"cameras\": \"" +
-                    cameras.hex() + "\", \"cameraCount\": " +
-                    std::to_string(link.getCameras().cameras.size()) + ", \"records\": [";
+                    cameras.hex() +
+                    "\", \"cameraCount\": " + std::to_string(link.getCameras().cameras.size()) +
+                    ", \"records\": [";
   bool first = true;
   for (LuAfxsUserData* data : set) {
     const LuAfxsPlane& p = data->getPlaneData();
@@ -221,9 +223,10 @@ int digest(const std::string& path) {
 }
 
 int usage() {
-  std::fputs("usage: real_worker write FILE PLANES POINTS | flush FILE [--planes LIST] [--wait] | "
-             "remove FILE MASK | digest FILE\n",
-             stderr);
+  std::fputs(
+      "usage: real_worker write FILE PLANES POINTS | flush FILE [--planes LIST] [--wait] | "
+      "remove FILE MASK | digest FILE\n",
+      stderr);
   return 2;
 }
 
