@@ -12,19 +12,23 @@
 #include <vector>
 
 #if defined(_WIN32)
+#include <fcntl.h>
 #include <io.h>
+#include <share.h>
 #include <windows.h>
 #else
+#include <fcntl.h>
 #include <sys/uio.h>
 #include <unistd.h>
 #endif
 
+#include <luAnaf/luEnv.h>
 #include <luAnaf/luIoFault.h>
 
 namespace {
 
 struct FaultState {
-  uint64_t counts[6] = {0, 0, 0, 0, 0, 0};
+  uint64_t counts[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
   LuIoOp armedOp = LuIoOp::Any;
   uint64_t armedAt = 0;  // 0: disarmed
   bool sticky = false;
@@ -152,64 +156,154 @@ std::wstring widen(const std::string& text) {
 
 namespace {
 
-// The buffers of the open streams. Each stream gets one of its own, so that
-// the library knows how much a stream can hold back (see writeAt); the
-// runtime would otherwise choose the size itself.
-struct StreamBuffer {
+// What the library keeps of each stream it opened: its buffer, so that the
+// library knows how much a stream can hold back (see writeAt; the runtime
+// would otherwise choose the size itself), and its hold on the file's lock.
+struct StreamState {
   std::unique_ptr<char[]> bytes;
   size_t size = 0;
+  FileLock lock;
 };
 
-struct StreamBuffers {
+struct StreamStates {
   std::mutex mutex;
-  std::unordered_map<FILE*, StreamBuffer> byStream;
+  std::unordered_map<FILE*, StreamState> byStream;
 };
 
-StreamBuffers& streamBuffers() {
-  static StreamBuffers* buffers = new StreamBuffers;  // outlives every stream
-  return *buffers;
+StreamStates& streamStates() {
+  static StreamStates* states = new StreamStates;  // outlives every stream
+  return *states;
 }
 
-void giveBuffer(FILE* file, size_t size) {
-  StreamBuffer buffer{std::unique_ptr<char[]>(new (std::nothrow) char[size]), size};
-  if (buffer.bytes == nullptr || std::setvbuf(file, buffer.bytes.get(), _IOFBF, size) != 0) return;
-  StreamBuffers& all = streamBuffers();
-  std::lock_guard<std::mutex> lock(all.mutex);
-  all.byStream[file] = std::move(buffer);
+void giveBuffer(StreamState& state, FILE* file, size_t size) {
+  std::unique_ptr<char[]> bytes(new (std::nothrow) char[size]);
+  if (bytes == nullptr || std::setvbuf(file, bytes.get(), _IOFBF, size) != 0) return;
+  state.bytes = std::move(bytes);
+  state.size = size;
+}
+
+void keepState(FILE* file, StreamState&& state) {
+  StreamStates& all = streamStates();
+  std::lock_guard<std::mutex> guard(all.mutex);
+  all.byStream[file] = std::move(state);
 }
 
 // The size of the stream's own buffer; 0 when it runs on the runtime's.
 size_t ownBufferSize(FILE* file) {
-  StreamBuffers& all = streamBuffers();
-  std::lock_guard<std::mutex> lock(all.mutex);
+  StreamStates& all = streamStates();
+  std::lock_guard<std::mutex> guard(all.mutex);
   auto it = all.byStream.find(file);
   return it == all.byStream.end() ? 0 : it->second.size;
 }
 
-// Takes the stream's buffer out of the table; it is freed by the caller
-// after the stream is closed.
-std::unique_ptr<char[]> takeBuffer(FILE* file) {
-  StreamBuffers& all = streamBuffers();
-  std::lock_guard<std::mutex> lock(all.mutex);
+// Takes the stream's state out of the table; its buffer and lock are given
+// up by the caller after the stream is closed.
+StreamState takeState(FILE* file) {
+  StreamStates& all = streamStates();
+  std::lock_guard<std::mutex> guard(all.mutex);
   auto it = all.byStream.find(file);
-  if (it == all.byStream.end()) return nullptr;
-  std::unique_ptr<char[]> buffer = std::move(it->second.bytes);
+  if (it == all.byStream.end()) return {};
+  StreamState state = std::move(it->second);
   all.byStream.erase(it);
-  return buffer;
+  return state;
+}
+
+bool readOnly(const char* mode) { return std::strchr(mode, '+') == nullptr && mode[0] == 'r'; }
+
+// Opens the descriptor without waiting (a FIFO without a writer would block
+// an ordinary open), refuses anything but a regular file, and hands it to a
+// stream. "w+b" is opened without emptying the file: that waits for its lock.
+#if defined(_WIN32)
+FILE* openRegular(const std::wstring& path, const char* mode) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  if (attributes != INVALID_FILE_ATTRIBUTES &&
+      (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) != 0) {
+    errno = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? EISDIR : EINVAL;
+    return nullptr;
+  }
+  int flags = _O_BINARY | _O_NOINHERIT;
+  if (mode[0] == 'w') {
+    flags |= _O_RDWR | _O_CREAT;
+  } else {
+    flags |= readOnly(mode) ? _O_RDONLY : _O_RDWR;
+  }
+  int fd = -1;
+  if (_wsopen_s(&fd, path.c_str(), flags, _SH_DENYNO, _S_IREAD | _S_IWRITE) != 0) return nullptr;
+  if (GetFileType(reinterpret_cast<HANDLE>(_get_osfhandle(fd))) != FILE_TYPE_DISK) {
+    _close(fd);
+    errno = EINVAL;
+    return nullptr;
+  }
+  FILE* file = _fdopen(fd, mode);
+  if (file == nullptr) _close(fd);
+  return file;
+}
+#else
+FILE* openRegular(const std::wstring& path, const char* mode) {
+  int flags = O_NONBLOCK | O_CLOEXEC;
+  if (mode[0] == 'w') {
+    flags |= O_RDWR | O_CREAT;
+  } else {
+    flags |= readOnly(mode) ? O_RDONLY : O_RDWR;
+  }
+  const int fd = ::open(narrowPath(path).c_str(), flags, 0666);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    const int err = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    ::close(fd);
+    errno = err;
+    return nullptr;
+  }
+  const int status = ::fcntl(fd, F_GETFL);
+  FILE* file =
+      status < 0 || ::fcntl(fd, F_SETFL, status & ~O_NONBLOCK) != 0 ? nullptr : ::fdopen(fd, mode);
+  if (file == nullptr) {
+    const int err = errno;
+    ::close(fd);
+    errno = err;
+  }
+  return file;
+}
+#endif
+
+// Empties a file just opened with "w+b", now that its lock is held.
+bool emptyFile(FILE* file) {
+#if defined(_WIN32)
+  return _chsize_s(_fileno(file), 0) == 0;
+#else
+  return ::ftruncate(fileno(file), 0) == 0;
+#endif
 }
 
 }  // namespace
 
 FILE* open(const std::wstring& path, const char* mode, size_t bufferSize) {
   if (injectFault(LuIoOp::Open)) return nullptr;
-#if defined(_WIN32)
-  std::wstring wmode(mode, mode + std::strlen(mode));
-  FILE* file = _wfopen(path.c_str(), wmode.c_str());
-#else
-  FILE* file = std::fopen(narrowPath(path).c_str(), mode);
-#endif
-  if (file != nullptr) giveBuffer(file, bufferSize);
+  FILE* file = openRegular(path, mode);
+  if (file == nullptr) return nullptr;
+  StreamState state;
+  const LockMode lockMode = readOnly(mode) ? LockMode::Shared : LockMode::Exclusive;
+  if (!state.lock.acquire(file, lockMode) || (mode[0] == 'w' && !emptyFile(file))) {
+    const int err = errno;
+    std::fclose(file);
+    errno = err;
+    return nullptr;
+  }
+  giveBuffer(state, file, bufferSize);
+  keepState(file, std::move(state));
   return file;
+}
+
+bool relock(FILE* file, LockMode mode) {
+  StreamStates& all = streamStates();
+  std::lock_guard<std::mutex> guard(all.mutex);
+  auto it = all.byStream.find(file);
+  if (it == all.byStream.end()) {
+    errno = EBADF;
+    return false;
+  }
+  return it->second.lock.acquire(file, mode);
 }
 
 size_t read(void* buffer, size_t size, size_t count, FILE* file) {
@@ -350,24 +444,161 @@ int64_t tell(FILE* file) {
 }
 
 int close(FILE* file) {
-  std::unique_ptr<char[]> buffer = takeBuffer(file);
-  return std::fclose(file);
+  // The lock is given up after the stream's last bytes went out.
+  StreamState state = takeState(file);
+  const bool failing = injectFault(LuIoOp::Close);
+  const int closed = std::fclose(file);
+  if (failing) {
+    errno = EIO;
+    return EOF;
+  }
+  return closed;
 }
 
 bool error(FILE* file) { return std::ferror(file) != 0; }
 
-bool status(const std::wstring& path, FileStatus& out) {
+int flush(FILE* file) {
+  if (injectFault(LuIoOp::Flush)) return EOF;
+  return std::fflush(file);
+}
+
+int sync(FILE* file) {
+  if (injectFault(LuIoOp::Sync)) return -1;
+  if (std::fflush(file) != 0) return -1;
 #if defined(_WIN32)
-  struct _stat64 st;
-  if (_wstat64(path.c_str(), &st) != 0) return false;
+  return _commit(_fileno(file)) == 0 ? 0 : -1;
 #else
-  struct stat st;
-  if (::stat(narrowPath(path).c_str(), &st) != 0) return false;
+  return ::fsync(fileno(file)) == 0 ? 0 : -1;
 #endif
+}
+
+int truncate(FILE* file, int64_t size) {
+  if (injectFault(LuIoOp::Write)) return -1;
+  if (std::fflush(file) != 0) return -1;
+#if defined(_WIN32)
+  return _chsize_s(_fileno(file), size) == 0 ? 0 : -1;
+#else
+  return ::ftruncate(fileno(file), static_cast<off_t>(size)) == 0 ? 0 : -1;
+#endif
+}
+
+bool syncFolderOf(const std::wstring& path) {
+  if (injectFault(LuIoOp::Sync)) return false;
+#if defined(_WIN32)
+  // NTFS makes its name changes durable itself; a folder cannot be synced.
+  (void)path;
+  return true;
+#else
+  std::string folder = narrowPath(path);
+  const size_t slash = folder.rfind('/');
+  folder = slash == std::string::npos ? "." : slash == 0 ? "/" : folder.substr(0, slash);
+  const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool synced = ::fsync(fd) == 0;
+  ::close(fd);
+  return synced;
+#endif
+}
+
+#if defined(_WIN32)
+namespace {
+
+// Which file the handle is on, and its modification time in 100 ns steps.
+void fillIdentity(HANDLE handle, FileStatus& out) {
+  BY_HANDLE_FILE_INFORMATION info;
+  if (handle == INVALID_HANDLE_VALUE || !GetFileInformationByHandle(handle, &info)) return;
+  out.device = info.dwVolumeSerialNumber;
+  out.index = (uint64_t{info.nFileIndexHigh} << 32) | info.nFileIndexLow;
+  const uint64_t ticks =
+      (uint64_t{info.ftLastWriteTime.dwHighDateTime} << 32) | info.ftLastWriteTime.dwLowDateTime;
+  out.modifiedNs = static_cast<int64_t>(ticks) * 100;
+  out.regular = (info.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE)) == 0 &&
+                GetFileType(handle) == FILE_TYPE_DISK;
+}
+
+void fillFrom(const struct _stat64& st, FileStatus& out) {
   out.mode = static_cast<uint32_t>(st.st_mode);
   out.modified = static_cast<int64_t>(st.st_mtime);
   out.size = static_cast<uint64_t>(st.st_size);
+  out.modifiedNs = out.modified * 1000000000;
+  out.regular = (st.st_mode & _S_IFMT) == _S_IFREG;
+}
+
+}  // namespace
+
+bool status(const std::wstring& path, FileStatus& out) {
+  struct _stat64 st;
+  if (_wstat64(path.c_str(), &st) != 0) return false;
+  fillFrom(st, out);
+  HANDLE handle =
+      CreateFileW(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                  OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  if (handle != INVALID_HANDLE_VALUE) {
+    fillIdentity(handle, out);
+    CloseHandle(handle);
+  }
   return true;
+}
+
+bool status(FILE* file, FileStatus& out) {
+  struct _stat64 st;
+  if (_fstat64(_fileno(file), &st) != 0) return false;
+  fillFrom(st, out);
+  fillIdentity(reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file))), out);
+  return true;
+}
+#else
+namespace {
+
+void fillFrom(const struct stat& st, FileStatus& out) {
+  out.mode = static_cast<uint32_t>(st.st_mode);
+  out.modified = static_cast<int64_t>(st.st_mtime);
+  out.size = static_cast<uint64_t>(st.st_size);
+  out.device = static_cast<uint64_t>(st.st_dev);
+  out.index = static_cast<uint64_t>(st.st_ino);
+  out.modifiedNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  out.regular = S_ISREG(st.st_mode);
+}
+
+}  // namespace
+
+bool status(const std::wstring& path, FileStatus& out) {
+  struct stat st;
+  if (::stat(narrowPath(path).c_str(), &st) != 0) return false;
+  fillFrom(st, out);
+  return true;
+}
+
+bool status(FILE* file, FileStatus& out) {
+  struct stat st;
+  if (::fstat(fileno(file), &st) != 0) return false;
+  fillFrom(st, out);
+  return true;
+}
+#endif
+
+bool isFolder(const FileStatus& status) {
+#if defined(_WIN32)
+  return (status.mode & _S_IFMT) == _S_IFDIR;
+#else
+  return S_ISDIR(status.mode);
+#endif
+}
+
+bool sameState(const FileStatus& a, const FileStatus& b) {
+  return a.device == b.device && a.index == b.index && a.size == b.size &&
+         a.modifiedNs == b.modifiedNs;
+}
+
+bool deleteUnlessLocked(const std::wstring& path) {
+  FileStatus st;
+  if (!status(path, st) || !st.regular) return false;
+  FileLock hold;
+  if (!hold.acquire(path, LockMode::Exclusive)) return false;
+  // Windows keeps the name of a file with an open handle: the lock is given
+  // up first (another process could take it in between).
+  if (!lockSurvivesDelete()) hold.release();
+  return LuDeleteFile(path.c_str());
 }
 
 bool writable(const std::wstring& path) {

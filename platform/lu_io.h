@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <string>
 
+#include "platform/lu_lock.h"
+
 namespace luio {
 
 // The buffer of a stream the library opens for reading: small, since every
@@ -19,7 +21,15 @@ inline constexpr size_t kAppendBuffer = size_t{64} << 10;
 std::string narrowPath(const std::wstring& path);
 std::wstring widen(const std::string& text);
 
+// Opens a regular file ("rb", "r+b" or "w+b") and takes its lock: shared
+// for "rb", exclusive otherwise (luio::FileLock), held until close. Never
+// waits: a FIFO, a device or a folder is refused at once (errno EINVAL or
+// EISDIR), and so is a file whose lock another process holds (errno EBUSY).
+// "w+b" empties the file only once its lock is held.
 FILE* open(const std::wstring& path, const char* mode, size_t bufferSize = kStreamBuffer);
+// Converts the lock that `file` took when it was opened (never waits; false
+// with errno EBUSY when another process holds a conflicting lock).
+bool relock(FILE* file, LockMode mode);
 size_t read(void* buffer, size_t size, size_t count, FILE* file);
 size_t write(const void* buffer, size_t size, size_t count, FILE* file);
 // 0 on success, as fseek.
@@ -45,15 +55,41 @@ struct Piece {
 bool writeGather(FILE* file, const Piece* pieces, size_t count);
 // -1 on failure, as ftell.
 int64_t tell(FILE* file);
+// 0 on success, as fclose; the stream is closed (and its lock given up)
+// either way.
 int close(FILE* file);
 bool error(FILE* file);
+// Hands the stream's buffered bytes to the system: 0, or EOF as fflush.
+int flush(FILE* file);
+// Flushes the stream and makes the file's contents durable on the device
+// (fsync, _commit): 0 or -1.
+int sync(FILE* file);
+// Flushes the stream and sets the file's size (shortening it): 0 or -1.
+// Counts as a write for the fault seam.
+int truncate(FILE* file, int64_t size);
+// Makes the entries of the folder that holds `path` durable (a created,
+// deleted or renamed name); true where the platform has nothing to do.
+bool syncFolderOf(const std::wstring& path);
 
 struct FileStatus {
   uint32_t mode = 0;     // permission bits; 0x80 is the owner-write bit
   int64_t modified = 0;  // whole seconds
   uint64_t size = 0;
+  // Which file: device (volume) and index (inode) number.
+  uint64_t device = 0;
+  uint64_t index = 0;
+  int64_t modifiedNs = 0;  // nanoseconds, as fine as the platform keeps them
+  bool regular = false;    // a regular file (not a folder, FIFO or device)
 };
 bool status(const std::wstring& path, FileStatus& out);
+bool isFolder(const FileStatus& status);
+// The status of the file an open stream is on.
+bool status(FILE* file, FileStatus& out);
+// The same file (device and index) with the same size and modification time.
+bool sameState(const FileStatus& a, const FileStatus& b);
+// Deletes the regular file at `path` (LuDeleteFile) unless another process
+// holds its lock; false when nothing was deleted.
+bool deleteUnlessLocked(const std::wstring& path);
 // The write-access test of an existing file: the owner-write bit.
 bool writable(const std::wstring& path);
 // The runtime's text for the current errno, widened.

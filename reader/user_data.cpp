@@ -189,56 +189,38 @@ void LuAfxsUserData::setResPoints(const double (*points)[3], size_t count) {
   m_loadedFields.insert(afxs::kFieldResPoints);
 }
 
-// Appends one results record and patches field 4 of the plane-subset record
-// to name it. Failures after the record was started leave what was written
-// in the file; only the link reports (0xc41b0014).
+// Appends one results record and has the link name it from field 4 of the
+// plane-subset record, in an order that cannot half-happen: on a failure
+// the file is as it was (the link reports 0xc41b0014).
 bool LuAfxsUserData::flush() {
   if (!m_recordLoaded && !load(0)) return false;
   if (m_resultsOffset != 0) return false;
   if ((m_state & (LU_AFXS_MASK_RESPOINTS | LU_AFXS_MASK_DISTANCES)) == 0) return false;
-  try {
-    FILE* f = m_link->createNewRecord(LU_AFXS_REC_RESULTS);
-    if (!f) return false;
-    const uint32_t body = afxs::offset32(f);
-    // The blocks go out in one gathered write. A block that would end past
-    // u32 offsets is refused; what comes before it is written first, as
-    // block-by-block writing would have left it.
+  auto link = m_fieldDirectory.find(afxs::kFieldResultsLink);
+  if (link == m_fieldDirectory.end()) return false;
+  uint32_t body = 0;
+  auto writeBody = [this, &body](FILE* f, uint32_t at) {
+    body = at;
+    // A body that would end past u32 offsets is refused before it is written.
+    uint64_t bytes = afxs::kEndMarkSize;
     afxs::RecordBody record;
-    uint64_t at = body;
-    auto roomFor = [&](uint64_t bytes) {
-      try {
-        afxs::requireRoom(static_cast<int64_t>(at), afxs::kFieldHeaderSize + bytes);
-      } catch (...) {
-        record.write(f);
-        throw;
-      }
-      at += afxs::kFieldHeaderSize + bytes;
-    };
     if (m_state & LU_AFXS_MASK_RESPOINTS) {
-      roomFor(m_plane.resPoints.size() * afxs::kPointSize);
+      bytes += afxs::kFieldHeaderSize + m_plane.resPoints.size() * afxs::kPointSize;
       record.block(afxs::kFieldResPoints, m_plane.resPoints);
     }
     if (m_state & LU_AFXS_MASK_DISTANCES) {
-      roomFor(m_plane.distances.size() * afxs::kDistanceSize);
+      bytes += afxs::kFieldHeaderSize + m_plane.distances.size() * afxs::kDistanceSize;
       record.block(afxs::kFieldDistances, m_plane.distances);
     }
+    afxs::requireRoom(at, bytes);
     record.word(afxs::kEndMark);
     record.word(LU_AFXS_REC_RESULTS);
+    // The blocks go out in one gathered write.
     record.write(f);
-    const uint64_t end = at + afxs::kEndMarkSize;
-    if (end > m_link->m_fileSize) m_link->m_fileSize = end;
-    auto link = m_fieldDirectory.find(afxs::kFieldResultsLink);
-    if (link == m_fieldDirectory.end()) return false;
-    // The results link block (byte count 4, then the offset) is patched in
-    // place; the stream stays at the end of the file.
-    const uint32_t block[2] = {4, body};
-    afxs::patchBytes(f, link->second, block, sizeof block);
-    m_resultsOffset = body;
-    m_link->m_fileModified = true;
-    return true;
-  } catch (...) {
-    return false;
-  }
+  };
+  if (!m_link->appendLinkedRecord(LU_AFXS_REC_RESULTS, writeBody, link->second)) return false;
+  m_resultsOffset = body;
+  return true;
 }
 
 // Result points and distances (bits 16 and 32) are deliberately never copied:

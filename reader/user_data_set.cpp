@@ -1,6 +1,7 @@
 // LuAfxsUserDataSet, container side: every plane-subset record of one file
 // as LuAfxsUserData objects, in the order the plane and subset chains lead
 // to them, and the removal of field groups by rewriting the file.
+#include <cerrno>
 #include <string>
 #include <unordered_set>
 
@@ -10,6 +11,7 @@
 #include "format/coding.h"
 #include "format/format.h"
 #include "format/io_error.h"
+#include "platform/lu_io.h"
 #include "reader/reader_io.h"
 
 namespace {
@@ -99,10 +101,12 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
 }
 
 // Rewrites the file without the groups in mask through "<path>.tmp". The
-// original is deleted only after every record was copied, so a failure on
-// the way leaves it byte for byte as it was. Intended: result points and
-// distances never survive a rewrite, and the new file's version is 0 (the
-// link never keeps the VER value).
+// original is held locked against other processes and must still be the
+// file that was loaded; it is deleted only once the rewrite is complete on
+// the device, so a failure or a kill on the way leaves it byte for byte as
+// it was (see docs/RELIABILITY.md for what a kill leaves at each step).
+// Intended: result points and distances never survive a rewrite, and the
+// new file's version is 0 (the link never keeps the VER value).
 bool LuAfxsUserDataSet::remove(unsigned long mask) {
   if (!load(~mask)) return false;
   bool anyToRemove = false;
@@ -110,6 +114,18 @@ bool LuAfxsUserDataSet::remove(unsigned long mask) {
     if ((data->fileState() & mask) != 0) anyToRemove = true;
   }
   if (!anyToRemove) return true;
+
+  // The original is held exclusively until it is replaced (another process
+  // reading or changing it makes the rewrite fail: 0xc41b0008 with the busy
+  // text), and must still be the file that was loaded.
+  luio::FileLock original;
+  FILE* f = m_link->openFile(0, false);
+  if (f == nullptr) return false;
+  if (!original.acquire(f, luio::LockMode::Exclusive)) {
+    afxs::reportWithSystemText(afxs::kErrOpenFile, afxs::kUserSource, m_link->fileName(), EBUSY);
+    return false;
+  }
+  if (!m_link->fileIsAsSeen(f)) return false;
 
   std::wstring tmpPath = m_link->fileName() + L".tmp";
   if (tmpPath.size() > kPathBuffer - 1) tmpPath.resize(kPathBuffer - 1);
@@ -130,12 +146,20 @@ bool LuAfxsUserDataSet::remove(unsigned long mask) {
       return false;
     }
   }
-  m_link->closeFile(true);
-  LuDeleteFile(m_link->fileName().c_str());
+  // The rewrite and its name are on the device before the original goes; a
+  // rewrite that cannot be completed is deleted by its link (not OK).
+  if (!out.closeDurably()) return false;
+  if (!luio::syncFolderOf(tmpPath)) {
+    out.isOK(false);
+    return false;
+  }
   out.release();
-  out.closeFile(true);
+  m_link->closeFile(true);
+  if (!luio::lockSurvivesDelete()) original.release();
+  LuDeleteFile(m_link->fileName().c_str());
   // The results of the delete and the move are not checked.
   LuMoveFile(tmpPath.c_str(), m_link->fileName().c_str(), 0);
+  luio::syncFolderOf(m_link->fileName());
   return true;
 }
 

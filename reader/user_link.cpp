@@ -78,6 +78,11 @@ LuAfxsUserLink& LuAfxsUserLink::operator=(const LuAfxsUserLink& other) {
   m_fileModified = other.m_fileModified;
   m_lastNextField = other.m_lastNextField;
   m_fileSize = other.m_fileSize;
+  m_seenDevice = other.m_seenDevice;
+  m_seenIndex = other.m_seenIndex;
+  m_seenSize = other.m_seenSize;
+  m_seenModified = other.m_seenModified;
+  m_seen = other.m_seen;
   return *this;
 }
 
@@ -95,8 +100,10 @@ bool LuAfxsUserLink::setFilePath(std::wstring path) {
 }
 
 // Re-reads header and chain only when the modification time (whole seconds)
-// differs from the one remembered: a file this process changed through the
-// link had its new time recorded by closeFile, so it is not read again.
+// differs from the one remembered, or when the file is not the one read
+// last (another file put in its place, or changed within the same second):
+// a file this process changed through the link had its new state recorded,
+// so it is not read again.
 bool LuAfxsUserLink::verify(bool keepOpen) {
   closeFile(true);
   m_keepOpen = keepOpen;
@@ -106,7 +113,7 @@ bool LuAfxsUserLink::verify(bool keepOpen) {
     return false;
   }
   m_fileWritable = (st.mode & 0x80) != 0;
-  if (st.modified != m_fileTime) {
+  if (st.modified != m_fileTime || (m_seen && !fileIsAsSeen(nullptr))) {
     m_updateSupported = false;
     m_fileTime = st.modified;
     m_fileExists = create(keepOpen);
@@ -121,6 +128,15 @@ bool LuAfxsUserLink::create(bool keepOpen) {
   m_recordIndex.clear();
   m_planeIndex.clear();
   m_fileModified = false;
+  // Header and chain are read under a shared lock: a file another process
+  // is changing is refused as busy (its open fails with EBUSY). A file that
+  // cannot be opened at all is left to readHeader to report.
+  luio::FileLock hold;
+  if (!hold.acquire(m_filePath, luio::LockMode::Shared) && errno == EBUSY) {
+    afxs::reportWithSystemText(afxs::kErrOpenFile, afxs::kUserSource, m_filePath, EBUSY);
+    m_fileExists = false;
+    return false;
+  }
   if (!readHeader() || !scanRecords()) return false;
   closeFile(false);
   return true;
@@ -134,11 +150,16 @@ bool LuAfxsUserLink::readHeader() {
   m_updateSupported = false;
   int version = -1;  // the header's version field is intentionally never set here
 
-  std::ifstream in(headerStreamPath(m_filePath));
+  // Only a regular file is read: a FIFO, a device or a folder is refused
+  // before the stream is opened (opening a FIFO would wait for a writer).
+  luio::FileStatus st;
+  const bool regular = luio::status(m_filePath, st) && st.regular;
+  std::ifstream in;
+  if (regular) in.open(headerStreamPath(m_filePath));
   // Numbers are read as the writer's C-locale printf wrote them, whatever
   // global locale the client has set.
   in.imbue(std::locale::classic());
-  bool ok = in.is_open();
+  bool ok = regular && in.is_open();
   std::string word;
   if (ok) ok = static_cast<bool>(in >> word) && word == afxs::kFileIdentifier;
   while (ok && in >> word) {
@@ -219,6 +240,7 @@ bool LuAfxsUserLink::scanRecords() {
       offset = next;
     }
     m_lastNextField = lastNextField;
+    if (m_file != nullptr) rememberFile(m_file);
     return true;
   } catch (...) {
     afxs::report(afxs::kErrScanRecords, afxs::kUserSource, m_filePath);
@@ -240,6 +262,8 @@ FILE* LuAfxsUserLink::openFile(long offset, bool forWrite) {
   int err = 0;
   if (!m_file) {
     err = errno;
+  } else if (forWrite && !luio::relock(m_file, luio::LockMode::Exclusive)) {
+    err = errno;  // another process reads or changes the file
   } else if (luio::error(m_file)) {
     err = errno;
   } else if (reused && afxs::alreadyAt(m_file, offset, !m_fileOpenForWrite)) {
@@ -297,6 +321,8 @@ FILE* LuAfxsUserLink::createNewRecord(luafxs_records_en kind) {
     afxs::putU32(f, static_cast<uint32_t>(kind));
     uint32_t nextField = recordOffset + afxs::kNextFieldOffset;
     afxs::putU32(f, 0);
+    // The header reaches the system before the chain leads to it.
+    if (luio::flush(f) != 0) afxs::fail();
     // Patched in place: the stream stays at the end, behind the new header.
     afxs::patchU32(f, m_lastNextField, recordOffset);
     m_lastNextField = nextField;
@@ -348,7 +374,86 @@ const LuAfxsCamerasTable& LuAfxsUserLink::getCameras() {
   return m_cameras;
 }
 
+namespace {
+
+// The results link block of a plane-subset record without results.
+constexpr uint32_t kNoResultsBlock[2] = {4, 0};
+
+}  // namespace
+
+bool LuAfxsUserLink::appendLinkedRecord(luafxs_records_en kind,
+                                        const std::function<void(FILE*, uint32_t)>& writeBody,
+                                        uint32_t linkBlockAt) {
+  if (!m_fileExists || m_lastNextField == 0) return false;
+  FILE* f = openFile(0, true);  // exclusive: one writer at a time
+  luio::FileStatus before;
+  if (f == nullptr || !luio::status(f, before) || !fileIsAsSeen(f)) {
+    afxs::report(afxs::kErrUserNewRecord, afxs::kUserSource, m_filePath);
+    if (f != nullptr) luio::relock(f, luio::LockMode::Shared);
+    return false;
+  }
+  bool chainTouched = false;
+  bool recordTouched = false;
+  try {
+    afxs::seekEnd(f);
+    const uint32_t recordOffset = afxs::offset32(f);
+    afxs::requireRoom(recordOffset, afxs::kRecordHeaderSize);
+    afxs::putU32(f, static_cast<uint32_t>(kind));
+    afxs::putU32(f, 0);
+    writeBody(f, recordOffset + afxs::kRecordHeaderSize);
+    // The whole record reaches the system before anything leads to it.
+    if (luio::flush(f) != 0) afxs::fail();
+    chainTouched = true;
+    afxs::patchU32(f, m_lastNextField, recordOffset);
+    recordTouched = true;
+    const uint32_t block[2] = {4, recordOffset + afxs::kResultsBodyOffset};
+    // Both links are positioned writes, in the system once they return.
+    afxs::patchBytes(f, linkBlockAt, block, sizeof block);
+    m_lastNextField = recordOffset + afxs::kNextFieldOffset;
+    rememberFile(f);
+    if (m_seenSize > m_fileSize) m_fileSize = m_seenSize;
+    m_fileModified = true;
+    luio::relock(f, luio::LockMode::Shared);
+    return true;
+  } catch (...) {
+    afxs::report(afxs::kErrUserNewRecord, afxs::kUserSource, m_filePath);
+    // The links go back first; the appended bytes are cut off only when
+    // nothing leads to them any more.
+    bool restored = true;
+    if (recordTouched)
+      restored = luio::writeAt(f, linkBlockAt, kNoResultsBlock, sizeof kNoResultsBlock) == 0;
+    const uint32_t noNext = 0;
+    if (restored && chainTouched)
+      restored = luio::writeAt(f, m_lastNextField, &noNext, sizeof noNext) == 0;
+    if (restored) luio::truncate(f, static_cast<int64_t>(before.size));
+    luio::relock(f, luio::LockMode::Shared);
+    return false;
+  }
+}
+
+bool LuAfxsUserLink::fileIsAsSeen(FILE* file) const {
+  if (!m_seen) return false;
+  auto same = [this](const luio::FileStatus& st) {
+    return st.device == m_seenDevice && st.index == m_seenIndex && st.size == m_seenSize &&
+           st.modifiedNs == m_seenModified;
+  };
+  luio::FileStatus st;
+  if (file != nullptr && (!luio::status(file, st) || !same(st))) return false;
+  return luio::status(m_filePath, st) && same(st);
+}
+
+void LuAfxsUserLink::rememberFile(FILE* file) {
+  luio::FileStatus st;
+  m_seen = luio::status(file, st);
+  m_seenDevice = st.device;
+  m_seenIndex = st.index;
+  m_seenSize = st.size;
+  m_seenModified = st.modifiedNs;
+}
+
+// Intended: the file is deleted; but never a file another process holds
+// locked (it is busy, not damaged), nor anything but a regular file.
 void LuAfxsUserLink::remove() {
   closeFile(true);
-  LuDeleteFile(m_filePath.c_str());
+  luio::deleteUnlessLocked(m_filePath);
 }

@@ -183,6 +183,12 @@ bool LuAfxsCreateData::flushFrom(const LuAfxsPlane& p) {
   }
   m_link.updateState(m_mask);
   m_link.closeFile(!m_link.isOK());
+  // A file kept open has the record handed to the system before success is
+  // reported (a closed one was checked as it closed).
+  if (m_link.isOK() && m_link.m_file != nullptr && luio::flush(m_link.m_file) != 0) {
+    afxs::report(afxs::kErrDataFlush, afxs::kCreateSource, m_link.filePath());
+    m_link.isOK(false);
+  }
   return m_link.isOK();
 }
 

@@ -3,6 +3,7 @@
 // chain, each plane's subset chain and the FIRST_RECORD and STATE lines up to
 // date. The layout is described in docs/format.md.
 #include <algorithm>
+#include <cerrno>
 #include <cwchar>
 #include <string>
 #include <vector>
@@ -71,7 +72,9 @@ LuAfxsCreateLink::~LuAfxsCreateLink() {
     // Intended: a link that was never created successfully (or failed
     // later) removes whatever is at its path; LuDeleteFile refuses a
     // read-only file, so such a file survives.
-    if (m_deleteOnDestroy || !m_ok) LuDeleteFile(m_path.c_str());
+    // A file whose lock another process holds is that process's: it is
+    // left alone (so is anything but a regular file).
+    if (m_deleteOnDestroy || !m_ok) luio::deleteUnlessLocked(m_path);
   } catch (...) {
   }
 }
@@ -83,16 +86,7 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
   m_ok = false;
   m_keepOpen = keepOpen;
 
-  if (LuFileExist(m_path.c_str())) {
-    if (!luio::writable(m_path)) {
-      afxs::report(afxs::kErrCreateNotWritable, afxs::kCreateSource, m_path);
-      return false;
-    }
-    if (!LuDeleteFile(m_path.c_str())) {
-      afxs::report(afxs::kErrCreateDelete, afxs::kCreateSource, m_path);
-      return false;
-    }
-  }
+  if (LuFileExist(m_path.c_str()) && !replaceExisting()) return false;
   m_atEnd = false;
   m_file = luio::open(m_path, "w+b", luio::kAppendBuffer);
   if (m_file == nullptr) {
@@ -131,6 +125,9 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
     putHeaderLine(m_file, LuStrFrmt::format(headerLineFormat(afxs::kLineState), 0u));
     putHeaderLine(m_file, LuStrFrmt::format("%s", headerLineFormat(afxs::kLineHeaderEnd)));
     m_atEnd = true;
+    // A file kept open has its header handed to the system now; a closed
+    // one when it is closed (checked there).
+    if (keepOpen && luio::flush(m_file) != 0) afxs::fail();
     m_ok = true;
   } catch (...) {
     afxs::report(afxs::kErrCreateHeader, afxs::kCreateSource, m_path);
@@ -139,6 +136,35 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
   if (m_ok && !m_cameras.cameras.empty()) m_ok = createCamerasRecord();
   closeFile(!m_ok);
   return m_ok;
+}
+
+// Deletes the existing file at the path before a new one is created in its
+// place. A read-only file is refused (0xc41b0001); a folder is never deleted
+// (0xc41b0002, as a failed delete); a FIFO, a device and a file another
+// process holds locked are refused as a failed open (0xc41b0003); a failed
+// delete reports 0xc41b0002.
+bool LuAfxsCreateLink::replaceExisting() {
+  luio::FileStatus st;
+  if (luio::status(m_path, st) && !st.regular) {
+    afxs::report(luio::isFolder(st) ? afxs::kErrCreateDelete : afxs::kErrCreateOpen,
+                 afxs::kCreateSource, m_path);
+    return false;
+  }
+  if (!luio::writable(m_path)) {
+    afxs::report(afxs::kErrCreateNotWritable, afxs::kCreateSource, m_path);
+    return false;
+  }
+  luio::FileLock old;
+  if (!old.acquire(m_path, luio::LockMode::Exclusive) && errno == EBUSY) {
+    afxs::report(afxs::kErrCreateOpen, afxs::kCreateSource, m_path);
+    return false;
+  }
+  if (!luio::lockSurvivesDelete()) old.release();
+  if (!LuDeleteFile(m_path.c_str())) {
+    afxs::report(afxs::kErrCreateDelete, afxs::kCreateSource, m_path);
+    return false;
+  }
+  return true;
 }
 
 bool LuAfxsCreateLink::reopenForRecord() {
@@ -187,6 +213,8 @@ bool LuAfxsCreateLink::createCamerasRecord() {
     afxs::putBytes(f, m_cameras.cameras.data(), static_cast<size_t>(dataBytes));
     afxs::putU32(f, afxs::kEndMark);
     afxs::putU32(f, LU_AFXS_REC_CAMERAS);
+    // Success only for bytes that reached the system.
+    if (luio::flush(f) != 0) afxs::fail();
   } catch (...) {
     afxs::report(afxs::kErrCamerasRecord, afxs::kCreateSource, m_path);
     m_ok = false;
@@ -208,8 +236,39 @@ void LuAfxsCreateLink::closeFile(bool close) {
     }
   }
   if (!close && m_keepOpen) return;
-  luio::close(m_file);
+  // The stream's last buffered bytes go out with the close: a failed close
+  // is a failed write, reported once (as the STATE line's) unless the link
+  // has failed already.
+  const int closed = luio::close(m_file);
   m_file = nullptr;
+  if (closed != 0 && m_ok) {
+    afxs::report(afxs::kErrCloseState, afxs::kCreateSource, m_path);
+    m_ok = false;
+  }
+}
+
+bool LuAfxsCreateLink::closeDurably() {
+  if (!reopenForRecord()) return false;
+  int64_t end = -1;
+  try {
+    end = seekAppendPosition();
+  } catch (...) {
+  }
+  const bool keepOpen = m_keepOpen;
+  m_keepOpen = true;
+  closeFile(false);  // the STATE line, when it changed
+  m_keepOpen = keepOpen;
+  if (m_ok && (end < 0 || luio::sync(m_file) != 0)) {
+    afxs::report(afxs::kErrCloseState, afxs::kCreateSource, m_path);
+    m_ok = false;
+  }
+  closeFile(true);
+  luio::FileStatus st;
+  if (m_ok && (!luio::status(m_path, st) || st.size != static_cast<uint64_t>(end))) {
+    afxs::report(afxs::kErrCloseState, afxs::kCreateSource, m_path);
+    m_ok = false;
+  }
+  return m_ok;
 }
 
 void LuAfxsCreateLink::release() { m_deleteOnDestroy = false; }

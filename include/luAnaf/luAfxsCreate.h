@@ -22,6 +22,7 @@ class LuAfxsCreateData;
 // number of LuAfxsCreateData flushes, release, destroy.
 class LUANAF_API LuAfxsCreateLink : public LuAfxsBaseLink {
   friend class LuAfxsCreateData;
+  friend class LuAfxsUserDataSet;
 
 public:
   // The path is taken as given, of any length and in any characters (a null
@@ -56,7 +57,9 @@ public:
   // with 0xc41b0004 before anything is written.
   bool createCamerasRecord();
   // Rewrites the STATE line if the state word changed, then closes the file
-  // unless close is false and the link keeps it open.
+  // unless close is false and the link keeps it open. A failed close (its
+  // last buffered bytes did not reach the system) is reported as a failed
+  // STATE rewrite (0xc41b0006) and turns the link not OK.
   void closeFile(bool close);
   // The file survives the link.
   void release();
@@ -96,6 +99,15 @@ protected:
   // The end of the file, where the next record goes; the stream is left
   // there. Seeks only when the stream is elsewhere.
   int64_t seekAppendPosition();
+  // Deletes the existing file at the path before create makes a new one;
+  // false, reported, when it cannot or must not be deleted.
+  bool replaceExisting();
+  // Closes the file durably: the STATE line, every buffered byte and the
+  // contents on the device (fsync), then checks that the closed file is as
+  // long as what was written. False, reported with 0xc41b0006 (the link
+  // turns not OK), when any of that fails. Used before a rewrite replaces
+  // the file it was made from.
+  bool closeDurably();
 
   LuAfxsHeader m_header;
   LuAfxsCamerasTable m_cameras;

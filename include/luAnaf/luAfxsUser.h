@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -64,6 +65,25 @@ protected:
   FILE* getRecord(luafxs_records_en kind);
   FILE* getPlaneRecord(unsigned long planeId);
   FILE* createNewRecord(luafxs_records_en kind);
+  // Appends a record of `kind` in an order that cannot half-happen: the
+  // record's header, then its body and end mark (written by writeBody at
+  // the given body offset; it throws on a failed write), handed to the
+  // system; only then is it linked behind the chain's last record, and
+  // then named by the results link block (byte count 4, then the offset)
+  // whose count word is at linkBlockAt. True only once every byte reached
+  // the system. On any failure the file is put back as it was (links
+  // restored, the file cut to its old size), 0xc41b0014 is reported, and
+  // false returned. A file that was replaced or changed since this link
+  // read it is refused, with the same report, before anything is written.
+  bool appendLinkedRecord(luafxs_records_en kind,
+                          const std::function<void(FILE*, uint32_t)>& writeBody,
+                          uint32_t linkBlockAt);
+  // Whether the file (the open stream's, and the one at the path) is the
+  // one this link read or last wrote: same device and index, same size and
+  // modification time to the nanosecond where the platform keeps them.
+  bool fileIsAsSeen(FILE* file) const;
+  // Remembers the state of the file `file` is open on as the one seen.
+  void rememberFile(FILE* file);
 
   LuAfxsHeader m_header;
   LuAfxsCamerasTable m_cameras;
@@ -83,6 +103,12 @@ protected:
   bool m_fileModified = false;
   uint32_t m_lastNextField = 0;
   uint64_t m_fileSize = 0;  // size at the last read of the chain; bounds every count
+  // The file as this link last read or wrote it (see fileIsAsSeen).
+  uint64_t m_seenDevice = 0;
+  uint64_t m_seenIndex = 0;
+  uint64_t m_seenSize = 0;
+  int64_t m_seenModified = 0;  // nanoseconds
+  bool m_seen = false;
 };
 
 // The reading side's view of one plane-subset record. Created and owned by

@@ -2,15 +2,27 @@
 // operation of the library goes through one small layer that counts its calls
 // by kind; arming a fault makes the N-th call of a kind (counted from the
 // arming, 1-based) fail as the runtime would: open returns null, read and
-// write come up short, seek returns non-zero, tell returns -1. Not for
-// production use; one thread at a time.
+// write come up short, seek returns non-zero, tell returns -1, a flush, a
+// close or a sync (to the device) returns failure (a failed close still
+// closes the stream). Not for production use; one thread at a time.
 #pragma once
 
 #include <cstdint>
 
 #include <luAnaf/luExport.h>
 
-enum class LuIoOp : int { Open = 0, Read = 1, Write = 2, Seek = 3, Tell = 4, Any = 5 };
+enum class LuIoOp : int {
+  Open = 0,
+  Read = 1,
+  Write = 2,
+  Seek = 3,
+  Tell = 4,
+  Any = 5,
+  // Added later; Any counts them too.
+  Flush = 6,  // handing a stream's buffered bytes to the system
+  Close = 7,  // closing a stream (its last buffered bytes go out then)
+  Sync = 8,   // making a file's or a folder's contents durable on the device
+};
 
 // Fail the nth call of op from now on (Any: of any kind). Replaces an armed fault.
 LUANAF_API void luIoFaultArm(LuIoOp op, uint64_t nth);

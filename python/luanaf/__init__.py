@@ -233,7 +233,9 @@ class Subset:
         """Appends the attached results to the file as a results record.
 
         Raises Error when the record already has results, nothing is
-        attached, or the write failed (e.g. a read-only file)."""
+        attached, or the write failed (e.g. a read-only file, a full disk,
+        another process reading or changing the file, or a file changed
+        since it was opened); the file is then as it was."""
         self._f.flush(self._i)
 
     def as_dict(self):
@@ -441,7 +443,8 @@ def remove_fields(path, mask_or_names):
     points and distances always go too when anything is removed. Returns True
     when the file was rewritten, False when no record held any of the groups
     (the file is then untouched). A file that cannot be verified or is
-    read-only raises Error and is left as it is.
+    read-only, that another process is reading or changing, or whose rewrite
+    cannot be completed on the disk raises Error and is left as it is.
     """
     return _luanaf.remove_fields(_path(path), _mask(mask_or_names))
 
