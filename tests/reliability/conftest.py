@@ -20,7 +20,6 @@ LUAFXS = os.environ.get("LUANAF_LUAFXS", "")
 # A hung process is a failure; this bound only keeps a hang from stopping the run.
 HANG_SECONDS = 60
 
-GROUPS = ("points", "segments", "normals", "aux", "results")
 GROUP_BITS = {"points": 1, "segments": 2, "normals": 4, "aux": 8, "results": 16 | 32}
 
 
@@ -89,10 +88,6 @@ def records_by_plane(d):
     return {r["plane"]: r for r in d["records"]}
 
 
-def python_env():
-    return dict(os.environ)
-
-
 PYTHON = sys.executable
 
 
@@ -145,7 +140,8 @@ def tmpfs(tmp_path):
         text=True,
     )
     if done.returncode != 0:
-        pytest.skip("cannot mount a tmpfs here (needs root): " + (done.stderr.strip() or "mount failed"))
+        reason = (done.stderr.strip().splitlines() or ["mount failed"])[0]
+        pytest.skip("cannot mount a tmpfs here (needs root): " + reason)
     try:
         yield Tmpfs(mount_point, size_kib)
     finally:
