@@ -18,6 +18,7 @@
 #include <windows.h>
 #else
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/uio.h>
 #include <unistd.h>
 #endif
@@ -248,7 +249,7 @@ FILE* openRegular(const std::wstring& path, const char* mode) {
   }
   const int fd = ::open(narrowPath(path).c_str(), flags, 0666);
   if (fd < 0) return nullptr;
-  struct stat st;
+  struct stat st {};
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     const int err = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
     ::close(fd);
@@ -267,12 +268,17 @@ FILE* openRegular(const std::wstring& path, const char* mode) {
 }
 #endif
 
-// Empties a file just opened with "w+b", now that its lock is held.
+// Empties a file just opened with "w+b", now that its lock is held. A new
+// file is left alone: some file systems (ext4's auto_da_alloc) take a cut
+// to size 0 as a replace and write the file out at its close.
 bool emptyFile(FILE* file) {
 #if defined(_WIN32)
-  return _chsize_s(_fileno(file), 0) == 0;
+  const int fd = _fileno(file);
+  return _filelengthi64(fd) == 0 || _chsize_s(fd, 0) == 0;
 #else
-  return ::ftruncate(fileno(file), 0) == 0;
+  struct stat st;
+  const int fd = fileno(file);
+  return (::fstat(fd, &st) == 0 && st.st_size == 0) || ::ftruncate(fd, 0) == 0;
 #endif
 }
 
@@ -303,7 +309,8 @@ bool relock(FILE* file, LockMode mode) {
     errno = EBADF;
     return false;
   }
-  return it->second.lock.acquire(file, mode);
+  FileLock& lock = it->second.lock;
+  return lock.held() ? lock.convert(mode) : lock.acquire(file, mode);
 }
 
 size_t read(void* buffer, size_t size, size_t count, FILE* file) {
@@ -474,12 +481,18 @@ int sync(FILE* file) {
 
 int truncate(FILE* file, int64_t size) {
   if (injectFault(LuIoOp::Write)) return -1;
-  if (std::fflush(file) != 0) return -1;
+  // What the stream still holds lies behind the cut: what can go out goes
+  // out and is cut off; what cannot (a full disk) is dropped, so that it
+  // never reaches the file later, at the close.
+  std::fflush(file);
 #if defined(_WIN32)
-  return _chsize_s(_fileno(file), size) == 0 ? 0 : -1;
+  const bool cut = _chsize_s(_fileno(file), size) == 0;
 #else
-  return ::ftruncate(fileno(file), static_cast<off_t>(size)) == 0 ? 0 : -1;
+  __fpurge(file);
+  const bool cut = ::ftruncate(fileno(file), static_cast<off_t>(size)) == 0;
 #endif
+  std::clearerr(file);
+  return cut ? 0 : -1;
 }
 
 bool syncFolderOf(const std::wstring& path) {

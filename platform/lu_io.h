@@ -64,8 +64,8 @@ int flush(FILE* file);
 // Flushes the stream and makes the file's contents durable on the device
 // (fsync, _commit): 0 or -1.
 int sync(FILE* file);
-// Flushes the stream and sets the file's size (shortening it): 0 or -1.
-// Counts as a write for the fault seam.
+// Sets the file's size (shortening it), dropping whatever the stream still
+// holds for the part cut off: 0 or -1. Counts as a write for the fault seam.
 int truncate(FILE* file, int64_t size);
 // Makes the entries of the folder that holds `path` durable (a created,
 // deleted or renamed name); true where the platform has nothing to do.

@@ -163,7 +163,7 @@ bool osConvert(OsHandle fd, LockMode from, LockMode to) {
 OsHandle openForLock(const std::wstring& path) {
   const int fd = ::open(narrowPath(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return kNoHandle;
-  struct stat st;
+  struct stat st {};
   if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     const int err = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
     ::close(fd);
@@ -284,22 +284,9 @@ bool FileLock::acquire(FILE* file, LockMode mode) {
   }
   FileKey key;
   if (!keyOf(handleOf(file), key)) return false;
+  if (m_entry != nullptr && m_entry->key == key) return convert(mode);
   LockTable& t = table();
   std::lock_guard<std::mutex> guard(t.mutex);
-  if (m_entry != nullptr && m_entry->key == key) {
-    if (m_mode == mode) return true;
-    // A conversion of this hold: the new mode is added before the old one
-    // goes, so the file is never left without a lock.
-    ++holdsOf(*m_entry, mode);
-    if (!settle(*m_entry)) {
-      --holdsOf(*m_entry, mode);
-      errno = EBUSY;
-      return false;
-    }
-    drop(t, m_entry, m_mode);
-    m_mode = mode;
-    return true;
-  }
   if (m_entry != nullptr) {
     drop(t, m_entry, m_mode);
     m_entry = nullptr;
@@ -324,6 +311,27 @@ bool FileLock::acquire(const std::wstring& path, LockMode mode) {
   }
   LockEntry* entry = entryFor(t, key, handle, true, mode);
   return entry != nullptr && attach(entry, mode);
+}
+
+bool FileLock::convert(LockMode mode) {
+  if (m_entry == nullptr) {
+    errno = EBADF;
+    return false;
+  }
+  if (m_mode == mode) return true;
+  LockTable& t = table();
+  std::lock_guard<std::mutex> guard(t.mutex);
+  // The new mode is added before the old one goes, so the file is never
+  // left without a lock.
+  ++holdsOf(*m_entry, mode);
+  if (!settle(*m_entry)) {
+    --holdsOf(*m_entry, mode);
+    errno = EBUSY;
+    return false;
+  }
+  drop(t, m_entry, m_mode);
+  m_mode = mode;
+  return true;
 }
 
 void FileLock::release() {

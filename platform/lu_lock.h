@@ -40,6 +40,9 @@ public:
   // The same for the regular file at `path`, opened without waiting. False
   // with the open's errno when it cannot be opened or is not a regular file.
   bool acquire(const std::wstring& path, LockMode mode);
+  // Converts this hold to `mode` (it must be held); false with errno EBUSY
+  // as acquire.
+  bool convert(LockMode mode);
   void release();
   bool held() const { return m_entry != nullptr; }
 

@@ -376,6 +376,16 @@ const LuAfxsCamerasTable& LuAfxsUserLink::getCameras() {
 
 namespace {
 
+// The fields of the file state a link remembers, as luio::FileStatus has them.
+luio::FileStatus seenState(uint64_t device, uint64_t index, uint64_t size, int64_t modifiedNs) {
+  luio::FileStatus st;
+  st.device = device;
+  st.index = index;
+  st.size = size;
+  st.modifiedNs = modifiedNs;
+  return st;
+}
+
 // The results link block of a plane-subset record without results.
 constexpr uint32_t kNoResultsBlock[2] = {4, 0};
 
@@ -387,7 +397,8 @@ bool LuAfxsUserLink::appendLinkedRecord(luafxs_records_en kind,
   if (!m_fileExists || m_lastNextField == 0) return false;
   FILE* f = openFile(0, true);  // exclusive: one writer at a time
   luio::FileStatus before;
-  if (f == nullptr || !luio::status(f, before) || !fileIsAsSeen(f)) {
+  if (f == nullptr || !luio::status(f, before) || !fileIsAsSeen(nullptr) ||
+      !luio::sameState(before, seenState(m_seenDevice, m_seenIndex, m_seenSize, m_seenModified))) {
     afxs::report(afxs::kErrUserNewRecord, afxs::kUserSource, m_filePath);
     if (f != nullptr) luio::relock(f, luio::LockMode::Shared);
     return false;
@@ -433,13 +444,10 @@ bool LuAfxsUserLink::appendLinkedRecord(luafxs_records_en kind,
 
 bool LuAfxsUserLink::fileIsAsSeen(FILE* file) const {
   if (!m_seen) return false;
-  auto same = [this](const luio::FileStatus& st) {
-    return st.device == m_seenDevice && st.index == m_seenIndex && st.size == m_seenSize &&
-           st.modifiedNs == m_seenModified;
-  };
+  const luio::FileStatus seen = seenState(m_seenDevice, m_seenIndex, m_seenSize, m_seenModified);
   luio::FileStatus st;
-  if (file != nullptr && (!luio::status(file, st) || !same(st))) return false;
-  return luio::status(m_filePath, st) && same(st);
+  if (file != nullptr && (!luio::status(file, st) || !luio::sameState(st, seen))) return false;
+  return luio::status(m_filePath, st) && luio::sameState(st, seen);
 }
 
 void LuAfxsUserLink::rememberFile(FILE* file) {

@@ -16,8 +16,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <functional>
+#include <iostream>
+#include <map>
 
 namespace lutest {
 namespace {
@@ -240,6 +243,149 @@ TEST_F(ProcessesTest, AFolderIsNeitherReadNorDeleted) {
     EXPECT_FALSE(out.create(true));
   }
   EXPECT_TRUE(fs::is_directory(path("folder.afxs")));
+}
+
+// ---- Kills -----------------------------------------------------------------
+
+// Runs `work` in a child process and kills it after `delay` microseconds
+// (or lets it end); true when it ended by itself.
+bool runAndKill(const std::function<void()>& work, long delay) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    work();
+    ::_exit(0);
+  }
+  ::usleep(static_cast<useconds_t>(delay));
+  ::kill(pid, SIGKILL);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status);
+}
+
+// How long `work` takes in a child process, in microseconds.
+long childDuration(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    work();
+    ::_exit(0);
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return static_cast<long>(std::chrono::duration_cast<std::chrono::microseconds>(
+                               std::chrono::steady_clock::now() - start)
+                               .count());
+}
+
+class KillTest : public ProcessesTest {
+protected:
+  // Many small records, so that a kill can hit any step of many appends.
+  void writeMany() {
+    std::vector<std::pair<LuAfxsPlane, uint32_t>> planes;
+    for (uint32_t i = 0; i < 60; ++i) planes.push_back({randomPlane(i, 1, 20, i + 1), 1 | 2 | 32});
+    ASSERT_TRUE(writeWithWriter(wpath("data.afxs"), LuAfxsHeader(), {{1, 2, 3}}, planes));
+  }
+  // Plane id -> points and distances (and result points when `withResults`)
+  // as a fresh link reads a copy; empty when it does not load.
+  std::map<uint32_t, std::string> planesOf(const fs::path& file, bool withResults) {
+    fs::remove(path("probe.afxs"));
+    fs::copy_file(file, path("probe.afxs"));
+    LuAfxsUserLink link(wpath("probe.afxs").c_str());
+    LuAfxsUserDataSet set(link);
+    std::map<uint32_t, std::string> out;
+    if (!set.load(LU_AFXS_MASK_ALL)) return out;
+    for (const LuAfxsUserData* d : set) {
+      const LuAfxsPlane& p = d->getPlaneData();
+      std::string bytes(reinterpret_cast<const char*>(p.points.data()),
+                        p.points.size() * sizeof(LuVec3));
+      if (withResults)
+        bytes.append(reinterpret_cast<const char*>(p.resPoints.data()),
+                     p.resPoints.size() * sizeof(LuVec3));
+      out[p.planeId] = bytes;
+    }
+    return out;
+  }
+};
+
+TEST_F(KillTest, AKilledRunOfResultsFlushesLeavesAFileThatLoads) {
+  writeMany();
+  const std::vector<uint8_t> before = readBytes(path("data.afxs"));
+  const std::map<uint32_t, std::string> original = planesOf(path("data.afxs"), false);
+  ASSERT_EQ(original.size(), 60u);
+  const std::wstring file = wpath("data.afxs");
+  auto flushAll = [&] {
+    LuAfxsUserLink link(file.c_str());
+    LuAfxsUserDataSet set(link);
+    if (!set.load(LU_AFXS_MASK_ALL)) return;
+    for (LuAfxsUserData* d : set) {
+      const uint32_t id = d->getPlaneData().planeId;
+      const std::vector<LuVec3> res{{double(id), 1, 2}};
+      d->setResPoints(reinterpret_cast<const double(*)[3]>(res.data()), res.size());
+      d->flush();
+    }
+  };
+  const long duration = childDuration(flushAll);
+  int partial = 0;  // runs killed with some records flushed and some not
+  for (int run = 0; run < 24; ++run) {
+    SCOPED_TRACE("run " + std::to_string(run));
+    fs::remove(path("data.afxs"));
+    writeBytes(path("data.afxs"), before);
+    runAndKill(flushAll, duration * run / 20);
+    const std::map<uint32_t, std::string> now = planesOf(path("data.afxs"), true);
+    ASSERT_EQ(now.size(), original.size()) << "the file does not load";
+    size_t withResults = 0;
+    for (const auto& [id, bytes] : now) withResults += bytes.size() > original.at(id).size();
+    partial += withResults != 0 && withResults != now.size();
+    for (const auto& [id, bytes] : now) {
+      const std::string& old = original.at(id);
+      ASSERT_EQ(bytes.substr(0, old.size()), old);
+      // Results, when there, are whole and the plane's own.
+      const std::string results = bytes.substr(old.size());
+      if (!results.empty()) {
+        ASSERT_EQ(results.size(), sizeof(LuVec3));
+        LuVec3 r;
+        std::memcpy(&r, results.data(), sizeof r);
+        EXPECT_EQ(r.x, double(id));
+      }
+    }
+  }
+  std::cout << "[ kills ] results flushes: " << partial << " of 24 runs killed midway\n";
+}
+
+TEST_F(KillTest, AKilledRemoveLeavesTheOriginalOrTheWholeRewrite) {
+  writeMany();
+  const std::vector<uint8_t> before = readBytes(path("data.afxs"));
+  const std::wstring file = wpath("data.afxs");
+  auto removeDistances = [&] {
+    LuAfxsUserLink link(file.c_str());
+    LuAfxsUserDataSet set(link);
+    set.remove(LU_AFXS_MASK_DISTANCES);
+  };
+  const long duration = childDuration(removeDistances);
+  const std::map<uint32_t, std::string> rewritten = planesOf(path("data.afxs"), false);
+  ASSERT_EQ(rewritten.size(), 60u);
+  int kept = 0, replaced = 0, window = 0;
+  for (int run = 0; run < 24; ++run) {
+    SCOPED_TRACE("run " + std::to_string(run));
+    fs::remove(path("data.afxs"));
+    fs::remove(path("data.afxs.tmp"));
+    writeBytes(path("data.afxs"), before);
+    runAndKill(removeDistances, duration * run / 20);
+    if (fs::exists(path("data.afxs"))) {
+      const bool original = readBytes(path("data.afxs")) == before;
+      if (!original) {
+        EXPECT_EQ(planesOf(path("data.afxs"), false), rewritten) << "neither old nor new";
+      }
+      ++(original ? kept : replaced);
+    } else {
+      // The window between the delete and the move: the whole rewrite.
+      ASSERT_TRUE(fs::exists(path("data.afxs.tmp"))) << "both gone";
+      EXPECT_EQ(planesOf(path("data.afxs.tmp"), false), rewritten);
+      ++window;
+    }
+  }
+  std::cout << "[ kills ] remove: original kept " << kept << ", replaced " << replaced
+            << ", in the window " << window << " of 24 runs\n";
 }
 
 // ---- A full disk --------------------------------------------------------------

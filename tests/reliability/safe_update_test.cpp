@@ -261,5 +261,38 @@ TEST_F(SafeUpdateTest, RemoveRefusesAFileChangedUnderneathItsLink) {
   EXPECT_FALSE(fs::exists(path("data.afxs.tmp")));
 }
 
+TEST_F(SafeUpdateTest, LinksOfOneProcessNeverLockEachOtherOut) {
+  writeSample();
+  LuAfxsUserLink reader(wpath("data.afxs").c_str());
+  LuAfxsUserDataSet readerSet(reader);
+  ASSERT_TRUE(readerSet.load(LU_AFXS_MASK_ALL));  // keeps the file open, shared
+  LuAfxsUserLink writer(wpath("data.afxs").c_str());
+  LuAfxsUserDataSet writerSet(writer);
+  ASSERT_TRUE(writerSet.load(LU_AFXS_MASK_ALL));
+  const double dist[1] = {1};
+  (*writerSet.begin())->setDistances(dist, 1);
+  EXPECT_TRUE((*writerSet.begin())->flush());
+  EXPECT_TRUE(reports().empty());
+  // And the reader reads on while the writer still holds the file open.
+  LuAfxsUserLink third(wpath("data.afxs").c_str());
+  EXPECT_TRUE(third.verify(false));
+}
+
+TEST_F(SafeUpdateTest, VerifyReadsAgainAFileReplacedWithinTheSameSecond) {
+  writeSample();
+  ProbeUserLink link(wpath("data.afxs").c_str());
+  ASSERT_TRUE(link.verify(false));
+  ASSERT_EQ(link.planeIndex().size(), 2u);
+  const auto time = fs::last_write_time(path("data.afxs"));
+  ASSERT_TRUE(writeWithWriter(wpath("other.afxs"), LuAfxsHeader(), {},
+                              {{randomPlane(0, 1, 10, 1), 1},
+                               {randomPlane(1, 1, 10, 2), 1},
+                               {randomPlane(2, 1, 10, 3), 1}}));
+  fs::last_write_time(path("other.afxs"), time);
+  fs::rename(path("other.afxs"), path("data.afxs"));
+  ASSERT_TRUE(link.verify(false));
+  EXPECT_EQ(link.planeIndex().size(), 3u);
+}
+
 }  // namespace
 }  // namespace lutest
