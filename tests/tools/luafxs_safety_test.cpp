@@ -563,10 +563,14 @@ TEST_F(SignalTest, AnInterruptedUnifyLeavesThePreviousOutputAndNoTemporary) {
   for (auto [signal, ms] : moments) {
     lutest::writeBytes(path("u.afxs"), std::vector<uint8_t>(previous.begin(), previous.end()));
     int status = unifyAndSignal(signal, std::chrono::milliseconds(ms));
+    const bool untouched = lutest::readText(path("u.afxs")) == previous;
     if (WIFSIGNALED(status)) {
       EXPECT_EQ(WTERMSIG(status), signal) << ms << " ms";
-      EXPECT_EQ(lutest::readText(path("u.afxs")), previous) << ms << " ms";
-      ++interrupted;
+      // A signal that comes after the rename finds the output whole already.
+      if (untouched)
+        ++interrupted;
+      else
+        EXPECT_EQ(run("validate " + q("u.afxs")).code, 0) << ms << " ms: neither old nor whole";
     } else {
       // Finished before the signal: the output is whole.
       EXPECT_EQ(WEXITSTATUS(status), 0) << ms << " ms";
@@ -574,8 +578,10 @@ TEST_F(SignalTest, AnInterruptedUnifyLeavesThePreviousOutputAndNoTemporary) {
     }
     EXPECT_TRUE(temporaries(m_dir).empty()) << ms << " ms";
   }
-  EXPECT_GE(interrupted, 4) << "the inputs are too small to interrupt unify while it runs";
-  EXPECT_EQ(lutest::readText(path("a.afxs")) + lutest::readText(path("b.afxs")), inputs);
+  // The early moments come long before unify of two 96 MB inputs can end.
+  EXPECT_GE(interrupted, 2) << "the inputs are too small to interrupt unify while it runs";
+  EXPECT_TRUE(lutest::readText(path("a.afxs")) + lutest::readText(path("b.afxs")) == inputs)
+      << "an input changed";
 }
 
 // ---- Outputs appear whole or not at all: a full disk -----------------------------------
