@@ -31,6 +31,20 @@ protected:
         {{randomPlane(0, 1, 40, 11), 1 | 2 | 32}, {randomPlane(1, 1, 30, 12), 1 | 2 | 32}}));
   }
 
+  // Another link of this process appends results to record `index` of the
+  // sample, and the file's bytes afterwards.
+  std::vector<uint8_t> flushThroughAnotherLink(size_t index) {
+    LuAfxsUserLink other(wpath("data.afxs").c_str());
+    LuAfxsUserDataSet otherSet(other);
+    EXPECT_TRUE(otherSet.load(LU_AFXS_MASK_ALL));
+    const double dist[1] = {9};
+    LuAfxsUserData* d = *std::next(otherSet.begin(), static_cast<long>(index));
+    d->setDistances(dist, 1);
+    EXPECT_TRUE(d->flush());
+    otherSet.closefile();
+    return readBytes(path("data.afxs"));
+  }
+
   // The points, distances and result points of every record, as a fresh
   // link on a copy reads them; nullopt when the file does not load.
   std::optional<std::string> contents(const std::string& name) {
@@ -202,16 +216,7 @@ TEST_F(SafeUpdateTest, FlushRefusesAFileChangedUnderneathItsLink) {
   LuAfxsUserDataSet firstSet(first);
   ASSERT_TRUE(firstSet.load(LU_AFXS_MASK_ALL));
   firstSet.closefile();
-  {
-    // Another link appends results to the second record.
-    LuAfxsUserLink other(wpath("data.afxs").c_str());
-    LuAfxsUserDataSet otherSet(other);
-    ASSERT_TRUE(otherSet.load(LU_AFXS_MASK_ALL));
-    const double dist[1] = {9};
-    (*std::next(otherSet.begin()))->setDistances(dist, 1);
-    ASSERT_TRUE((*std::next(otherSet.begin()))->flush());
-  }
-  const std::vector<uint8_t> changed = readBytes(path("data.afxs"));
+  const std::vector<uint8_t> changed = flushThroughAnotherLink(1);
   const double dist[1] = {1};
   (*firstSet.begin())->setDistances(dist, 1);
   EXPECT_FALSE((*firstSet.begin())->flush());
@@ -246,15 +251,7 @@ TEST_F(SafeUpdateTest, RemoveRefusesAFileChangedUnderneathItsLink) {
   LuAfxsUserLink first(wpath("data.afxs").c_str());
   LuAfxsUserDataSet firstSet(first);
   ASSERT_TRUE(firstSet.load(LU_AFXS_MASK_ALL));
-  {
-    LuAfxsUserLink other(wpath("data.afxs").c_str());
-    LuAfxsUserDataSet otherSet(other);
-    ASSERT_TRUE(otherSet.load(LU_AFXS_MASK_ALL));
-    const double dist[1] = {9};
-    (*otherSet.begin())->setDistances(dist, 1);
-    ASSERT_TRUE((*otherSet.begin())->flush());
-  }
-  const std::vector<uint8_t> changed = readBytes(path("data.afxs"));
+  const std::vector<uint8_t> changed = flushThroughAnotherLink(0);
   EXPECT_FALSE(firstSet.remove(LU_AFXS_MASK_DISTANCES));
   firstSet.closefile();
   EXPECT_TRUE(readBytes(path("data.afxs")) == changed);

@@ -24,10 +24,14 @@ inline std::vector<std::vector<double>> square(double size, double z) {
 class LuafxsTest : public lutest::TempDirTest {
 protected:
   // Runs the tool with the arguments (already quoted where needed).
-  Outcome run(const std::string& args) {
-    std::string out = path("stdout.txt").string(), err = path("stderr.txt").string();
-    std::string command =
-        std::string("'") + LUAFXS_PATH + "' " + args + " >'" + out + "' 2>'" + err + "'";
+  Outcome run(const std::string& args) { return runWithStreamsIn(m_dir, args); }
+  // The same with the tool's standard output and error kept in `io` and the
+  // command line put behind `prefix` (e.g. "timeout 60 ").
+  Outcome runWithStreamsIn(const std::filesystem::path& io, const std::string& args,
+                           const std::string& prefix = "") {
+    std::string out = (io / "stdout.txt").string(), err = (io / "stderr.txt").string();
+    std::string command = prefix + "'" + LUAFXS_PATH + "' " + args + " >'" + out + "' 2>'" + err +
+                          "' </dev/null";
     int status = std::system(command.c_str());
     Outcome r;
     r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

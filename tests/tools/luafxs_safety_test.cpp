@@ -37,15 +37,7 @@ protected:
   // fails the test instead of hanging it.
   Outcome runLimited(const std::string& args) { return run(args, "timeout 60 "); }
   Outcome run(const std::string& args, const std::string& prefix = "") {
-    std::string out = m_io / "stdout.txt", err = m_io / "stderr.txt";
-    std::string command =
-        prefix + "'" + LUAFXS_PATH + "' " + args + " >'" + out + "' 2>'" + err + "' </dev/null";
-    int status = std::system(command.c_str());
-    Outcome r;
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = lutest::readText(out);
-    r.err = lutest::readText(err);
-    return r;
+    return runWithStreamsIn(m_io, args, prefix);
   }
   void SetUp() override {
     LuafxsTest::SetUp();
