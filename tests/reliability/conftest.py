@@ -74,6 +74,24 @@ def write_sample(path, planes, points):
     return path
 
 
+class UnifyScans:
+    """Two scans (left, right) and what `luafxs unify` makes of them: an earlier
+    output of the left scan alone (older, its digest before) and the two unified
+    (the digest after); inputs holds the scans' bytes."""
+
+    def __init__(self, folder, planes, points):
+        self.left = write_sample(folder / "left.afxs", planes, points)
+        self.right = folder / "right.afxs"
+        shutil.copyfile(self.left, self.right)
+        self.older = folder / "older.afxs"
+        assert luafxs("unify", "-o", self.older, "%s:7" % self.left).returncode == 0
+        self.before = digest(self.older)
+        reference = folder / "reference.afxs"
+        assert luafxs("unify", "-o", reference, "%s:1" % self.left, "%s:2" % self.right).returncode == 0
+        self.after = digest(reference)
+        self.inputs = {name: (folder / name).read_bytes() for name in ("left.afxs", "right.afxs")}
+
+
 def flush_reports(stdout):
     """{plane: True/False} from the worker's "flush P ok|failed" lines."""
     out = {}

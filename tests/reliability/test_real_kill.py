@@ -29,12 +29,12 @@ import time
 import pytest
 
 from conftest import (
+    UnifyScans,
     LUAFXS,
     PYTHON,
     WORKER,
     digest,
     loads_as,
-    luafxs,
     records_by_plane,
     validates,
     worker,
@@ -183,16 +183,8 @@ def test_kill_during_remove(tmp_path, trial_dir):
 
 
 def test_kill_during_tool_unify(tmp_path, trial_dir):
-    left = write_sample(tmp_path / "left.afxs", 20, 3000)
-    right = tmp_path / "right.afxs"
-    shutil.copyfile(left, right)
-    older = tmp_path / "older.afxs"
-    assert luafxs("unify", "-o", older, "%s:7" % left).returncode == 0
-    before = digest(older)
-    reference = tmp_path / "reference.afxs"
-    assert luafxs("unify", "-o", reference, "%s:1" % left, "%s:2" % right).returncode == 0
-    after = digest(reference)
-    inputs = {name: (tmp_path / name).read_bytes() for name in ("left.afxs", "right.afxs")}
+    scans = UnifyScans(tmp_path, 20, 3000)
+    older, before, after, inputs = scans.older, scans.before, scans.after, scans.inputs
     out = trial_dir / "unified.afxs"
 
     def prepare():

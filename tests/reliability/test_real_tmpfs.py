@@ -14,6 +14,7 @@ import shutil
 import luanaf
 
 from conftest import (
+    UnifyScans,
     digest,
     flush_reports,
     loads_as,
@@ -136,16 +137,8 @@ def test_remove_at_every_fill_level(tmpfs, tmp_path):
 
 
 def test_tool_unify_at_every_fill_level(tmpfs, tmp_path):
-    left = write_sample(tmp_path / "left.afxs", 4, 100)
-    right = tmp_path / "right.afxs"
-    shutil.copyfile(left, right)
-    older = tmp_path / "older.afxs"
-    assert luafxs("unify", "-o", older, "%s:7" % left).returncode == 0
-    before = digest(older)
-    reference = tmp_path / "reference.afxs"
-    assert luafxs("unify", "-o", reference, "%s:1" % left, "%s:2" % right).returncode == 0
-    after = digest(reference)
-    inputs = {name: (tmp_path / name).read_bytes() for name in ("left.afxs", "right.afxs")}
+    scans = UnifyScans(tmp_path, 4, 100)
+    older, before, after, inputs = scans.older, scans.before, scans.after, scans.inputs
     out = tmpfs.path / "unified.afxs"
 
     def prepare():
