@@ -38,7 +38,7 @@ keep_corpus() {
   local target="$1" name kept
   name="$(basename "$target")"
   kept="$here/fuzz/corpus/$name"
-  mkdir -p "$kept.new"
+  mkdir -p "$kept" "$kept.new"
   "$target" -merge=1 -max_len=8192 -timeout=10 -rss_limit_mb=2048 "$kept.new" \
     "$kept" "$build/corpus/$name" 2>"$build/$name.merge.log" || {
     echo "merge of $name failed:"; tail -n 20 "$build/$name.merge.log"; rm -rf "$kept.new"; return 1; }
