@@ -109,20 +109,30 @@ def check_groups(round_, found, before, removed):
                 )
 
 
+def fresh_copy(source, target):
+    """The sample at target, with no rewrite of an earlier round beside it."""
+    shutil.copyfile(source, target)
+    leftover = target.with_name(target.name + ".tmp")
+    if leftover.exists():
+        leftover.unlink()
+
+
+def assert_kept(round_, target):
+    assert target.exists(), "round %d: the file is gone" % round_
+    assert validates(target), "round %d: the file no longer validates" % round_
+
+
 def test_two_removes_on_one_file(tmp_path, sample):
     source, before, _ = sample
     original = source.read_bytes()
     target = tmp_path / "scan.afxs"
     outcomes = {}
     for round_ in range(ROUNDS):
-        shutil.copyfile(source, target)
-        for leftover in tmp_path.glob("scan.afxs.tmp"):
-            leftover.unlink()
+        fresh_copy(source, target)
         normals = start("remove", target, GROUP_BITS["normals"])
         aux = start("remove", target, GROUP_BITS["aux"])
         (rc_normals, _, _), (rc_aux, _, _) = finish(normals), finish(aux)
-        assert target.exists(), "round %d: the file is gone" % round_
-        assert validates(target), "round %d: the file no longer validates" % round_
+        assert_kept(round_, target)
         removed = {g for g, rc in (("normals", rc_normals), ("aux", rc_aux)) if rc == 0}
         if not removed:
             assert target.read_bytes() == original, "round %d: both failed and the file changed" % round_
@@ -137,17 +147,14 @@ def test_flush_while_remove_on_one_file(tmp_path, sample):
     target = tmp_path / "scan.afxs"
     outcomes = {}
     for round_ in range(ROUNDS):
-        shutil.copyfile(source, target)
-        for leftover in tmp_path.glob("scan.afxs.tmp"):
-            leftover.unlink()
+        fresh_copy(source, target)
         flusher = start("flush", target, "--wait", stdin=subprocess.PIPE)
         loaded(flusher)
         remover = start("remove", target, GROUP_BITS["normals"])
         flusher.stdin.write("\n")
         flusher.stdin.flush()
         (rc_flush, out, _), (rc_remove, _, _) = finish(flusher), finish(remover)
-        assert target.exists(), "round %d: the file is gone" % round_
-        assert validates(target), "round %d: the file no longer validates" % round_
+        assert_kept(round_, target)
         found = digest(target)
         check_groups(round_, found, before, {"normals"} if rc_remove == 0 else set())
         reports = flush_reports(out)
