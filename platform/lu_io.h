@@ -5,7 +5,10 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
+
+#include <luAnaf/luUtf8.h>
 
 #include "platform/lu_lock.h"
 
@@ -17,9 +20,21 @@ namespace luio {
 inline constexpr size_t kStreamBuffer = 4096;
 inline constexpr size_t kAppendBuffer = size_t{64} << 10;
 
-// UTF-8 form of a wide path, for file systems that take narrow paths.
-std::string narrowPath(const std::wstring& path);
-std::wstring widen(const std::string& text);
+// UTF-8 form of a wide path, for file systems that take narrow paths, and
+// back (luAnaf/luUtf8.h: the project's one conversion).
+inline std::string narrowPath(const std::wstring& path) { return luWideToUtf8(path); }
+inline std::wstring widen(const std::string& text) { return luUtf8ToWide(text); }
+// The path as std::filesystem and the standard streams take it: the wide
+// path itself on Windows, its UTF-8 form elsewhere (a std::filesystem::path
+// made from a wide string would convert it with the locale instead, and
+// throw on a name that is not valid UTF-8).
+inline std::filesystem::path nativePath(const std::wstring& path) {
+#if defined(_WIN32)
+  return std::filesystem::path(path);
+#else
+  return std::filesystem::path(narrowPath(path));
+#endif
+}
 
 // Opens a regular file ("rb", "r+b" or "w+b") and takes its lock: shared
 // for "rb", exclusive otherwise (luio::FileLock), held until close. Never

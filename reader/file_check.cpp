@@ -774,7 +774,7 @@ LuAfxsInspection luAfxsInspect(const std::wstring& path, bool deep) {
     // A directory opens for reading on some systems (and reports a size of
     // 2^63 - 1), and opening a FIFO waits for a writer: neither is opened.
     std::error_code ec;
-    std::filesystem::file_status status = std::filesystem::status(std::filesystem::path(path), ec);
+    std::filesystem::file_status status = std::filesystem::status(luio::nativePath(path), ec);
     if (!ec && std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
       out.problems.push_back({0, true,
                               std::filesystem::is_directory(status)

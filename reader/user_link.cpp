@@ -27,15 +27,6 @@ constexpr size_t kPathBuffer = 1024;
 // Bytes read at a time while the record chain is scanned.
 constexpr size_t kScanWindow = 4096;
 
-std::filesystem::path headerStreamPath(const std::wstring& path) {
-#if defined(_WIN32)
-  return std::filesystem::path(path);
-#else
-  // The file system takes the UTF-8 form of the wide path.
-  return std::filesystem::path(luio::narrowPath(path));
-#endif
-}
-
 bool isKeyword(const std::string& word, int lineId) {
   return word == afxs::headerKeyword(lineId).keyword;
 }
@@ -155,7 +146,7 @@ bool LuAfxsUserLink::readHeader() {
   luio::FileStatus st;
   const bool regular = luio::status(m_filePath, st) && st.regular;
   std::ifstream in;
-  if (regular) in.open(headerStreamPath(m_filePath));
+  if (regular) in.open(luio::nativePath(m_filePath));
   // Numbers are read as the writer's C-locale printf wrote them, whatever
   // global locale the client has set.
   in.imbue(std::locale::classic());

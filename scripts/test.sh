@@ -5,7 +5,9 @@
 #   3. the release test programs under valgrind memcheck (bulk loops reduced)
 #   4. every fuzz target for a bounded slice (LUANAF_FUZZ_SECONDS each, default 30)
 #   5. the Windows x86-64 cross build, its tests run under Wine
-# Stages can be left out by hand: LUANAF_SKIP="asan valgrind fuzz windows".
+#   6. the builds of client projects: installed package and add_subdirectory,
+#      g++ with sanitizer flags and BUILD_TESTING=OFF (scripts/consumer_build.sh)
+# Stages can be left out by hand: LUANAF_SKIP="asan valgrind fuzz windows consumer".
 # Usage: bash scripts/test.sh        (from anywhere; installs what it needs)
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -52,6 +54,11 @@ fi
 if wanted windows; then
   stage "windows cross build and tests under wine"
   bash "$here/scripts/windows.sh"
+fi
+
+if wanted consumer; then
+  stage "client projects: installed package and add_subdirectory"
+  bash "$here/scripts/consumer_build.sh"
 fi
 
 stage "all tests passed"

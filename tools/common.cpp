@@ -19,52 +19,9 @@ void error(const std::string& file, const std::string& what) {
 
 void warning(const std::string& file, const std::string& what) { error(file, "warning: " + what); }
 
-std::wstring widen(const std::string& path) {
-  // Paths are UTF-8 on POSIX; decode them so that the library's own UTF-8
-  // conversion gives the same bytes back.
-  std::wstring out;
-  for (size_t i = 0; i < path.size();) {
-    unsigned char c = static_cast<unsigned char>(path[i]);
-    int extra = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : -1;
-    bool valid = extra >= 0 && i + static_cast<size_t>(extra) < path.size();
-    for (int k = 1; valid && k <= extra; ++k)
-      valid = (static_cast<unsigned char>(path[i + static_cast<size_t>(k)]) & 0xC0) == 0x80;
-    if (!valid) {
-      out.push_back(static_cast<wchar_t>(c));
-      ++i;
-      continue;
-    }
-    uint32_t cp = extra == 0 ? c : c & (0x3F >> extra);
-    for (int k = 1; k <= extra; ++k)
-      cp = (cp << 6) | (static_cast<unsigned char>(path[i + static_cast<size_t>(k)]) & 0x3F);
-    out.push_back(static_cast<wchar_t>(cp));
-    i += static_cast<size_t>(extra) + 1;
-  }
-  return out;
-}
+std::wstring widen(const std::string& path) { return luUtf8ToWide(path); }
 
-std::string narrow(const std::wstring& text) {
-  std::string out;
-  for (wchar_t w : text) {
-    uint32_t c = static_cast<uint32_t>(w);
-    if (c < 0x80) {
-      out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
-  }
-  return out;
-}
+std::string narrow(const std::wstring& text) { return luWideToUtf8(text); }
 
 std::string hex32(uint64_t value) { return fmt::format("0x{:08X}", value); }
 

@@ -40,7 +40,7 @@ std::wstring withTrailingSeparator(std::wstring dir) {
 // ends in the platform's line end (one line feed on POSIX).
 bool openDump(std::ofstream& out, const std::wstring& path) {
 #if defined(_WIN32)
-  out.open(std::filesystem::path(path), std::ios::out | std::ios::trunc);
+  out.open(luio::nativePath(path), std::ios::out | std::ios::trunc);
 #else
   out.open(luio::narrowPath(path), std::ios::out | std::ios::trunc);
 #endif

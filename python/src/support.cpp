@@ -116,11 +116,7 @@ void checkInterrupt(Capture& cap) {
   if (PyErr_CheckSignals() != 0) throw py::error_already_set();
 }
 
-std::string narrow(const std::wstring& w) {
-  // Wide strings on POSIX hold UTF-32 code points; Python converts them.
-  py::object s = py::cast(w);
-  return s.cast<std::string>();
-}
+std::string narrow(const std::wstring& w) { return luWideToUtf8(w); }
 
 void raiseError(const std::string& what, const std::wstring& path,
                 const std::vector<LuErrorReport>& reports, int errnum, const char* kind) {

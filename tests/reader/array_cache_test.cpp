@@ -3,7 +3,7 @@
 // turns the cache off; small arrays are left to the allocator; a failed read
 // never shows an array's earlier contents; loads on several threads share it.
 #include <luAnaf/luAnaf.h>
-#include <luAnaf/luIoFault.h>
+#include "platform/lu_io_fault.h"
 
 #include <set>
 #include <thread>

@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 #include <luAnaf/luAnaf.h>
-#include <luAnaf/luIoFault.h>
+#include "platform/lu_io_fault.h"
 
 #include "support/reader_files.h"
 #include "support/test_support.h"

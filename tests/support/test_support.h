@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 #include <luAnaf/luAnaf.h>
-#include <luAnaf/luIoFault.h>
+#include "platform/lu_io_fault.h"
 
 namespace lutest {
 

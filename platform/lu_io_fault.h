@@ -1,4 +1,6 @@
-// A fault-injection seam in the library's I/O layer, for tests. Every file
+// A fault-injection seam in the library's I/O layer, for tests: a test hook,
+// not part of the installed interface (the functions are exported from the
+// library so that the test programs can reach them). Every file
 // operation of the library goes through one small layer that counts its calls
 // by kind; arming a fault makes the N-th call of a kind (counted from the
 // arming, 1-based) fail as the runtime would: open returns null, read and
@@ -34,3 +36,9 @@ LUANAF_API bool luIoFaultFired();
 // Calls of op (Any: of every kind) since the last reset.
 LUANAF_API uint64_t luIoCallCount(LuIoOp op);
 LUANAF_API void luIoResetCounts();
+
+namespace luio {
+// Counts one call of op and tells whether the armed fault hits it (errno is
+// then EIO). Every operation of platform/lu_io.cpp asks first.
+bool injectFault(LuIoOp op);
+}  // namespace luio
