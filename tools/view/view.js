@@ -220,17 +220,46 @@
     if (options.normals.checked && part.nrm) drawNormals(part, layer.colour);
     if (options.results.checked && part.res) drawResults(part, layer.colour);
     const zoomed = part.spacing * state.scale >= MARKER_SPACING_PX;
+    if (byDistance) drawByDistance(part, zoomed ? 3 : 1.2);
+    else drawMarkers(part, layer, zoomed && options.markers.checked);
+  }
+
+  // Markers in the layer's colour: every point in view when zoomed in, and
+  // always the points of one-point segments, which a line cannot show.
+  function drawMarkers(part, layer, all) {
+    ctx.fillStyle = layer.colour;
     for (const [first, end] of part.runs) {
-      const all = (zoomed && options.markers.checked) || byDistance;
       if (!all && end - first !== 1) continue;
       for (let i = first; i < end; i++) {
         const x = toX(part.pts[2 * i]);
         const y = toY(part.pts[2 * i + 1]);
-        if (!inView(x, y)) continue;
-        ctx.fillStyle = byDistance ? rampColour(distanceT(part.dist[i])) : layer.colour;
-        marker(layer.index % 4, x, y, byDistance && !zoomed ? 1.6 : 3);
+        if (inView(x, y)) marker(layer.index % 4, x, y, 3);
       }
     }
+  }
+
+  // Every point in view in the colour of its distance, drawn by colour band
+  // so that the fill style changes 32 times, not once per point.
+  function drawByDistance(part, r) {
+    const BANDS = 32;
+    const bands = Array.from({ length: BANDS }, () => []);
+    for (let i = 0; i < part.n; i++) {
+      const x = toX(part.pts[2 * i]);
+      const y = toY(part.pts[2 * i + 1]);
+      if (!inView(x, y)) continue;
+      const band = Math.min(BANDS - 1, Math.max(0, Math.floor(distanceT(part.dist[i]) * BANDS)));
+      bands[band].push(x, y);
+    }
+    bands.forEach((xy, band) => {
+      if (!xy.length) return;
+      ctx.fillStyle = rampColour((band + 0.5) / BANDS);
+      ctx.beginPath();
+      for (let k = 0; k < xy.length; k += 2) {
+        ctx.moveTo(xy[k] + r, xy[k + 1]);
+        ctx.arc(xy[k], xy[k + 1], r, 0, 2 * Math.PI);
+      }
+      ctx.fill();
+    });
   }
 
   function drawNormals(part, colour) {
@@ -290,12 +319,16 @@
     return (f < 1.5 ? 1 : f < 3.5 ? 2 : f < 7.5 ? 5 : 10) * power;
   }
 
+  // The drawing's origin on its axes: labels and readouts are in file units.
+  const originU = raw.frame.origin.reduce((sum, x, k) => sum + x * raw.frame.u[k], 0);
+  const originV = raw.frame.origin.reduce((sum, x, k) => sum + x * raw.frame.v[k], 0);
+
   // A light grid with labels in file units along the left and bottom edges.
   function drawGrid() {
-    const u0 = toU(0);
-    const u1 = toU(state.width);
-    const v0 = toV(state.height);
-    const v1 = toV(0);
+    const u0 = toU(0) + originU;
+    const u1 = toU(state.width) + originU;
+    const v0 = toV(state.height) + originV;
+    const v1 = toV(0) + originV;
     const step = niceStep(Math.max(u1 - u0, v1 - v0), 10);
     ctx.strokeStyle = '#eee';
     ctx.lineWidth = 1;
@@ -303,12 +336,14 @@
     ctx.font = '11px sans-serif';
     ctx.beginPath();
     for (let u = Math.ceil(u0 / step) * step; u <= u1; u += step) {
-      ctx.moveTo(toX(u), 0); ctx.lineTo(toX(u), state.height);
-      ctx.fillText(+u.toPrecision(6), toX(u) + 2, state.height - 4);
+      const x = toX(u - originU);
+      ctx.moveTo(x, 0); ctx.lineTo(x, state.height);
+      ctx.fillText(+u.toPrecision(6), x + 2, state.height - 4);
     }
     for (let v = Math.ceil(v0 / step) * step; v <= v1; v += step) {
-      ctx.moveTo(0, toY(v)); ctx.lineTo(state.width, toY(v));
-      ctx.fillText(+v.toPrecision(6), 2, toY(v) - 2);
+      const y = toY(v - originV);
+      ctx.moveTo(0, y); ctx.lineTo(state.width, y);
+      ctx.fillText(+v.toPrecision(6), 2, y - 2);
     }
     ctx.stroke();
   }
