@@ -220,7 +220,7 @@
     if (options.normals.checked && part.nrm) drawNormals(part, layer.colour);
     if (options.results.checked && part.res) drawResults(part, layer.colour);
     const zoomed = part.spacing * state.scale >= MARKER_SPACING_PX;
-    if (byDistance) drawByDistance(part, zoomed ? 3 : 1.2);
+    if (byDistance) drawByDistance(part, zoomed);
     else drawMarkers(part, layer, zoomed && options.markers.checked);
   }
 
@@ -239,26 +239,45 @@
   }
 
   // Every point in view in the colour of its distance, drawn by colour band
-  // so that the fill style changes 32 times, not once per point.
-  function drawByDistance(part, r) {
+  // so that the fill style changes once per band, not once per point.
+  function drawByDistance(part, zoomed) {
     const BANDS = 32;
-    const bands = Array.from({ length: BANDS }, () => []);
-    for (let i = 0; i < part.n; i++) {
-      const x = toX(part.pts[2 * i]);
-      const y = toY(part.pts[2 * i + 1]);
-      if (!inView(x, y)) continue;
-      const band = Math.min(BANDS - 1, Math.max(0, Math.floor(distanceT(part.dist[i]) * BANDS)));
-      bands[band].push(x, y);
-    }
-    bands.forEach((xy, band) => {
-      if (!xy.length) return;
-      ctx.fillStyle = rampColour((band + 0.5) / BANDS);
-      ctx.beginPath();
-      for (let k = 0; k < xy.length; k += 2) {
-        ctx.moveTo(xy[k] + r, xy[k + 1]);
-        ctx.arc(xy[k], xy[k + 1], r, 0, 2 * Math.PI);
+    const bandOf = (i) => Math.min(BANDS - 1, Math.max(0, Math.floor(distanceT(part.dist[i]) * BANDS)));
+    if (zoomed) {
+      // Few points are in view: a round marker each.
+      const bands = Array.from({ length: BANDS }, () => []);
+      for (let i = 0; i < part.n; i++) {
+        const x = toX(part.pts[2 * i]);
+        const y = toY(part.pts[2 * i + 1]);
+        if (inView(x, y)) bands[bandOf(i)].push(x, y);
       }
-      ctx.fill();
+      bands.forEach((xy, band) => {
+        if (!xy.length) return;
+        ctx.fillStyle = rampColour((band + 0.5) / BANDS);
+        ctx.beginPath();
+        for (let k = 0; k < xy.length; k += 2) {
+          ctx.moveTo(xy[k] + 3, xy[k + 1]);
+          ctx.arc(xy[k], xy[k + 1], 3, 0, 2 * Math.PI);
+        }
+        ctx.fill();
+      });
+      return;
+    }
+    // Crowded: one 2x2 cell per point, the last point in a cell gives its colour.
+    const cols = Math.ceil(state.width / 2);
+    const rows = Math.ceil(state.height / 2);
+    const cells = new Int8Array(cols * rows).fill(-1);
+    for (let i = 0; i < part.n; i++) {
+      const cx = Math.floor(toX(part.pts[2 * i]) / 2);
+      const cy = Math.floor(toY(part.pts[2 * i + 1]) / 2);
+      if (cx >= 0 && cy >= 0 && cx < cols && cy < rows) cells[cy * cols + cx] = bandOf(i);
+    }
+    const bands = Array.from({ length: BANDS }, () => []);
+    for (let c = 0; c < cells.length; c++) if (cells[c] >= 0) bands[cells[c]].push(c);
+    bands.forEach((list, band) => {
+      if (!list.length) return;
+      ctx.fillStyle = rampColour((band + 0.5) / BANDS);
+      for (const c of list) ctx.fillRect((c % cols) * 2 - 0.5, Math.floor(c / cols) * 2 - 0.5, 3, 3);
     });
   }
 

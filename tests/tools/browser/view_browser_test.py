@@ -107,7 +107,6 @@ def drive_viewer(page, html, shots):
     markers = page.eval("luafxsView.planes[20].parts[0].spacing * luafxsView.state.scale")
     check(markers >= 7, "zoomed in, the points are far enough apart for markers (%.1f px)" % markers)
     page.send("Runtime.evaluate", {"expression": "document.getElementById('color-distance').click()"})
-    page.screenshot(os.path.join(shots, "view-overlap.png"))
 
     # The readout of the point under the cursor.
     point = page.eval("(() => { const s = luafxsView.state, p = luafxsView.planes[20].parts[0];"
@@ -122,6 +121,7 @@ def drive_viewer(page, html, shots):
         text = page.eval("document.getElementById('readout').textContent")
         check("file     scan_a.afxs" in text and "plane    20" in text and "index" in text
               and "distance" in text and "x y z" in text, "the readout names the point: %r" % text)
+    page.screenshot(os.path.join(shots, "view-overlap.png"))
 
     # Wheel, drag and a two-finger pinch.
     page.eval("luafxsView.fit(); luafxsView.draw()")
