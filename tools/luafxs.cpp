@@ -152,7 +152,8 @@ int run(int argc, char** argv) {
   auto* viewCmd = app.add_subcommand(
       "view", "One self-contained HTML page to explore the planes of files in a browser");
   viewCmd->add_option("FILES", view.files, "one or more .afxs files")->required();
-  viewCmd->add_option("-o,--output", view.output, "the HTML file (default: view.html)");
+  viewCmd->add_option("-o,--output", view.output,
+                      "the HTML file (default: view.html; - for standard output)");
   viewCmd->footer(example("luafxs view left.afxs right.afxs unified.afxs -o view.html"));
 
   DemoArgs demo;

@@ -1,4 +1,5 @@
 // luafxs plot: one or more planes of one or more files as an SVG.
+#include <cmath>
 #include <filesystem>
 #include <sstream>
 

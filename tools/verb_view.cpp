@@ -4,7 +4,7 @@
 namespace luafxs {
 
 int runView(const ViewArgs& args) {
-  if (!outputAllowed(args.output, args.files)) return kExitBad;
+  if (!isStandardOutput(args.output) && !outputAllowed(args.output, args.files)) return kExitBad;
   std::vector<std::unique_ptr<LoadedFile>> files;
   std::vector<const LoadedFile*> loaded;
   bool anyPoints = false;
