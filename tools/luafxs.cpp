@@ -129,7 +129,32 @@ int run(int argc, char** argv) {
   plotCmd->add_option("-o,--output", plot.output, "write the SVG here instead of standard output");
   plotCmd->add_flag("--normals", plot.normals, "draw the normals");
   plotCmd->add_flag("--results", plot.results, "draw the result points");
-  plotCmd->footer(example("luafxs plot left.afxs right.afxs unified.afxs --plane 20 -o cmp.svg"));
+  plotCmd
+      ->add_option("--planes", plot.planes,
+                   "several planes side by side on one scale, e.g. 3,5,10-12")
+      ->excludes("--plane");
+  plotCmd
+      ->add_option("--markers", plot.markers,
+                   "point markers: auto (while few points are in "
+                   "view), on, off")
+      ->check(CLI::IsMember({"auto", "on", "off"}));
+  plotCmd->add_option("--zoom", plot.zoom, "overlap: show where the first two layers overlap")
+      ->check(CLI::IsMember({"overlap"}));
+  plotCmd->add_option("--bbox", plot.bbox, "show only U0,V0,U1,V1 (plot coordinates)");
+  plotCmd->add_option("--color-by", plot.colorBy, "distance: markers coloured by distance")
+      ->check(CLI::IsMember({"distance"}));
+  plotCmd->footer(
+      example("luafxs plot left.afxs right.afxs unified.afxs --plane 20 -o cmp.svg") +
+      "\nList a unified file after its inputs: its points that none of the inputs holds\n"
+      "are marked as the blended stretch.\n");
+
+  ViewArgs view;
+  auto* viewCmd = app.add_subcommand(
+      "view", "One self-contained HTML page to explore the planes of files in a browser");
+  viewCmd->add_option("FILES", view.files, "one or more .afxs files")->required();
+  viewCmd->add_option("-o,--output", view.output,
+                      "the HTML file (default: view.html; - for standard output)");
+  viewCmd->footer(example("luafxs view left.afxs right.afxs unified.afxs -o view.html"));
 
   DemoArgs demo;
   auto* demoCmd = app.add_subcommand(
@@ -165,6 +190,7 @@ int run(int argc, char** argv) {
     if (*unifyCmd) return runUnify(unify);
     if (*removeCmd) return runRemove(remove);
     if (*plotCmd) return runPlot(plot);
+    if (*viewCmd) return runView(view);
     if (*demoCmd) return runDemo(demo);
   } catch (const std::system_error& e) {
     // fmt reports a failed write to standard output this way.

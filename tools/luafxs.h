@@ -92,17 +92,32 @@ void installSignalHandlers();
 struct PlotLayer {
   std::string label;         // legend text
   const LuAfxsPlane* plane;  // not owned
+  size_t file = 0;           // which of the files given it comes from
+};
+// One plane of the drawing (a small multiple when there are several).
+struct PlotPanel {
+  std::string title;
+  std::vector<PlotLayer> layers;
 };
 struct PlotOptions {
   bool normals = false;
   bool results = false;
   std::string title;
+  std::string markers = "auto";  // on, off, or auto: on while few points are in view
+  bool zoomOverlap = false;      // show where the first two layers overlap
+  bool hasBox = false;           // show box = {u0, v0, u1, v1} (plot coordinates)
+  double box[4] = {0, 0, 0, 0};
+  bool colorByDistance = false;  // markers in the colour of their distance, with a colour bar
+  bool markBlend = true;         // mark the blended stretch of the last file's layers
 };
-// An SVG of the layers seen along `normal`: each layer in its own colour,
-// segments as separate polylines, a legend and axes with ticks in the
-// file's units.
+// An SVG of the layers seen along `normal`: each layer in its own colour and
+// marker, segments as separate polylines, a legend and axes with ticks in the
+// file's units, fitted to the data with equal scales.
 std::string plotSvg(const std::vector<PlotLayer>& layers, const double normal[3],
                     const PlotOptions& options);
+// The same with one panel per plane, all on the same scale.
+std::string plotPanelsSvg(const std::vector<PlotPanel>& panels, const double normal[3],
+                          const PlotOptions& options);
 
 // ---- Verbs -----------------------------------------------------------------
 struct InfoArgs {
@@ -137,9 +152,18 @@ struct RemoveArgs {
 struct PlotArgs {
   std::vector<std::string> files;
   int64_t plane = -1;
+  std::string planes;  // "3,5,10-12": small multiples
   std::string output;
   bool normals = false;
   bool results = false;
+  std::string markers = "auto";
+  std::string zoom;     // "" or "overlap"
+  std::string bbox;     // "u0,v0,u1,v1"
+  std::string colorBy;  // "" or "distance"
+};
+struct ViewArgs {
+  std::vector<std::string> files;
+  std::string output = "view.html";
 };
 struct DemoArgs {
   std::string dir = "luafxs-demo";
@@ -151,7 +175,11 @@ int runDump(const DumpArgs& args);
 int runUnify(const UnifyArgs& args);
 int runRemove(const RemoveArgs& args);
 int runPlot(const PlotArgs& args);
+int runView(const ViewArgs& args);
 int runDemo(const DemoArgs& args);
+
+// The self-contained HTML viewer of the loaded files (view.cpp).
+std::string viewHtml(const std::vector<const LoadedFile*>& files);
 
 // The unification itself, shared by unify and demo. Inputs must have passed
 // the strict check. Fills the summary; false when the output is missing.

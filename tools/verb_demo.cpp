@@ -117,13 +117,26 @@ bool plotFiles(const std::vector<std::string>& paths, int plane, const std::stri
     for (const LuAfxsPlane* p : file->planes)
       if (p->planeId == static_cast<uint32_t>(plane))
         layers.push_back(
-            {fmt::format("{} subset {}", fs::path(path).filename().string(), p->subsetId), p});
+            {fmt::format("{} subset {}", fs::path(path).filename().string(), p->subsetId), p,
+             files.size()});
     files.push_back(std::move(file));
   }
   if (layers.empty()) return false;
   PlotOptions options;
   options.title = title;
   return writeOutput(out, plotSvg(layers, files.front()->inspection.header.normal, options));
+}
+
+bool viewFiles(const std::vector<std::string>& paths, const std::string& out) {
+  std::vector<std::unique_ptr<LoadedFile>> files;
+  std::vector<const LoadedFile*> loaded;
+  for (const std::string& path : paths) {
+    auto file = loadChecked(path, LU_AFXS_MASK_ALL, false);
+    if (!file) return false;
+    loaded.push_back(file.get());
+    files.push_back(std::move(file));
+  }
+  return writeOutput(out, viewHtml(loaded));
 }
 
 }  // namespace
@@ -145,9 +158,10 @@ int runDemo(const DemoArgs& args) {
   const int plane = kPlanes / 2;
   const std::string before = (dir / "plane_before.svg").string();
   const std::string after = (dir / "plane_after.svg").string();
+  const std::string view = (dir / "view.html").string();
   // Every output is checked before anything is written.
-  for (const std::string& out :
-       {(dir / scans[0].name).string(), (dir / scans[1].name).string(), unified, before, after})
+  for (const std::string& out : {(dir / scans[0].name).string(), (dir / scans[1].name).string(),
+                                 unified, before, after, view})
     if (!outputAllowed(out, {})) return kExitBad;
   std::mt19937 random(20261122);
   std::vector<std::string> inputs;
@@ -172,7 +186,10 @@ int runDemo(const DemoArgs& args) {
   }
   bool plotted =
       plotFiles(inputs, plane, fmt::format("plane {}: the two scans", plane), before) &&
-      plotFiles({unified}, plane, fmt::format("plane {}: unified with blending", plane), after);
+      plotFiles({inputs[0], inputs[1], unified}, plane,
+                fmt::format("plane {}: unified with blending (the blended stretch marked)", plane),
+                after) &&
+      viewFiles({inputs[0], inputs[1], unified}, view);
   LuAfxsInspection result = luAfxsInspect(widen(unified), false);
   double ms =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
@@ -180,7 +197,7 @@ int runDemo(const DemoArgs& args) {
   for (const std::string& path : inputs)
     fmt::print("  wrote    {} ({} bytes)\n", path, fs::file_size(path, ec));
   fmt::print("  unified  {} ({} bytes)\n", unified, result.fileSize);
-  if (plotted) fmt::print("  plotted  {} and {}\n", before, after);
+  if (plotted) fmt::print("  plotted  {} and {}\n  viewer   {}\n", before, after, view);
   fmt::print("planes            {} per scan\n", kPlanes);
   fmt::print("points            {} in the two scans ({} per plane and scan)\n", points,
              kPointsPerContour * 6 / 10);

@@ -1,5 +1,7 @@
-// luafxs plot: one plane of one or more files as an SVG.
+// luafxs plot: one or more planes of one or more files as an SVG.
+#include <cmath>
 #include <filesystem>
+#include <sstream>
 
 #include <fmt/format.h>
 
@@ -7,7 +9,76 @@
 
 namespace luafxs {
 
+namespace {
+
+// "3,5,10-12" as plane numbers in the order given; false on a bad list.
+bool parsePlaneList(const std::string& list, std::vector<int64_t>& planes) {
+  std::stringstream in(list);
+  std::string item;
+  while (std::getline(in, item, ',')) {
+    if (item.empty()) continue;
+    size_t dash = item.find('-', 1);
+    try {
+      size_t used = 0;
+      long long first = std::stoll(item.substr(0, dash), &used);
+      long long last = dash == std::string::npos ? first : std::stoll(item.substr(dash + 1));
+      if (first < 0 || last < first || last - first > 10000 || last > 4294967295LL) return false;
+      for (long long p = first; p <= last; ++p) planes.push_back(p);
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+  return !planes.empty();
+}
+
+bool parseBox(const std::string& text, double box[4]) {
+  std::stringstream in(text);
+  std::string item;
+  int n = 0;
+  while (std::getline(in, item, ',')) {
+    if (n == 4) return false;
+    try {
+      size_t used = 0;
+      box[n++] = std::stod(item, &used);
+      if (used != item.size() || !std::isfinite(box[n - 1])) return false;
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+  return n == 4 && box[0] != box[2] && box[1] != box[3];
+}
+
+PlotPanel panelOf(const std::vector<std::unique_ptr<LoadedFile>>& files, int64_t plane) {
+  PlotPanel panel{fmt::format("plane {}", plane), {}};
+  for (size_t f = 0; f < files.size(); ++f) {
+    std::string name = std::filesystem::path(files[f]->path).filename().string();
+    for (const LuAfxsPlane* p : files[f]->planes)
+      if (static_cast<int64_t>(p->planeId) == plane && !p->points.empty())
+        panel.layers.push_back({fmt::format("{} subset {}", name, p->subsetId), p, f});
+  }
+  return panel;
+}
+
+}  // namespace
+
 int runPlot(const PlotArgs& args) {
+  PlotOptions options;
+  options.normals = args.normals;
+  options.results = args.results;
+  options.markers = args.markers;
+  options.zoomOverlap = args.zoom == "overlap";
+  options.colorByDistance = args.colorBy == "distance";
+  if (!args.bbox.empty() && !(options.hasBox = parseBox(args.bbox, options.box))) {
+    error("", fmt::format("--bbox: '{}' is not U0,V0,U1,V1 (run 'luafxs plot --help')", args.bbox));
+    return kExitUsage;
+  }
+  std::vector<int64_t> planes;
+  if (!args.planes.empty() && !parsePlaneList(args.planes, planes)) {
+    error("", fmt::format("--planes: '{}' is not a list such as 3,5,10-12 (run 'luafxs plot "
+                          "--help')",
+                          args.planes));
+    return kExitUsage;
+  }
   if (!isStandardOutput(args.output) && !outputAllowed(args.output, args.files)) return kExitBad;
   std::vector<std::unique_ptr<LoadedFile>> files;
   for (const std::string& path : args.files) {
@@ -15,31 +86,26 @@ int runPlot(const PlotArgs& args) {
     if (!file) return kExitBad;
     files.push_back(std::move(file));
   }
-  int64_t plane = args.plane;
-  if (plane < 0) {
-    for (const auto& f : files)
-      if (!f->planes.empty()) {
-        plane = f->planes.front()->planeId;
-        break;
-      }
+  if (planes.empty()) {
+    int64_t plane = args.plane;
+    for (size_t f = 0; plane < 0 && f < files.size(); ++f)
+      if (!files[f]->planes.empty()) plane = files[f]->planes.front()->planeId;
+    if (plane < 0) {
+      error(args.files.front(), "holds no planes to plot");
+      return kExitBad;
+    }
+    planes.push_back(plane);
   }
-  std::vector<PlotLayer> layers;
-  for (const auto& f : files) {
-    std::string name = std::filesystem::path(f->path).filename().string();
-    for (const LuAfxsPlane* p : f->planes)
-      if (static_cast<int64_t>(p->planeId) == plane && !p->points.empty())
-        layers.push_back({fmt::format("{} subset {}", name, p->subsetId), p});
+  std::vector<PlotPanel> panels;
+  for (int64_t plane : planes) {
+    panels.push_back(panelOf(files, plane));
+    if (panels.back().layers.empty()) {
+      error(args.files.front(), fmt::format("no file holds points of plane {}", plane));
+      return kExitBad;
+    }
   }
-  if (layers.empty()) {
-    error(args.files.front(), plane < 0 ? "holds no planes to plot"
-                                        : fmt::format("no file holds points of plane {}", plane));
-    return kExitBad;
-  }
-  PlotOptions options;
-  options.normals = args.normals;
-  options.results = args.results;
-  options.title = fmt::format("plane {}", plane);
-  std::string svg = plotSvg(layers, files.front()->inspection.header.normal, options);
+  options.title = panels.size() == 1 ? panels.front().title : fmt::format("planes {}", args.planes);
+  std::string svg = plotPanelsSvg(panels, files.front()->inspection.header.normal, options);
   return writeOutput(args.output, svg) ? kExitOk : kExitBad;
 }
 

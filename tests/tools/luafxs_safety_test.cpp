@@ -172,12 +172,13 @@ TEST_P(BadOutputTest, IsRefusedBeforeAnythingIsWritten) {
   std::string args;
   if (verb == "dump") args = "dump " + q("in.afxs") + " -o " + q(output);
   if (verb == "plot") args = "plot " + q("in.afxs") + " " + q("in2.afxs") + " -o " + q(output);
+  if (verb == "view") args = "view " + q("in.afxs") + " " + q("in2.afxs") + " -o " + q(output);
   if (verb == "unify") args = "unify -o " + q(output) + " " + q("in2.afxs") + " " + q("in.afxs");
   if (verb == "remove") args = "remove " + q(output) + " --fields normals";
   if (verb == "demo") {
     // The last of the demo's outputs is the bad one: nothing may be written before it.
     fs::create_directory(path("demo"));
-    output = "demo/plane_after.svg";
+    output = "demo/view.html";
     args = "demo " + q("demo");
   }
   if (kind != "input") makeBad(output, "in.afxs");
@@ -192,7 +193,7 @@ TEST_P(BadOutputTest, IsRefusedBeforeAnythingIsWritten) {
 
 std::vector<WritingCase> writingCases() {
   std::vector<WritingCase> out;
-  for (const char* verb : {"dump", "plot", "unify", "remove", "demo"})
+  for (const char* verb : {"dump", "plot", "view", "unify", "remove", "demo"})
     for (const BadOutput& bad : kBadOutputs) {
       std::string kind = bad.name;
       // remove's output is its input; links to it are valid targets (tested below).
@@ -627,6 +628,17 @@ TEST_F(FullDiskTest, PlotLeavesThePreviousOutput) {
   auto before = snapshot();
   Outcome r = run("plot " + q("a.afxs") + " -o " + q("mnt/out.svg"));
   EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(snapshot(), before);
+}
+
+TEST_F(FullDiskTest, ViewLeavesThePreviousOutput) {
+  MOUNT_OR_SKIP("256k");
+  writeBig("a.afxs", 1, 20000, 1);
+  writePrevious("mnt/view.html");
+  auto before = snapshot();
+  Outcome r = run("view " + q("a.afxs") + " -o " + q("mnt/view.html"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("No space left on device"));
   EXPECT_EQ(snapshot(), before);
 }
 

@@ -37,7 +37,7 @@ TEST_P(VerbHelpTest, HelpShowsAnExampleAndExitsZero) {
 
 INSTANTIATE_TEST_SUITE_P(Verbs, VerbHelpTest,
                          ::testing::Values("info", "dump", "validate", "unify", "remove", "plot",
-                                           "demo"));
+                                           "view", "demo"));
 
 TEST_F(LuafxsTest, VersionIsPrinted) {
   Outcome r = run("--version");
