@@ -48,15 +48,13 @@ bool checkBlockCount(uint32_t recordKind, BlockUse use, uint32_t id, uint32_t co
   // or stepped over.
   if (count == 0) return damaged(reporter, {Damage::ZeroCount, countAt, id, count});
   const bool cameras = recordKind == LU_AFXS_REC_CAMERAS;
-  if (use == BlockUse::Read) {
-    // A count that is not whole elements would not fit the array it is read into.
-    const size_t element = cameras ? kPointSize : fieldElementSize(id);
-    if (count % element != 0)
-      return damaged(reporter, {Damage::NotWholeElements, countAt, id, count});
-  } else if (!cameras && static_cast<int32_t>(count) < 0) {
+  if (use == BlockUse::StepOver && !cameras && static_cast<int32_t>(count) < 0)
     return damaged(reporter, {Damage::NegativeCount, countAt, id, count});
-  }
   if (!inFile) return damaged(reporter, {Damage::DataOutsideFile, countAt, id, count});
+  // A count that is not whole elements would not fit the array it is read into.
+  const size_t element = cameras ? kPointSize : fieldElementSize(id);
+  if (use == BlockUse::Read && count % element != 0)
+    return damaged(reporter, {Damage::NotWholeElements, countAt, id, count});
   return true;
 }
 

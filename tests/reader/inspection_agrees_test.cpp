@@ -70,7 +70,8 @@ TEST_F(InspectionAgreesTest, OnEveryFileOfTheFuzzCorpus) {
 TEST_F(InspectionAgreesTest, OnEveryTruncationOfTheSamples) {
   for (const char* sample : {"all_fields.afxs", "with_results.afxs"}) {
     const std::vector<uint8_t> bytes = readBytes(dataFile(sample));
-    for (size_t size = 0; size < bytes.size(); size += stride())
+    // Every cut inside the header and the first records, then every 5th.
+    for (size_t size = 0; size < bytes.size(); size += size < 1024 ? stride() : 5 * stride())
       expectAgreement({bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(size)},
                       std::string(sample) + " cut to " + std::to_string(size));
   }
@@ -100,6 +101,26 @@ TEST_F(InspectionAgreesTest, OnSingleWordChangesOfTheSamples) {
   }
   EXPECT_GT(m_loadable, 0u);
   EXPECT_LT(m_loadable, m_files);
+}
+
+// Files where the two used to disagree, each with its verdict.
+TEST_F(InspectionAgreesTest, ASteppedOverBlockOfAnyNonZeroCountLoads) {
+  // Field 3 is written but never loaded: its count need not be whole elements.
+  AfxsFileBuilder b;
+  const uint32_t p = b.addPlane(1);
+  b.addSubset(p, 1, {pointsBlock(0, {{1, 2, 3}}), FieldBlock{3, {1, 2, 3, 4, 5, 6}, {}}});
+  expectAgreement(b.bytes(), "field 3 of 6 bytes");
+  EXPECT_EQ(m_loadable, 1u);
+}
+
+TEST_F(InspectionAgreesTest, SubsetChainsLongerThanTheFileCouldHoldAreRefusedByBoth) {
+  // Records without a results link are 24 bytes: more of them than the
+  // smallest written record (36 bytes) allows for in the file.
+  AfxsFileBuilder b;
+  const uint32_t p = b.addPlane(1);
+  for (uint32_t subset = 1; subset <= 40; ++subset) b.addSubset(p, subset, {}, 0, false);
+  expectAgreement(b.bytes(), "40 records of 24 bytes");
+  EXPECT_EQ(m_loadable, 0u);
 }
 
 }  // namespace
