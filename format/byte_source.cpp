@@ -29,10 +29,12 @@ size_t FileSource::readAt(uint64_t at, void* data, size_t size) {
 }
 
 size_t WindowSource::readAt(uint64_t at, void* data, size_t size) {
-  if (size > m_window.size()) return m_base.readAt(at, data, size);
+  if (size > kSmallWindow) return m_base.readAt(at, data, size);
   if (at < m_start || at - m_start + size > m_filled) {
+    const bool dense = m_filled != 0 && at >= m_start && at - m_start < m_filled + kLargeWindow;
+    if (dense && m_window.size() < kLargeWindow) m_window.resize(kLargeWindow);
     m_start = at;
-    m_filled = m_base.readAt(at, m_window.data(), m_window.size());
+    m_filled = m_base.readAt(at, m_window.data(), dense ? kLargeWindow : kSmallWindow);
   }
   const size_t got = at - m_start >= m_filled ? 0 : std::min(size, m_filled - (at - m_start));
   if (got != 0) std::memcpy(data, m_window.data() + (at - m_start), got);

@@ -44,13 +44,18 @@ private:
   bool m_ok = false;
 };
 
-// Small reads served from one window of another source, refilled by one large
-// read where a read falls outside it: a chain walk costs a read per window
-// instead of one per record, and allocates nothing per record.
+// Small reads served from one window of another source, refilled where a
+// read falls outside it: a chain walk costs a read per window instead of one
+// per record, and allocates nothing per record. A refill near the end of the
+// last window (records packed densely) reads a large window; one far from it
+// (records holding large arrays) reads a small one, so that a scan of a
+// large file does not read the arrays it steps over. The window grows to
+// its large size once, on the first dense refill.
 class WindowSource final : public ByteSource {
 public:
-  static constexpr size_t kWindow = 64 * 1024;
-  explicit WindowSource(ByteSource& base) : m_base(base), m_window(kWindow) {}
+  static constexpr size_t kSmallWindow = 4 * 1024;
+  static constexpr size_t kLargeWindow = 64 * 1024;
+  explicit WindowSource(ByteSource& base) : m_base(base), m_window(kSmallWindow) {}
   size_t readAt(uint64_t at, void* data, size_t size) override;
 
 private:
@@ -70,7 +75,8 @@ public:
 
 protected:
   int_type underflow() override;
-  pos_type seekoff(off_type off, std::ios_base::seekdir dir, std::ios_base::openmode which) override;
+  pos_type seekoff(off_type off, std::ios_base::seekdir dir,
+                   std::ios_base::openmode which) override;
 
 private:
   ByteSource& m_source;

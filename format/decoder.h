@@ -17,27 +17,27 @@
 namespace afxs {
 
 enum class Damage {
-  ChainLoops,           // the record chain comes back to `value`
-  RecordOutsideFile,    // a record head at `value` does not fit in the file
-  PlaneIdOutsideFile,   // a plane record's number lies past the end of the file
-  SubsetLoops,          // a subset chain comes back to `value` (this chain's or another's)
-  TooManySubsets,       // subset chains lead to more records than the file could hold
-  SubsetOutsideFile,    // a plane-subset record's head at `value` does not fit
-  SubsetWrongKind,      // a subset chain leads to a record of kind `count` at `value`
-  FieldListOutsideFile, // no identifier word at `offset`: the list has no end mark
-  EndMarkOutsideFile,   // the end mark's kind word lies past the end of the file
-  WrongEndMark,         // 0xFFFFFFFF is followed by `count`, not the record's kind
-  CountOutsideFile,     // block `id` has no byte count inside the file (or u32 offsets)
-  Overlap,              // record bodies overlap too much to be walked
-  ResultsLinkCount,     // the results link's byte count `count` is not 4
+  ChainLoops,            // the record chain comes back to `value`
+  RecordOutsideFile,     // a record head at `value` does not fit in the file
+  PlaneIdOutsideFile,    // a plane record's number lies past the end of the file
+  SubsetLoops,           // a subset chain comes back to `value` (this chain's or another's)
+  TooManySubsets,        // subset chains lead to more records than the file could hold
+  SubsetOutsideFile,     // a plane-subset record's head at `value` does not fit
+  SubsetWrongKind,       // a subset chain leads to a record of kind `count` at `value`
+  FieldListOutsideFile,  // no identifier word at `offset`: the list has no end mark
+  EndMarkOutsideFile,    // the end mark's kind word lies past the end of the file
+  WrongEndMark,          // 0xFFFFFFFF is followed by `count`, not the record's kind
+  CountOutsideFile,      // block `id` has no byte count inside the file (or u32 offsets)
+  Overlap,               // record bodies overlap too much to be walked
+  ResultsLinkCount,      // the results link's byte count `count` is not 4
   ResultsLinkOutsideFile,
-  ZeroCount,            // block `id` has a byte count of 0
-  NegativeCount,        // block `id`'s byte count is negative as a signed value
-  NotWholeElements,     // block `id`'s byte count is not whole elements
-  DataOutsideFile,      // block `id`'s data runs past the end of the file
-  PlaneLinkOutsideFile, // a plane record's first-subset link lies past the end of the file
-  PlaneOutsideFile,     // a plane record's end mark lies past the end of the file
-  PlaneWrongEndMark,    // a plane record's end mark is `count` at `offset`, not 0xFFFFFFFF
+  ZeroCount,             // block `id` has a byte count of 0
+  NegativeCount,         // block `id`'s byte count is negative as a signed value
+  NotWholeElements,      // block `id`'s byte count is not whole elements
+  DataOutsideFile,       // block `id`'s data runs past the end of the file
+  PlaneLinkOutsideFile,  // a plane record's first-subset link lies past the end of the file
+  PlaneOutsideFile,      // a plane record's end mark lies past the end of the file
+  PlaneWrongEndMark,     // a plane record's end mark is `count` at `offset`, not 0xFFFFFFFF
 };
 
 struct DamageReport {
@@ -94,6 +94,16 @@ struct SubsetHead {
   uint32_t subsetId = 0;
   uint32_t nextSubset = 0;
 };
+
+// Reads the head of the plane-subset record at `offset` in one read: kind,
+// the record chain's next field, subset id and the next subset's offset.
+// False when it does not fit in the file.
+inline bool readSubsetHead(ByteSource& source, uint32_t offset, SubsetHead& out) {
+  uint32_t head[4];
+  if (!source.readExactly(offset, head, sizeof head)) return false;
+  out = SubsetHead{offset, head[0], head[1], head[2], head[3]};
+  return true;
+}
 
 // Bounds shared by every subset chain of one file, walked in plane order:
 // a record is visited once (a second visit is a loop, or a record shared by
@@ -175,8 +185,8 @@ struct FieldBlock {
 // onBlock. `end` is set behind the end mark on success.
 template <typename OnBlock>
 bool walkFieldBlocks(ByteSource& source, uint64_t at, uint32_t recordKind, uint32_t mask,
-                     uint64_t fileSize, BodyBudget& budget, DamageReporter& reporter,
-                     uint64_t& end, OnBlock&& onBlock);
+                     uint64_t fileSize, BodyBudget& budget, DamageReporter& reporter, uint64_t& end,
+                     OnBlock&& onBlock);
 
 // ---- Walks ------------------------------------------------------------------
 
@@ -214,25 +224,24 @@ bool walkSubsetChain(ByteSource& source, uint32_t first, SubsetChainBounds& boun
   for (uint32_t offset = first; offset != 0;) {
     if (!bounds.visited.firstVisit(offset))
       return damaged(reporter, {Damage::SubsetLoops, from, 0, 0, offset});
-    if (!bounds.takeRecord()) return damaged(reporter, {Damage::TooManySubsets, from, 0, 0, offset});
-    // The head in one read: kind, the record chain's next field (not used
-    // here), subset id and the next subset's offset.
-    uint32_t head[4];
-    if (!source.readExactly(offset, head, sizeof head))
+    if (!bounds.takeRecord())
+      return damaged(reporter, {Damage::TooManySubsets, from, 0, 0, offset});
+    SubsetHead head;
+    if (!readSubsetHead(source, offset, head))
       return damaged(reporter, {Damage::SubsetOutsideFile, from, 0, 0, offset});
-    if (head[0] != LU_AFXS_REC_PLANE_SUBSET)
-      return damaged(reporter, {Damage::SubsetWrongKind, from, 0, head[0], offset});
-    if (!onSubset(SubsetHead{offset, head[0], head[1], head[2], head[3]})) return false;
+    if (head.kind != LU_AFXS_REC_PLANE_SUBSET)
+      return damaged(reporter, {Damage::SubsetWrongKind, from, 0, head.kind, offset});
+    if (!onSubset(head)) return false;
     from = uint64_t{offset} + kSubsetNextSubsetOffset;
-    offset = head[3];
+    offset = head.nextSubset;
   }
   return true;
 }
 
 template <typename OnBlock>
 bool walkFieldBlocks(ByteSource& source, uint64_t at, uint32_t recordKind, uint32_t mask,
-                     uint64_t fileSize, BodyBudget& budget, DamageReporter& reporter,
-                     uint64_t& end, OnBlock&& onBlock) {
+                     uint64_t fileSize, BodyBudget& budget, DamageReporter& reporter, uint64_t& end,
+                     OnBlock&& onBlock) {
   for (uint64_t pos = at;;) {
     uint32_t words[2] = {0, 0};
     const size_t got = source.readAt(pos, words, sizeof words);
@@ -252,8 +261,7 @@ bool walkFieldBlocks(ByteSource& source, uint64_t at, uint32_t recordKind, uint3
     FieldBlock block{id, pos, count, blockUse(recordKind, id, mask), 0};
     if (!checkBlockCount(recordKind, block.use, id, count, countAt, fileSize, reporter))
       return false;
-    if (block.use == BlockUse::ResultsLink &&
-        !source.u32At(pos + kFieldDataOffset, block.link))
+    if (block.use == BlockUse::ResultsLink && !source.u32At(pos + kFieldDataOffset, block.link))
       return damaged(reporter, {Damage::ResultsLinkOutsideFile, pos + kFieldDataOffset, id});
     onBlock(block);
     pos += kFieldDataOffset + uint64_t{count};

@@ -150,42 +150,48 @@ std::string Walk::describe(const DamageReport& r, uint32_t recordKind) const {
   switch (r.what) {
     case Damage::FieldListOutsideFile:
       return LuStrFrmt::format("field list runs past the end of the file (%s) without an end mark",
-                    sizeText().c_str());
+                               sizeText().c_str());
     case Damage::EndMarkOutsideFile:
       return LuStrFrmt::format("end mark runs past the end of the file (%s)", sizeText().c_str());
     case Damage::WrongEndMark:
-      return LuStrFrmt::format("wrong end mark: 0xFFFFFFFF is followed by %u, expected %u (the kind of "
-                    "the record)",
-                    r.count, recordKind);
+      return LuStrFrmt::format(
+          "wrong end mark: 0xFFFFFFFF is followed by %u, expected %u (the kind of "
+          "the record)",
+          r.count, recordKind);
     case Damage::CountOutsideFile:
-      return LuStrFrmt::format("field %u (%s): byte count runs past the end of the file (%s)", r.id, name,
-                    sizeText().c_str());
+      return LuStrFrmt::format("field %u (%s): byte count runs past the end of the file (%s)", r.id,
+                               name, sizeText().c_str());
     case Damage::Overlap:
       return "records overlap too much to be checked";
     case Damage::ResultsLinkCount:
       return LuStrFrmt::format("results link: byte count %u, it must be 4", r.count);
     case Damage::ResultsLinkOutsideFile:
-      return LuStrFrmt::format("results link runs past the end of the file (%s)", sizeText().c_str());
+      return LuStrFrmt::format("results link runs past the end of the file (%s)",
+                               sizeText().c_str());
     case Damage::ZeroCount:
       if (cameras) return "cameras: a zero byte count; a reader then reads no cameras";
-      return LuStrFrmt::format("field %u (%s) has a zero byte count; a reader treats an empty field as "
-                    "damage",
-                    r.id, name);
+      return LuStrFrmt::format(
+          "field %u (%s) has a zero byte count; a reader treats an empty field as "
+          "damage",
+          r.id, name);
     case Damage::NegativeCount:
-      return LuStrFrmt::format("field %u (%s): byte count %u is negative as a signed value", r.id, name,
-                    r.count);
+      return LuStrFrmt::format("field %u (%s): byte count %u is negative as a signed value", r.id,
+                               name, r.count);
     case Damage::NotWholeElements:
-      if (cameras) return LuStrFrmt::format("cameras: byte count %u is not a multiple of 24", r.count);
-      return LuStrFrmt::format("field %u (%s): byte count %u is not a multiple of its element size %zu",
-                    r.id, name, r.count, afxs::fieldElementSize(r.id));
+      if (cameras)
+        return LuStrFrmt::format("cameras: byte count %u is not a multiple of 24", r.count);
+      return LuStrFrmt::format(
+          "field %u (%s): byte count %u is not a multiple of its element size %zu", r.id, name,
+          r.count, afxs::fieldElementSize(r.id));
     case Damage::DataOutsideFile:
       if (cameras)
-        return LuStrFrmt::format("cameras: byte count %u runs past the end of the file (%s)", r.count,
-                      sizeText().c_str());
-      return LuStrFrmt::format("field %u (%s): byte count %u runs past the end of the file (%s)", r.id, name,
-                    r.count, sizeText().c_str());
+        return LuStrFrmt::format("cameras: byte count %u runs past the end of the file (%s)",
+                                 r.count, sizeText().c_str());
+      return LuStrFrmt::format("field %u (%s): byte count %u runs past the end of the file (%s)",
+                               r.id, name, r.count, sizeText().c_str());
     case Damage::PlaneOutsideFile:
-      return LuStrFrmt::format("plane record runs past the end of the file (%s)", sizeText().c_str());
+      return LuStrFrmt::format("plane record runs past the end of the file (%s)",
+                               sizeText().c_str());
     case Damage::PlaneWrongEndMark:
       return LuStrFrmt::format("plane record: wrong end mark 0x%.8X, expected 0xFFFFFFFF", r.count);
     default:
@@ -198,32 +204,34 @@ std::string Walk::describeChain(const DamageReport& r, uint32_t planeId) const {
     case Damage::ChainLoops:
       return LuStrFrmt::format("record chain loops back to the record at %s", hex(r.value).c_str());
     case Damage::RecordOutsideFile:
-      return LuStrFrmt::format("record chain leaves the file: a record at %s does not fit in the file (%s)",
-                    hex(r.value).c_str(), sizeText().c_str());
+      return LuStrFrmt::format(
+          "record chain leaves the file: a record at %s does not fit in the file (%s)",
+          hex(r.value).c_str(), sizeText().c_str());
     case Damage::PlaneIdOutsideFile:
-      return LuStrFrmt::format("plane record at %s runs past the end of the file (%s)", hex(r.value).c_str(),
-                    sizeText().c_str());
+      return LuStrFrmt::format("plane record at %s runs past the end of the file (%s)",
+                               hex(r.value).c_str(), sizeText().c_str());
     case Damage::PlaneLinkOutsideFile:
       return LuStrFrmt::format("plane %u: its record runs past the end of the file (%s)", planeId,
-                    sizeText().c_str());
+                               sizeText().c_str());
     case Damage::SubsetLoops: {
       auto it = byOffset.find(static_cast<uint32_t>(r.value));
       const int64_t owner = it == byOffset.end() ? -1 : out.records[it->second].plane;
       if (owner >= 0 && owner != planeId)
         return LuStrFrmt::format("plane-subset record at %s is reached from planes %u and %u",
-                      hex(r.value).c_str(), static_cast<uint32_t>(owner), planeId);
+                                 hex(r.value).c_str(), static_cast<uint32_t>(owner), planeId);
       return LuStrFrmt::format("subset chain of plane %u loops back to the record at %s", planeId,
-                    hex(r.value).c_str());
+                               hex(r.value).c_str());
     }
     case Damage::TooManySubsets:
-      return LuStrFrmt::format("subset chain of plane %u leads to more records than the file could hold",
-                    planeId);
+      return LuStrFrmt::format(
+          "subset chain of plane %u leads to more records than the file could hold", planeId);
     case Damage::SubsetOutsideFile:
-      return LuStrFrmt::format("subset chain of plane %u leaves the file: %s is past its end (%s)", planeId,
-                    hex(r.value).c_str(), sizeText().c_str());
+      return LuStrFrmt::format("subset chain of plane %u leaves the file: %s is past its end (%s)",
+                               planeId, hex(r.value).c_str(), sizeText().c_str());
     case Damage::SubsetWrongKind:
-      return LuStrFrmt::format("subset chain of plane %u leads to a %s record (kind %u) at %s", planeId,
-                    luAfxsRecordKindName(r.count), r.count, hex(r.value).c_str());
+      return LuStrFrmt::format("subset chain of plane %u leads to a %s record (kind %u) at %s",
+                               planeId, luAfxsRecordKindName(r.count), r.count,
+                               hex(r.value).c_str());
     default:
       return describe(r, LU_AFXS_REC_PLANE_SUBSET);
   }
@@ -291,7 +299,7 @@ void Walk::header() {
   if (outcome == afxs::HeaderOutcome::BadIdentifier) {
     problem(0, true,
             LuStrFrmt::format("bad identifier line: the file must begin with the word \"%s\"",
-                   afxs::kFileIdentifier));
+                              afxs::kFileIdentifier));
     return;
   }
   out.identifierOk = true;
@@ -324,7 +332,7 @@ void Walk::chain() {
         if (record.kind > LU_AFXS_REC_RESULTS)
           problem(head.offset, false,
                   LuStrFrmt::format("record at %s has the unknown kind %u; a reader steps over it",
-                         hex(head.offset).c_str(), record.kind));
+                                    hex(head.offset).c_str(), record.kind));
         byOffset.emplace(head.offset, out.records.size());
         out.records.push_back(record);
       });
@@ -338,8 +346,8 @@ void Walk::chain() {
 // mark with the decoder; damage becomes a problem (breaking a load when the
 // load reads this body), and so do findings a reader copes with.
 bool Walk::blocks(uint64_t at, uint32_t kind, afxs::BodyBudget& budget, bool breaksLoad,
-                  const std::string& where, std::vector<LuAfxsInspectField>& fields,
-                  uint32_t& mask, uint32_t& end, uint32_t* resultsLink) {
+                  const std::string& where, std::vector<LuAfxsInspectField>& fields, uint32_t& mask,
+                  uint32_t& end, uint32_t* resultsLink) {
   Findings found;
   uint64_t behind = 0;
   const bool ok = afxs::walkFieldBlocks(
@@ -350,7 +358,8 @@ bool Walk::blocks(uint64_t at, uint32_t kind, afxs::BodyBudget& budget, bool bre
         if (kind == LU_AFXS_REC_CAMERAS) {
           if (b.id != afxs::kFieldCameras)
             problem(b.offset, false,
-                    where + LuStrFrmt::format("cameras record holds field %u; only field 0 is read", b.id));
+                    where + LuStrFrmt::format("cameras record holds field %u; only field 0 is read",
+                                              b.id));
         } else if (b.use == afxs::BlockUse::ResultsLink) {
           if (resultsLink != nullptr) {
             *resultsLink = b.link;
@@ -360,7 +369,8 @@ bool Walk::blocks(uint64_t at, uint32_t kind, afxs::BodyBudget& budget, bool bre
           }
         } else if (afxs::fieldElementSize(b.id) == 0) {
           problem(b.offset, false,
-                  where + LuStrFrmt::format("unknown field identifier %u; a reader steps over it", b.id));
+                  where + LuStrFrmt::format("unknown field identifier %u; a reader steps over it",
+                                            b.id));
         }
       });
   for (const DamageReport& r : found.reports)
@@ -370,7 +380,8 @@ bool Walk::blocks(uint64_t at, uint32_t kind, afxs::BodyBudget& budget, bool bre
 }
 
 std::string recordPlace(const LuAfxsInspectRecord& r) {
-  return LuStrFrmt::format("%s record at %s: ", luAfxsRecordKindName(r.kind), hex(r.offset).c_str());
+  return LuStrFrmt::format("%s record at %s: ", luAfxsRecordKindName(r.kind),
+                           hex(r.offset).c_str());
 }
 
 // The body of out.records[index], once.
@@ -382,8 +393,8 @@ bool Walk::body(size_t index, afxs::BodyBudget& budget, bool breaksLoad) {
   const std::string where = recordPlace(record);
   switch (record.kind) {
     case LU_AFXS_REC_CAMERAS:
-      return blocks(at + afxs::kCamerasBodyOffset, record.kind, budget, false, where,
-                    record.fields, record.mask, record.end, nullptr);
+      return blocks(at + afxs::kCamerasBodyOffset, record.kind, budget, false, where, record.fields,
+                    record.mask, record.end, nullptr);
     case LU_AFXS_REC_PLANE: {
       Findings found;
       afxs::PlaneRecord plane;
@@ -398,8 +409,8 @@ bool Walk::body(size_t index, afxs::BodyBudget& budget, bool breaksLoad) {
       return blocks(at + afxs::kSubsetFirstFieldOffset, record.kind, budget, breaksLoad, where,
                     record.fields, record.mask, record.end, &record.resultsLink);
     case LU_AFXS_REC_RESULTS:
-      return blocks(at + afxs::kResultsBodyOffset, record.kind, budget, false, where,
-                    record.fields, record.mask, record.end, nullptr);
+      return blocks(at + afxs::kResultsBodyOffset, record.kind, budget, false, where, record.fields,
+                    record.mask, record.end, nullptr);
     default:
       return true;
   }
@@ -415,9 +426,10 @@ void Walk::planes() {
     if (r.kind != LU_AFXS_REC_PLANE) continue;
     auto [it, fresh] = planeIndex.emplace(r.planeId, i);
     if (!fresh)
-      problem(r.offset, false,
-              LuStrFrmt::format("second plane record for plane %u; a reader uses the first one, at %s",
-                     r.planeId, hex(out.records[it->second].offset).c_str()));
+      problem(
+          r.offset, false,
+          LuStrFrmt::format("second plane record for plane %u; a reader uses the first one, at %s",
+                            r.planeId, hex(out.records[it->second].offset).c_str()));
   }
   afxs::SubsetChainBounds bounds(file.size());  // over every plane's chain, as in the reader
   for (auto [planeId, index] : planeIndex) {
@@ -472,7 +484,7 @@ size_t Walk::subsetRecord(const afxs::SubsetHead& head, uint32_t planeId) {
   if (chainComplete)
     problem(head.offset, false,
             LuStrFrmt::format("plane-subset record at %s (plane %u) is not in the record chain",
-                   hex(head.offset).c_str(), planeId));
+                              hex(head.offset).c_str(), planeId));
   byOffset.emplace(head.offset, out.records.size());
   out.records.push_back(extra);
   walked.push_back(false);
@@ -483,20 +495,19 @@ size_t Walk::subsetRecord(const afxs::SubsetHead& head, uint32_t planeId) {
 void Walk::otherBodies() {
   for (size_t i = 0; i < out.records.size(); ++i) {
     LuAfxsInspectRecord& r = out.records[i];
-    if (r.kind == LU_AFXS_REC_PLANE_SUBSET && !walked[i]) {
-      Findings found;
-      uint32_t head[2] = {0, 0};
-      if (file.readExactly(uint64_t{r.offset} + afxs::kSubsetIdOffset, head, sizeof head)) {
-        r.subsetId = head[0];
-        r.nextSubset = head[1];
-      }
+    afxs::SubsetHead head;
+    if (r.kind == LU_AFXS_REC_PLANE_SUBSET && !walked[i] &&
+        afxs::readSubsetHead(file, r.offset, head)) {
+      r.subsetId = head.subsetId;
+      r.nextSubset = head.nextSubset;
     }
     body(i, otherBudget, false);
     if (r.kind == LU_AFXS_REC_PLANE_SUBSET && !r.loaded && r.inChain)
       problem(r.offset, false,
-              LuStrFrmt::format("plane-subset record at %s is not reached from any plane, so a reader never "
-                     "loads it",
-                     hex(r.offset).c_str()));
+              LuStrFrmt::format(
+                  "plane-subset record at %s is not reached from any plane, so a reader never "
+                  "loads it",
+                  hex(r.offset).c_str()));
   }
 }
 
@@ -505,8 +516,8 @@ void Walk::otherBodies() {
 bool Walk::results(LuAfxsInspectRecord& record) {
   if (record.end == 0 || record.resultsLink == 0) return true;
   const uint32_t link = record.resultsLink;
-  const std::string where = LuStrFrmt::format("plane-subset record at %s: results at %s: ",
-                                   hex(record.offset).c_str(), hex(link).c_str());
+  const std::string where = LuStrFrmt::format(
+      "plane-subset record at %s: results at %s: ", hex(record.offset).c_str(), hex(link).c_str());
   bool linkedRecord = false;
   if (link >= afxs::kResultsBodyOffset) {
     auto it = byOffset.find(link - afxs::kResultsBodyOffset);
@@ -535,8 +546,8 @@ void Walk::lengths(const LuAfxsInspectRecord& r) {
   auto differ = [&](uint64_t at, uint32_t a, uint64_t na, uint32_t b, uint64_t nb) {
     problem(at, false,
             LuStrFrmt::format("plane %" PRId64 " subset %u: %s (%" PRIu64 ") and %s (%" PRIu64
-                   ") differ in length",
-                   r.plane, r.subsetId, luAfxsFieldName(a), na, luAfxsFieldName(b), nb));
+                              ") differ in length",
+                              r.plane, r.subsetId, luAfxsFieldName(a), na, luAfxsFieldName(b), nb));
   };
   auto compare = [&](uint32_t a, uint32_t b) {
     if (!n.count(a) || !n.count(b) || n[a] == n[b]) return;
@@ -611,14 +622,15 @@ void Walk::tiling(const LuAfxsInspectRecord& r) {
     if (bad) {
       problem(segments->offset, false,
               LuStrFrmt::format("plane %" PRId64 " subset %u: segment %" PRIu64 " ends at %" PRId64
-                     ", which does not follow the previous end %" PRId64 " within %" PRIu64
-                     " points; segments do not tile the points",
-                     r.plane, r.subsetId, badIndex, badValue, previous, pointCount));
+                                ", which does not follow the previous end %" PRId64
+                                " within %" PRIu64 " points; segments do not tile the points",
+                                r.plane, r.subsetId, badIndex, badValue, previous, pointCount));
     } else if (previous != static_cast<int64_t>(pointCount)) {
-      problem(segments->offset, false,
-              LuStrFrmt::format("plane %" PRId64 " subset %u: the segments end at %" PRId64
-                     " but there are %" PRIu64 " points; segments do not tile the points",
-                     r.plane, r.subsetId, previous, pointCount));
+      problem(
+          segments->offset, false,
+          LuStrFrmt::format("plane %" PRId64 " subset %u: the segments end at %" PRId64
+                            " but there are %" PRIu64 " points; segments do not tile the points",
+                            r.plane, r.subsetId, previous, pointCount));
     }
   }
   if (counts != nullptr) {
@@ -631,8 +643,8 @@ void Walk::tiling(const LuAfxsInspectRecord& r) {
     if (sum != have)
       problem(counts->offset, false,
               LuStrFrmt::format("plane %" PRId64 " subset %u: the aux groups hold %" PRIu64
-                     " positions together but auxCtrlPos has %" PRIu64,
-                     r.plane, r.subsetId, sum, have));
+                                " positions together but auxCtrlPos has %" PRIu64,
+                                r.plane, r.subsetId, sum, have));
   }
 }
 
@@ -682,9 +694,10 @@ void Walk::counts() {
     }
   if (out.headerParsed && chainComplete && complete && out.state != out.expectedState)
     problem(0, false,
-            LuStrFrmt::format("STATE line says 0x%.8X, but the AND of the plane-subset records' field masks "
-                   "is 0x%.8X",
-                   out.state, out.expectedState));
+            LuStrFrmt::format(
+                "STATE line says 0x%.8X, but the AND of the plane-subset records' field masks "
+                "is 0x%.8X",
+                out.state, out.expectedState));
 }
 
 }  // namespace

@@ -149,9 +149,8 @@ void LuAfxsUserData::loadRecordData(FILE* stream, long kind, long mask) {
     if (got < sizeof words) afxs::fail();  // no count behind the identifier
     const uint32_t count = words[1];
     if (m_bodyBudget != nullptr && !m_bodyBudget->charge(count)) afxs::fail();
-    const afxs::BlockUse use =
-        checkedUse(static_cast<uint32_t>(kind), id, count, countAt, static_cast<uint32_t>(mask),
-                   fileSize);
+    const afxs::BlockUse use = checkedUse(static_cast<uint32_t>(kind), id, count, countAt,
+                                          static_cast<uint32_t>(mask), fileSize);
     if (use == afxs::BlockUse::ResultsLink) {
       readFieldBody(stream, id, count, m_plane, m_resultsOffset);
     } else {
@@ -169,8 +168,7 @@ void LuAfxsUserData::loadRecordData(FILE* stream, long kind, long mask) {
     if (got < 4) afxs::fail();
   }
   if (got < sizeof words) afxs::fail();
-  afxs::checkEndMark(at + afxs::kFieldCountOffset, words[1], static_cast<uint32_t>(kind),
-                     reporter);
+  afxs::checkEndMark(at + afxs::kFieldCountOffset, words[1], static_cast<uint32_t>(kind), reporter);
 }
 
 // Reads one block's byte count and data into its member. A count that is not

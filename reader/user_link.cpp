@@ -199,19 +199,18 @@ bool LuAfxsUserLink::scanRecords() {
     afxs::WindowSource window(file);
     afxs::FailOnDamage reporter;
     uint32_t lastNextField = 0;
-    afxs::walkRecordChain(window, static_cast<uint32_t>(m_firstRecord), reporter,
-                          [&](const afxs::RecordHead& record) {
-                            lastNextField = record.offset + afxs::kNextFieldOffset;
-                            if (record.kind == LU_AFXS_REC_PLANE) {
-                              // An existing key is kept: of two plane records
-                              // of one number, the first wins.
-                              m_planeIndex.emplace(record.planeId,
-                                                   record.offset + afxs::kPlaneFirstSubsetOffset);
-                            } else if (record.kind == LU_AFXS_REC_CAMERAS) {
-                              m_recordIndex.emplace(LU_AFXS_REC_CAMERAS,
-                                                    record.offset + afxs::kCamerasBodyOffset);
-                            }
-                          });
+    afxs::walkRecordChain(
+        window, static_cast<uint32_t>(m_firstRecord), reporter,
+        [&](const afxs::RecordHead& record) {
+          lastNextField = record.offset + afxs::kNextFieldOffset;
+          if (record.kind == LU_AFXS_REC_PLANE) {
+            // An existing key is kept: of two plane records
+            // of one number, the first wins.
+            m_planeIndex.emplace(record.planeId, record.offset + afxs::kPlaneFirstSubsetOffset);
+          } else if (record.kind == LU_AFXS_REC_CAMERAS) {
+            m_recordIndex.emplace(LU_AFXS_REC_CAMERAS, record.offset + afxs::kCamerasBodyOffset);
+          }
+        });
     m_lastNextField = lastNextField;
     if (m_file != nullptr) rememberFile(m_file);
     return true;

@@ -1,8 +1,8 @@
 // The array cache: off unless turned on, so that a client that destroyed
-// every data set holds nothing more than before its first load; when on, a destroyed data set's large arrays serve the next load,
-// which sees only its own file's values; the limit bounds what is kept and
-// turns the cache off; small arrays are left to the allocator; a failed read
-// never shows an array's earlier contents; loads on several threads share it.
+// every data set holds nothing more than before its first load; when on, a destroyed data set's
+// large arrays serve the next load, which sees only its own file's values; the limit bounds what is
+// kept and turns the cache off; small arrays are left to the allocator; a failed read never shows
+// an array's earlier contents; loads on several threads share it.
 #include <luAnaf/luAnaf.h>
 #include <luAnaf/luIoFault.h>
 

@@ -87,10 +87,9 @@ TEST_F(InspectionAgreesTest, OnSingleWordChangesOfTheSamples) {
     const size_t headerEnd = std::string(bytes.begin(), bytes.end()).find("HEADER_END") + 11;
     ASSERT_LT(headerEnd, bytes.size());
     const uint32_t size = static_cast<uint32_t>(bytes.size());
-    const std::vector<uint32_t> values{0,        1,        2,          3,         4,
-                                       5,        6,        7,          8,         9,
-                                       10,       12,       24,         size - 8,  size,
-                                       size + 4, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
+    const std::vector<uint32_t> values{
+        0,  1,  2,  3,        4,    5,        6,          7,          8,         9,
+        10, 12, 24, size - 8, size, size + 4, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
     for (size_t at = headerEnd; at + 4 <= bytes.size(); at += 4 * stride()) {
       const uint32_t value = values[random() % values.size()];
       std::vector<uint8_t> changed = bytes;
