@@ -13,6 +13,7 @@
 #include <cinttypes>
 #include <filesystem>
 #include <istream>
+#include <iterator>
 #include <map>
 
 #include "format/byte_source.h"

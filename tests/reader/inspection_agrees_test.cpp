@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <locale>
 #include <random>
 #include <string>
 #include <vector>
@@ -120,6 +121,30 @@ TEST_F(InspectionAgreesTest, SubsetChainsLongerThanTheFileCouldHoldAreRefusedByB
   for (uint32_t subset = 1; subset <= 40; ++subset) b.addSubset(p, subset, {}, 0, false);
   expectAgreement(b.bytes(), "40 records of 24 bytes");
   EXPECT_EQ(m_loadable, 0u);
+}
+
+// A client's global locale with a decimal comma and thousands grouping: both
+// read the header's numbers as the writer's C-locale printf wrote them.
+struct CommaNumbers : std::numpunct<char> {
+  char do_decimal_point() const override { return ','; }
+  char do_thousands_sep() const override { return '.'; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+TEST_F(InspectionAgreesTest, TheHeaderIsReadInTheClassicLocaleWhateverTheGlobalOne) {
+  const fs::path file = path("sample.afxs");
+  writeBytes(file, readBytes(dataFile("all_fields.afxs")));
+  const std::locale previous =
+      std::locale::global(std::locale(std::locale::classic(), new CommaNumbers));
+  const LuAfxsInspection in = luAfxsInspect(file.wstring(), true);
+  LuAfxsUserLink link(file.wstring().c_str());
+  const bool verified = link.verify(false);
+  std::locale::global(previous);
+  ASSERT_TRUE(verified);
+  EXPECT_TRUE(in.loadable());
+  EXPECT_EQ(in.header.distBwPlanes, link.getHeader().distBwPlanes);
+  EXPECT_EQ(in.header.point[1], link.getHeader().point[1]);
+  EXPECT_EQ(in.header.numPlanes, link.getHeader().numPlanes);
 }
 
 }  // namespace
