@@ -123,6 +123,34 @@ TEST_F(InspectionAgreesTest, SubsetChainsLongerThanTheFileCouldHoldAreRefusedByB
   EXPECT_EQ(m_loadable, 0u);
 }
 
+// Ten plane-subset records, each stepping over a block that runs from its
+// head to one end mark shared by all of them, behind `padding` bytes: the
+// bodies overlap, and a load walks ten times the padding.
+AfxsFileBuilder nestedRecords(size_t padding) {
+  AfxsFileBuilder b;
+  const uint32_t p = b.addPlane(1);
+  std::vector<uint32_t> records;
+  for (uint32_t subset = 1; subset <= 10; ++subset)
+    records.push_back(b.addSubset(p, subset, {countOnlyBlock(3, 0)}, 0, false));
+  b.bytes().resize(b.bytes().size() + padding, 0);
+  const uint32_t endMark = static_cast<uint32_t>(b.bytes().size());
+  b.bytes().resize(endMark + 8);
+  b.patchU32(endMark, 0xFFFFFFFF);
+  b.patchU32(endMark + 4, LU_AFXS_REC_PLANE_SUBSET);
+  // Each block's count leads from behind its count word to the shared end mark.
+  for (uint32_t r : records) b.patchU32(r + 20, endMark - (r + 24));
+  return b;
+}
+
+TEST_F(InspectionAgreesTest, OverlappingRecordsLoadWithinTheBodyBudgetAndFailPastIt) {
+  expectAgreement(nestedRecords(0).bytes(), "ten nested records");
+  EXPECT_EQ(m_loadable, 1u);
+  // Ten times 4,000 bytes walked in a file of about 4,500: past 4 x its size.
+  expectAgreement(nestedRecords(4000).bytes(), "ten nested records over 4,000 bytes");
+  EXPECT_EQ(m_loadable, 1u);
+  EXPECT_EQ(m_files, 2u);
+}
+
 // A client's global locale with a decimal comma and thousands grouping: both
 // read the header's numbers as the writer's C-locale printf wrote them.
 struct CommaNumbers : std::numpunct<char> {
