@@ -56,11 +56,22 @@ constexpr size_t kResultsLinkBlockSize = 12;
 
 // Offsets inside records.
 constexpr uint32_t kNextFieldOffset = 4;
+constexpr uint32_t kPlaneIdOffset = 8;
+constexpr uint32_t kPlaneEndMarkOffset = 16;
+constexpr uint32_t kSubsetIdOffset = 8;
 constexpr uint32_t kPlaneFirstSubsetOffset = 12;
 constexpr uint32_t kSubsetNextSubsetOffset = 12;
 constexpr uint32_t kSubsetFirstFieldOffset = 16;
 constexpr uint32_t kCamerasBodyOffset = 8;
 constexpr uint32_t kResultsBodyOffset = 8;
+// Offsets inside a field block (and inside the end mark).
+constexpr uint32_t kFieldCountOffset = 4;  // the byte count, or the kind behind 0xFFFFFFFF
+constexpr uint32_t kFieldDataOffset = 8;
+constexpr size_t kResultsLinkDataSize = 4;
+
+// The smallest plane-subset record: its head, the results link block and the
+// end mark. No file holds more plane-subset records than its size allows for.
+constexpr uint64_t kMinSubsetRecord = kSubsetRecordHead + kResultsLinkBlockSize + kEndMarkSize;
 
 // ---- Field identifiers ----------------------------------------------------
 enum FieldId : uint32_t {

@@ -43,6 +43,8 @@ public:
   template <typename T>
   void keep(std::vector<T>& v);
 
+  bool enabled();
+  void setEnabled(bool on);
   size_t limit();
   void setLimit(size_t bytes);
   size_t held();
@@ -59,6 +61,9 @@ private:
   void dropLargest(Shelf<T>& s);
 
   std::mutex m_mutex;
+  // Off until the client turns it on: a client that destroyed every data set
+  // then holds no more memory than before its first load.
+  bool m_enabled = false;
   size_t m_limit = kDefaultLimit;
   size_t m_held = 0;
   std::tuple<Shelf<LuVec3>, Shelf<int32_t>, Shelf<uint32_t>, Shelf<double>> m_shelves;
@@ -93,9 +98,20 @@ template <typename T>
 void ArrayCache::keep(std::vector<T>& v) {
   const size_t bytes = bytesOf(v);
   std::lock_guard<std::mutex> lock(m_mutex);
-  if (bytes < kSmallestKept || bytes > m_limit - std::min(m_limit, m_held)) return;
+  if (!m_enabled || bytes < kSmallestKept || bytes > m_limit - std::min(m_limit, m_held)) return;
   m_held += bytes;
   shelf<T>().emplace(v.capacity(), std::move(v));
+}
+
+bool ArrayCache::enabled() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_enabled;
+}
+
+void ArrayCache::setEnabled(bool on) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_enabled = on;
+  if (!on) shrinkTo(0);
 }
 
 size_t ArrayCache::limit() {
@@ -181,6 +197,8 @@ void recycleArrays(LuAfxsPlane& plane) noexcept {
 
 }  // namespace afxs
 
+bool luAfxsArrayCacheEnabled() { return afxs::cache().enabled(); }
+void luAfxsSetArrayCacheEnabled(bool on) { afxs::cache().setEnabled(on); }
 size_t luAfxsArrayCacheLimit() { return afxs::cache().limit(); }
 void luAfxsSetArrayCacheLimit(size_t bytes) { afxs::cache().setLimit(bytes); }
 size_t luAfxsArrayCacheBytes() { return afxs::cache().held(); }

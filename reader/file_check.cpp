@@ -1,29 +1,25 @@
-// The read-only walk of a file behind luAfxsInspect: header, record chain,
-// subset chains, field blocks, counts and problems. It mirrors what the
-// reader does with the same bytes, so that "breaksLoad" predicts a failed
-// data-set load, and it checks more than the reader does (vector lengths,
-// segment tiling, the STATE line), which it reports as plain problems.
-//
-// Every count read from the file is checked against the file size before it
-// is used; every chain is walked with a set of visited offsets; the total
-// number of bytes walked through record bodies is bounded by a small
-// multiple of the file size, so hostile overlapping records cannot make the
-// walk quadratic.
+// The read-only look at a file behind luAfxsInspect. The header, the record
+// chain, the subset chains and the field blocks are read by the decoder the
+// reader uses (format/decoder.h), with a reporter that records each damage
+// as a problem at its offset: what breaks a data-set load is exactly what
+// the reader refuses. What stays here is policy (which findings are worth a
+// word although a reader copes with them) and consistency across records
+// and fields (vector lengths, segment tiling, the STATE line).
 #include <luAnaf/luAfxsFileCheck.h>
+
+#include <luAnaf/luEnv.h>
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstdarg>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <istream>
+#include <iterator>
 #include <map>
-#include <set>
-#include <streambuf>
 
+#include "format/byte_source.h"
+#include "format/decoder.h"
 #include "format/format.h"
-#include "platform/lu_io.h"
+#include "format/header_words.h"
 
 bool LuAfxsInspection::loadable() const {
   if (!opened) return false;
@@ -77,177 +73,242 @@ const char* luAfxsFieldName(uint32_t id) {
 
 namespace {
 
-std::string format(const char* fmt, ...) LUANAF_PRINTF_FORMAT(1, 2);
-std::string format(const char* fmt, ...) {
-  char buffer[512];
-  va_list args;
-  va_start(args, fmt);
-  int n = std::vsnprintf(buffer, sizeof buffer, fmt, args);
-  va_end(args);
-  if (n < 0) return std::string();
-  return std::string(buffer, std::min<size_t>(static_cast<size_t>(n), sizeof buffer - 1));
-}
+using afxs::Damage;
+using afxs::DamageReport;
 
-std::string hex(uint64_t value) { return format("0x%" PRIX64, value); }
-
-// The file, opened read-only, with bounds-checked reads at absolute offsets.
-class File {
-public:
-  explicit File(const std::wstring& path) : m_file(luio::open(path, "rb")) {
-    if (m_file == nullptr) return;
-    if (luio::seek(m_file, 0, SEEK_END) != 0) return;
-    int64_t size = luio::tell(m_file);
-    if (size < 0) return;
-    m_size = static_cast<uint64_t>(size);
-    m_ok = true;
-  }
-  ~File() {
-    if (m_file != nullptr) luio::close(m_file);
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-
-  bool ok() const { return m_ok; }
-  uint64_t size() const { return m_size; }
-  FILE* stream() const { return m_file; }
-
-  // Whether `bytes` bytes starting at `at` lie inside the file.
-  bool has(uint64_t at, uint64_t bytes) const { return at <= m_size && bytes <= m_size - at; }
-
-  bool read(uint64_t at, void* data, size_t bytes) {
-    if (!has(at, bytes)) return false;
-    if (luio::seek(m_file, static_cast<int64_t>(at), SEEK_SET) != 0) return false;
-    return bytes == 0 || luio::read(data, 1, bytes, m_file) == bytes;
-  }
-  bool u32(uint64_t at, uint32_t& value) { return read(at, &value, sizeof value); }
-
-private:
-  FILE* m_file = nullptr;
-  uint64_t m_size = 0;
-  bool m_ok = false;
-};
-
-// A read-only stream buffer over the file, from its start, so that the
-// header is parsed with the same word extraction the reader uses.
-class HeaderBuf : public std::streambuf {
-public:
-  explicit HeaderBuf(File& file) : m_file(file) {
-    luio::seek(m_file.stream(), 0, SEEK_SET);
-    setg(m_buffer, m_buffer, m_buffer);
-  }
-  uint64_t position() const { return m_consumed - static_cast<uint64_t>(egptr() - gptr()); }
-
-protected:
-  int_type underflow() override {
-    if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
-    size_t n = luio::read(m_buffer, 1, sizeof m_buffer, m_file.stream());
-    if (n == 0) return traits_type::eof();
-    m_consumed += n;
-    setg(m_buffer, m_buffer, m_buffer + n);
-    return traits_type::to_int_type(*gptr());
-  }
-
-private:
-  File& m_file;
-  char m_buffer[16384];
-  uint64_t m_consumed = 0;
-};
+std::string hex(uint64_t value) { return LuStrFrmt::format("0x%" PRIX64, value); }
 
 constexpr size_t kMaxHeaderLines = 1024;
 
+// The inspection's reporter: keeps what the decoder found, for the walk to
+// word with what it knows of the place.
+class Findings final : public afxs::DamageReporter {
+public:
+  void damage(const DamageReport& report) override { reports.push_back(report); }
+  std::vector<DamageReport> reports;
+};
+
+struct Walk;
+
+// Lists the header's words as the parse meets them.
+class HeaderLines final : public afxs::HeaderObserver {
+public:
+  explicit HeaderLines(Walk& walk) : m_walk(walk) {}
+  void word(uint64_t offset, int lineId, const std::string& keyword,
+            const afxs::HeaderValues& values) override;
+  void badValue(uint64_t offset, const std::string& keyword) override;
+  void headerEnd(uint64_t end) override;
+
+private:
+  Walk& m_walk;
+};
+
 struct Walk {
-  File& file;
+  Walk(afxs::FileSource& source, LuAfxsInspection& inspection, bool deepCheck)
+      : file(source), out(inspection), deep(deepCheck) {}
+
+  afxs::FileSource& file;
   LuAfxsInspection& out;
   bool deep;
-  uint64_t budget;  // bytes of record bodies still allowed to be walked
+  // Bodies read by a data-set load are walked within the load's budget,
+  // as the reader walks them; all other bodies within one of their own.
+  afxs::BodyBudget loadBudget{file.size()};
+  afxs::BodyBudget otherBudget{file.size()};
   // The record chain was walked to its end; without that, records outside
   // it and the STATE line are not judged (the damage is already named).
   bool chainComplete = false;
+  std::map<uint32_t, size_t> byOffset;  // record offset -> index in out.records
+  std::vector<bool> walked;             // the body of out.records[i] was walked
 
   void problem(uint64_t offset, bool breaksLoad, std::string message) {
     out.problems.push_back({offset, breaksLoad, std::move(message)});
   }
-  std::string sizeText() const { return format("%" PRIu64 " bytes", file.size()); }
+  std::string sizeText() const { return LuStrFrmt::format("%" PRIu64 " bytes", file.size()); }
+  std::string describe(const DamageReport& r, uint32_t recordKind) const;
+  std::string describeChain(const DamageReport& r, uint32_t planeId) const;
 
   void header();
   void chain();
-  bool blocks(uint32_t at, uint32_t kind, std::vector<LuAfxsInspectField>& fields, uint32_t& mask,
-              uint32_t& end, uint32_t* resultsLink, std::vector<LuAfxsInspectProblem>& found);
-  void body(LuAfxsInspectRecord& record, std::vector<LuAfxsInspectProblem>& found);
-  void subsetChains();
-  void results(LuAfxsInspectRecord& record);
+  bool blocks(uint64_t at, uint32_t kind, afxs::BodyBudget& budget, bool breaksLoad,
+              const std::string& where, std::vector<LuAfxsInspectField>& fields, uint32_t& mask,
+              uint32_t& end, uint32_t* resultsLink);
+  bool body(size_t index, afxs::BodyBudget& budget, bool breaksLoad);
+  void planes();
+  bool subsetChain(uint32_t planeId, LuAfxsInspectPlane& plane, afxs::SubsetChainBounds& bounds);
+  size_t subsetRecord(const afxs::SubsetHead& head, uint32_t planeId);
+  void otherBodies();
+  bool results(LuAfxsInspectRecord& record);
   void lengths(const LuAfxsInspectRecord& record);
   void tiling(const LuAfxsInspectRecord& record);
   void counts();
 };
 
+// ---- Words for what the decoder found ------------------------------------------
+
+std::string Walk::describe(const DamageReport& r, uint32_t recordKind) const {
+  const char* name = luAfxsFieldName(r.id);
+  const bool cameras = recordKind == LU_AFXS_REC_CAMERAS;
+  switch (r.what) {
+    case Damage::FieldListOutsideFile:
+      return LuStrFrmt::format("field list runs past the end of the file (%s) without an end mark",
+                               sizeText().c_str());
+    case Damage::EndMarkOutsideFile:
+      return LuStrFrmt::format("end mark runs past the end of the file (%s)", sizeText().c_str());
+    case Damage::WrongEndMark:
+      return LuStrFrmt::format(
+          "wrong end mark: 0xFFFFFFFF is followed by %u, expected %u (the kind of "
+          "the record)",
+          r.count, recordKind);
+    case Damage::CountOutsideFile:
+      return LuStrFrmt::format("field %u (%s): byte count runs past the end of the file (%s)", r.id,
+                               name, sizeText().c_str());
+    case Damage::Overlap:
+      return "records overlap too much to be checked";
+    case Damage::ResultsLinkCount:
+      return LuStrFrmt::format("results link: byte count %u, it must be 4", r.count);
+    case Damage::ResultsLinkOutsideFile:
+      return LuStrFrmt::format("results link runs past the end of the file (%s)",
+                               sizeText().c_str());
+    case Damage::ZeroCount:
+      if (cameras) return "cameras: a zero byte count; a reader then reads no cameras";
+      return LuStrFrmt::format(
+          "field %u (%s) has a zero byte count; a reader treats an empty field as "
+          "damage",
+          r.id, name);
+    case Damage::NegativeCount:
+      return LuStrFrmt::format("field %u (%s): byte count %u is negative as a signed value", r.id,
+                               name, r.count);
+    case Damage::NotWholeElements:
+      if (cameras)
+        return LuStrFrmt::format("cameras: byte count %u is not a multiple of 24", r.count);
+      return LuStrFrmt::format(
+          "field %u (%s): byte count %u is not a multiple of its element size %zu", r.id, name,
+          r.count, afxs::fieldElementSize(r.id));
+    case Damage::DataOutsideFile:
+      if (cameras)
+        return LuStrFrmt::format("cameras: byte count %u runs past the end of the file (%s)",
+                                 r.count, sizeText().c_str());
+      return LuStrFrmt::format("field %u (%s): byte count %u runs past the end of the file (%s)",
+                               r.id, name, r.count, sizeText().c_str());
+    case Damage::PlaneOutsideFile:
+      return LuStrFrmt::format("plane record runs past the end of the file (%s)",
+                               sizeText().c_str());
+    case Damage::PlaneWrongEndMark:
+      return LuStrFrmt::format("plane record: wrong end mark 0x%.8X, expected 0xFFFFFFFF", r.count);
+    default:
+      return describeChain(r, 0);
+  }
+}
+
+std::string Walk::describeChain(const DamageReport& r, uint32_t planeId) const {
+  switch (r.what) {
+    case Damage::ChainLoops:
+      return LuStrFrmt::format("record chain loops back to the record at %s", hex(r.value).c_str());
+    case Damage::RecordOutsideFile:
+      return LuStrFrmt::format(
+          "record chain leaves the file: a record at %s does not fit in the file (%s)",
+          hex(r.value).c_str(), sizeText().c_str());
+    case Damage::PlaneIdOutsideFile:
+      return LuStrFrmt::format("plane record at %s runs past the end of the file (%s)",
+                               hex(r.value).c_str(), sizeText().c_str());
+    case Damage::PlaneLinkOutsideFile:
+      return LuStrFrmt::format("plane %u: its record runs past the end of the file (%s)", planeId,
+                               sizeText().c_str());
+    case Damage::SubsetLoops: {
+      auto it = byOffset.find(static_cast<uint32_t>(r.value));
+      const int64_t owner = it == byOffset.end() ? -1 : out.records[it->second].plane;
+      if (owner >= 0 && owner != planeId)
+        return LuStrFrmt::format("plane-subset record at %s is reached from planes %u and %u",
+                                 hex(r.value).c_str(), static_cast<uint32_t>(owner), planeId);
+      return LuStrFrmt::format("subset chain of plane %u loops back to the record at %s", planeId,
+                               hex(r.value).c_str());
+    }
+    case Damage::TooManySubsets:
+      return LuStrFrmt::format(
+          "subset chain of plane %u leads to more records than the file could hold", planeId);
+    case Damage::SubsetOutsideFile:
+      return LuStrFrmt::format("subset chain of plane %u leaves the file: %s is past its end (%s)",
+                               planeId, hex(r.value).c_str(), sizeText().c_str());
+    case Damage::SubsetWrongKind:
+      return LuStrFrmt::format("subset chain of plane %u leads to a %s record (kind %u) at %s",
+                               planeId, luAfxsRecordKindName(r.count), r.count,
+                               hex(r.value).c_str());
+    default:
+      return describe(r, LU_AFXS_REC_PLANE_SUBSET);
+  }
+}
+
 // ---- Header ------------------------------------------------------------------
 
+void HeaderLines::word(uint64_t offset, int lineId, const std::string& keyword,
+                       const afxs::HeaderValues& v) {
+  LuAfxsInspection& out = m_walk.out;
+  LuAfxsInspectHeaderLine line;
+  line.offset = offset;
+  line.keyword = keyword;
+  line.known = lineId >= 0;
+  switch (lineId) {
+    case afxs::kLineVersion:
+      out.version = v.version;
+      out.hasVersion = true;
+      line.values = LuStrFrmt::format("%d", v.version);
+      break;
+    case afxs::kLineFirstRecord:
+      out.firstRecord = v.firstRecord;
+      line.values = LuStrFrmt::format("0x%.8X", static_cast<uint32_t>(v.firstRecord));
+      break;
+    case afxs::kLinePoint:
+    case afxs::kLineNormal: {
+      const double* p = lineId == afxs::kLinePoint ? v.header.point : v.header.normal;
+      line.values = LuStrFrmt::format("%f %f %f", p[0], p[1], p[2]);
+      break;
+    }
+    case afxs::kLineNumPlanes:
+      line.values = LuStrFrmt::format("%" PRIu64, static_cast<uint64_t>(v.header.numPlanes));
+      break;
+    case afxs::kLineDistBwPlanes:
+      line.values = LuStrFrmt::format("%f", v.header.distBwPlanes);
+      break;
+    case afxs::kLineState:
+      out.state = v.state;
+      line.values = LuStrFrmt::format("0x%.8X", v.state);
+      break;
+    default:
+      break;
+  }
+  // Only the first words are listed: a header of millions of words must not
+  // cost memory beyond a small multiple of its own size.
+  if (lineId == afxs::kLineHeaderEnd || out.headerLines.size() < kMaxHeaderLines)
+    out.headerLines.push_back(line);
+}
+
+void HeaderLines::badValue(uint64_t offset, const std::string& keyword) {
+  m_walk.problem(offset, true, "header: the value of " + keyword + " cannot be read");
+}
+
+void HeaderLines::headerEnd(uint64_t end) {
+  m_walk.out.headerEndSeen = true;
+  m_walk.out.headerSize = end;
+}
+
 void Walk::header() {
-  HeaderBuf buf(file);
+  afxs::HeaderStreamBuf buf(file);
   std::istream in(&buf);
-  std::string word;
-  if (!(in >> word) || word != afxs::kFileIdentifier) {
+  afxs::HeaderValues values;
+  HeaderLines lines(*this);
+  const afxs::HeaderOutcome outcome = afxs::parseHeader(in, values, &lines);
+  if (outcome == afxs::HeaderOutcome::BadIdentifier) {
     problem(0, true,
-            format("bad identifier line: the file must begin with the word \"%s\"",
-                   afxs::kFileIdentifier));
+            LuStrFrmt::format("bad identifier line: the file must begin with the word \"%s\"",
+                              afxs::kFileIdentifier));
     return;
   }
   out.identifierOk = true;
-  auto valueFailed = [&](uint64_t at, const std::string& keyword) {
-    problem(at, true, "header: the value of " + keyword + " cannot be read");
-  };
-  for (;;) {
-    in >> std::ws;
-    uint64_t at = buf.position();
-    if (!(in >> word)) break;
-    LuAfxsInspectHeaderLine line;
-    line.offset = at;
-    line.keyword = word;
-    if (word == "VER") {
-      int value = 0;
-      if (!(in >> std::dec >> value)) return valueFailed(at, word);
-      out.version = value;
-      out.hasVersion = true;
-      line.values = format("%d", value);
-    } else if (word == "FIRST_RECORD") {
-      int32_t value = 0;
-      if (!(in >> std::hex >> value)) return valueFailed(at, word);
-      out.firstRecord = value;
-      line.values = format("0x%.8X", static_cast<uint32_t>(value));
-    } else if (word == "POINT" || word == "NORMAL") {
-      double* v = word == "POINT" ? out.header.point : out.header.normal;
-      if (!(in >> v[0] >> v[1] >> v[2])) return valueFailed(at, word);
-      line.values = format("%f %f %f", v[0], v[1], v[2]);
-    } else if (word == "NUM_PLANES") {
-      uint64_t value = 0;
-      if (!(in >> std::dec >> value)) return valueFailed(at, word);
-      out.header.numPlanes = value;
-      line.values = format("%" PRIu64, value);
-    } else if (word == "DIST_BW_PLANES") {
-      if (!(in >> out.header.distBwPlanes)) return valueFailed(at, word);
-      line.values = format("%f", out.header.distBwPlanes);
-    } else if (word == "STATE") {
-      uint32_t value = 0;
-      if (!(in >> std::hex >> value)) return valueFailed(at, word);
-      out.state = value;
-      line.values = format("0x%.8X", value);
-    } else if (word == "HEADER_END") {
-      out.headerLines.push_back(line);
-      out.headerEndSeen = true;
-      out.headerSize = buf.position();
-      if (in.peek() == '\n') out.headerSize += 1;
-      break;
-    } else {
-      line.known = false;
-      in.ignore(0x7FFFFFFF, '\n');
-    }
-    // Only the first words are listed: a header of millions of words must
-    // not cost memory beyond a small multiple of its own size.
-    if (out.headerLines.size() < kMaxHeaderLines) out.headerLines.push_back(line);
-  }
+  if (outcome != afxs::HeaderOutcome::Parsed) return;
+  const int32_t version = out.version;
+  out.header = values.header;
+  out.header.version = version;
   if (!out.headerEndSeen) out.headerSize = file.size();
-  out.header.version = out.version;
   out.headerParsed = true;
 }
 
@@ -260,213 +321,105 @@ void Walk::chain() {
             "without records");
     return;
   }
-  if (out.firstRecord < 0) {
-    problem(0, true,
-            format("FIRST_RECORD 0x%.8X is not a valid offset",
-                   static_cast<uint32_t>(out.firstRecord)));
-    return;
-  }
-  std::set<uint32_t> visited;
-  // A real record needs at least its header and end mark; a chain with more
-  // records than that allows must overlap itself.
-  const uint64_t maxRecords = file.size() / (afxs::kRecordHeaderSize + afxs::kEndMarkSize) + 1;
-  uint32_t offset = static_cast<uint32_t>(out.firstRecord);
-  uint64_t from = 0;  // where the link to `offset` was read
-  while (offset != 0) {
-    if (!visited.insert(offset).second) {
-      problem(from, true,
-              format("record chain loops back to the record at %s", hex(offset).c_str()));
-      return;
-    }
-    if (visited.size() > maxRecords) {
-      problem(from, true, "record chain holds more records than the file could hold");
-      return;
-    }
-    LuAfxsInspectRecord record;
-    record.offset = offset;
-    uint32_t head[3] = {0, 0, 0};
-    if (!file.read(offset, head, 8)) {
-      problem(from, true,
-              format("record chain leaves the file: a record at %s does not fit in the file (%s)",
-                     hex(offset).c_str(), sizeText().c_str()));
-      return;
-    }
-    record.kind = head[0];
-    record.next = head[1];
-    if (record.kind == LU_AFXS_REC_PLANE && !file.u32(uint64_t{offset} + 8, record.planeId)) {
-      problem(offset, true,
-              format("plane record at %s runs past the end of the file (%s)", hex(offset).c_str(),
-                     sizeText().c_str()));
-      return;
-    }
-    if (record.kind > LU_AFXS_REC_RESULTS)
-      problem(offset, false,
-              format("record at %s has the unknown kind %u; a reader steps over it",
-                     hex(offset).c_str(), record.kind));
-    out.records.push_back(record);
-    from = uint64_t{offset} + afxs::kNextFieldOffset;
-    offset = record.next;
-  }
-  chainComplete = true;
+  afxs::WindowSource window(file);
+  Findings found;
+  chainComplete = afxs::walkRecordChain(
+      window, static_cast<uint32_t>(out.firstRecord), found, [&](const afxs::RecordHead& head) {
+        LuAfxsInspectRecord record;
+        record.offset = head.offset;
+        record.kind = head.kind;
+        record.next = head.next;
+        record.planeId = head.planeId;
+        if (record.kind > LU_AFXS_REC_RESULTS)
+          problem(head.offset, false,
+                  LuStrFrmt::format("record at %s has the unknown kind %u; a reader steps over it",
+                                    hex(head.offset).c_str(), record.kind));
+        byOffset.emplace(head.offset, out.records.size());
+        out.records.push_back(record);
+      });
+  for (const DamageReport& r : found.reports) problem(r.offset, true, describeChain(r, 0));
+  walked.assign(out.records.size(), false);
 }
+
+// ---- Bodies ----------------------------------------------------------------------
 
 // Walks the field blocks of one record from `at` up to and including its end
-// mark, as the reader's loadRecordData does. Problems go to `found`; the
-// caller decides whether they break a load. False when the walk had to stop.
-bool Walk::blocks(uint32_t at, uint32_t kind, std::vector<LuAfxsInspectField>& fields,
-                  uint32_t& mask, uint32_t& end, uint32_t* resultsLink,
-                  std::vector<LuAfxsInspectProblem>& found) {
-  auto fail = [&](uint64_t offset, std::string message) {
-    found.push_back({offset, true, std::move(message)});
-    return false;
-  };
-  uint64_t pos = at;
-  for (;;) {
-    uint32_t id = 0;
-    if (!file.u32(pos, id))
-      return fail(pos, format("field list runs past the end of the file (%s) without an end mark",
-                              sizeText().c_str()));
-    if (id == afxs::kFieldEnd) {
-      uint32_t endKind = 0;
-      if (!file.u32(pos + 4, endKind))
-        return fail(pos, format("end mark runs past the end of the file (%s)", sizeText().c_str()));
-      if (endKind != kind)
-        return fail(pos + 4,
-                    format("wrong end mark: 0xFFFFFFFF is followed by %u, expected %u (the "
-                           "kind of the record)",
-                           endKind, kind));
-      end = static_cast<uint32_t>(pos + 8);
-      return true;
-    }
-    uint32_t count = 0;
-    if (!file.u32(pos + 4, count))
-      return fail(pos, format("field %u (%s): byte count runs past the end of the file (%s)", id,
-                              luAfxsFieldName(id), sizeText().c_str()));
-    // Counts beyond the file are named below; what lies inside it is charged
-    // to the budget, which only overlapping records can exhaust.
-    uint64_t charge = 8 + std::min<uint64_t>(count, file.size());
-    if (budget < charge) return fail(pos, "records overlap too much to be checked");
-    budget -= charge;
-    LuAfxsInspectField field{id, static_cast<uint32_t>(pos), count};
-    fields.push_back(field);
-    const char* name = luAfxsFieldName(id);
-    if (kind == LU_AFXS_REC_CAMERAS) {
-      if (!file.has(pos + 8, count))
-        return fail(pos + 4, format("cameras: byte count %u runs past the end of the file (%s)",
-                                    count, sizeText().c_str()));
-      if (id != afxs::kFieldCameras)
-        found.push_back(
-            {pos, false, format("cameras record holds field %u; only field 0 is read", id)});
-      if (count % afxs::kPointSize != 0)
-        found.push_back(
-            {pos + 4, false, format("cameras: byte count %u is not a multiple of 24", count)});
-      pos += 8 + uint64_t{count};
-      continue;
-    }
-    if (id == afxs::kFieldResultsLink) {
-      if (count != 4)
-        return fail(pos + 4, format("results link: byte count %u, it must be 4", count));
-      uint32_t link = 0;
-      if (!file.u32(pos + 8, link))
-        return fail(pos + 8,
-                    format("results link runs past the end of the file (%s)", sizeText().c_str()));
-      if (resultsLink != nullptr) {
-        *resultsLink = link;
-      } else if (link != 0) {
-        found.push_back({pos, false, "results record holds a results link; it is not followed"});
-      }
-      pos += 12;
-      continue;
-    }
-    if (count == 0)
-      return fail(pos + 4, format("field %u (%s) has a zero byte count; a reader treats an empty "
-                                  "field as damage",
-                                  id, name));
-    if (static_cast<int32_t>(count) < 0)
-      return fail(pos + 4, format("field %u (%s): byte count %u is negative as a signed value", id,
-                                  name, count));
-    if (!file.has(pos + 8, count))
-      return fail(pos + 4, format("field %u (%s): byte count %u runs past the end of the file (%s)",
-                                  id, name, count, sizeText().c_str()));
-    size_t element = afxs::fieldElementSize(id);
-    if (element == 0) {
-      found.push_back(
-          {pos, false, format("unknown field identifier %u; a reader steps over it", id)});
-    } else if (count % element != 0) {
-      return fail(pos + 4, format("field %u (%s): byte count %u is not a multiple of its element "
-                                  "size %zu",
-                                  id, name, count, element));
-    }
-    mask |= afxs::fieldMaskBit(id);
-    pos += 8 + uint64_t{count};
-  }
+// mark with the decoder; damage becomes a problem (breaking a load when the
+// load reads this body), and so do findings a reader copes with.
+bool Walk::blocks(uint64_t at, uint32_t kind, afxs::BodyBudget& budget, bool breaksLoad,
+                  const std::string& where, std::vector<LuAfxsInspectField>& fields, uint32_t& mask,
+                  uint32_t& end, uint32_t* resultsLink) {
+  Findings found;
+  uint64_t behind = 0;
+  const bool ok = afxs::walkFieldBlocks(
+      file, at, kind, LU_AFXS_MASK_ALL, file.size(), budget, found, behind,
+      [&](const afxs::FieldBlock& b) {
+        fields.push_back({b.id, static_cast<uint32_t>(b.offset), b.count});
+        mask |= kind == LU_AFXS_REC_CAMERAS ? 0 : afxs::fieldMaskBit(b.id);
+        if (kind == LU_AFXS_REC_CAMERAS) {
+          if (b.id != afxs::kFieldCameras)
+            problem(b.offset, false,
+                    where + LuStrFrmt::format("cameras record holds field %u; only field 0 is read",
+                                              b.id));
+        } else if (b.use == afxs::BlockUse::ResultsLink) {
+          if (resultsLink != nullptr) {
+            *resultsLink = b.link;
+          } else if (b.link != 0) {
+            problem(b.offset, false,
+                    where + "results record holds a results link; it is not followed");
+          }
+        } else if (afxs::fieldElementSize(b.id) == 0) {
+          problem(b.offset, false,
+                  where + LuStrFrmt::format("unknown field identifier %u; a reader steps over it",
+                                            b.id));
+        }
+      });
+  for (const DamageReport& r : found.reports)
+    problem(r.offset, breaksLoad, where + describe(r, kind));
+  if (ok) end = static_cast<uint32_t>(behind);
+  return ok;
 }
 
-void Walk::body(LuAfxsInspectRecord& record, std::vector<LuAfxsInspectProblem>& found) {
-  uint64_t at = record.offset;
+std::string recordPlace(const LuAfxsInspectRecord& r) {
+  return LuStrFrmt::format("%s record at %s: ", luAfxsRecordKindName(r.kind),
+                           hex(r.offset).c_str());
+}
+
+// The body of out.records[index], once.
+bool Walk::body(size_t index, afxs::BodyBudget& budget, bool breaksLoad) {
+  if (walked[index]) return out.records[index].end != 0;
+  walked[index] = true;
+  LuAfxsInspectRecord& record = out.records[index];
+  const uint64_t at = record.offset;
+  const std::string where = recordPlace(record);
   switch (record.kind) {
     case LU_AFXS_REC_CAMERAS:
-      blocks(static_cast<uint32_t>(at + afxs::kCamerasBodyOffset), record.kind, record.fields,
-             record.mask, record.end, nullptr, found);
-      record.mask = 0;
-      return;
+      return blocks(at + afxs::kCamerasBodyOffset, record.kind, budget, false, where, record.fields,
+                    record.mask, record.end, nullptr);
     case LU_AFXS_REC_PLANE: {
-      uint32_t tail[3] = {0, 0, 0};
-      if (!file.read(at + 8, tail, 12)) {
-        found.push_back(
-            {at, false,
-             format("plane record runs past the end of the file (%s)", sizeText().c_str())});
-        return;
-      }
-      record.firstSubset = tail[1];
-      if (tail[2] != afxs::kEndMark) {
-        found.push_back(
-            {at + 16, false,
-             format("plane record: wrong end mark 0x%.8X, expected 0xFFFFFFFF", tail[2])});
-        return;
-      }
-      uint32_t endKind = 0;
-      if (!file.u32(at + 20, endKind) || endKind != LU_AFXS_REC_PLANE) {
-        found.push_back(
-            {at + 20, false, "plane record: wrong end mark, the kind 1 does not follow"});
-        return;
-      }
-      record.end = static_cast<uint32_t>(at + afxs::kPlaneRecordSize);
-      return;
+      Findings found;
+      afxs::PlaneRecord plane;
+      const bool ok = afxs::readPlaneRecord(file, record.offset, found, plane);
+      record.firstSubset = plane.firstSubset;
+      for (const DamageReport& r : found.reports)
+        problem(r.offset, false, where + describe(r, record.kind));
+      if (ok) record.end = static_cast<uint32_t>(at + afxs::kPlaneRecordSize);
+      return ok;
     }
-    case LU_AFXS_REC_PLANE_SUBSET: {
-      uint32_t head[2] = {0, 0};
-      if (!file.read(at + 8, head, 8)) {
-        found.push_back(
-            {at, true,
-             format("plane-subset record runs past the end of the file (%s)", sizeText().c_str())});
-        return;
-      }
-      record.subsetId = head[0];
-      record.nextSubset = head[1];
-      blocks(static_cast<uint32_t>(at + afxs::kSubsetFirstFieldOffset), record.kind, record.fields,
-             record.mask, record.end, &record.resultsLink, found);
-      return;
-    }
+    case LU_AFXS_REC_PLANE_SUBSET:
+      return blocks(at + afxs::kSubsetFirstFieldOffset, record.kind, budget, breaksLoad, where,
+                    record.fields, record.mask, record.end, &record.resultsLink);
     case LU_AFXS_REC_RESULTS:
-      blocks(static_cast<uint32_t>(at + afxs::kResultsBodyOffset), record.kind, record.fields,
-             record.mask, record.end, nullptr, found);
-      return;
+      return blocks(at + afxs::kResultsBodyOffset, record.kind, budget, false, where, record.fields,
+                    record.mask, record.end, nullptr);
     default:
-      return;
+      return true;
   }
 }
 
-// ---- Subset chains and what a load reads -----------------------------------------
+// ---- Subset chains, as a data-set load walks them --------------------------------
 
-void Walk::subsetChains() {
-  // Bodies of the chain's records, with overlap detection.
-  std::map<uint32_t, size_t> byOffset;
-  std::vector<std::vector<LuAfxsInspectProblem>> found(out.records.size());
-  for (size_t i = 0; i < out.records.size(); ++i) {
-    byOffset.emplace(out.records[i].offset, i);
-    body(out.records[i], found[i]);
-  }
+void Walk::planes() {
   // Plane index: the first plane record of each number wins, as in the reader.
   std::map<uint32_t, size_t> planeIndex;
   for (size_t i = 0; i < out.records.size(); ++i) {
@@ -474,131 +427,111 @@ void Walk::subsetChains() {
     if (r.kind != LU_AFXS_REC_PLANE) continue;
     auto [it, fresh] = planeIndex.emplace(r.planeId, i);
     if (!fresh)
-      problem(r.offset, false,
-              format("second plane record for plane %u; a reader uses the first one, at %s",
-                     r.planeId, hex(out.records[it->second].offset).c_str()));
+      problem(
+          r.offset, false,
+          LuStrFrmt::format("second plane record for plane %u; a reader uses the first one, at %s",
+                            r.planeId, hex(out.records[it->second].offset).c_str()));
   }
-  std::set<uint32_t> reached;
-  uint64_t steps = 0;
-  const uint64_t maxSteps = 4 * uint64_t{out.records.size()} + 16;
+  afxs::SubsetChainBounds bounds(file.size());  // over every plane's chain, as in the reader
   for (auto [planeId, index] : planeIndex) {
     LuAfxsInspectPlane plane;
     plane.planeId = planeId;
     plane.recordOffset = out.records[index].offset;
-    uint32_t firstSubset = 0;
-    if (!file.u32(uint64_t{plane.recordOffset} + afxs::kPlaneFirstSubsetOffset, firstSubset)) {
-      problem(plane.recordOffset, true,
-              format("plane %u: its record runs past the end of the file (%s)", planeId,
-                     sizeText().c_str()));
-      out.planes.push_back(plane);
-      continue;
-    }
-    uint64_t from = uint64_t{plane.recordOffset} + afxs::kPlaneFirstSubsetOffset;
-    std::set<uint32_t> mine;
-    for (uint32_t at = firstSubset; at != 0;) {
-      if (++steps > maxSteps) {
-        problem(from, true, "subset chains share records too often to be checked");
-        break;
-      }
-      if (!mine.insert(at).second) {
-        problem(from, true,
-                format("subset chain of plane %u loops back to the record at %s", planeId,
-                       hex(at).c_str()));
-        break;
-      }
-      auto it = byOffset.find(at);
-      size_t i = 0;
-      if (it != byOffset.end()) {
-        i = it->second;
-      } else {
-        uint32_t kind = 0;
-        if (!file.u32(at, kind) || !file.has(at, afxs::kSubsetRecordHead)) {
-          problem(from, true,
-                  format("subset chain of plane %u leaves the file: %s is past its end (%s)",
-                         planeId, hex(at).c_str(), sizeText().c_str()));
-          break;
-        }
-        LuAfxsInspectRecord extra;
-        extra.offset = at;
-        extra.kind = kind;
-        extra.inChain = false;
-        file.u32(uint64_t{at} + 4, extra.next);
-        if (kind == LU_AFXS_REC_PLANE_SUBSET && chainComplete)
-          problem(at, false,
-                  format("plane-subset record at %s (plane %u) is not in the record chain",
-                         hex(at).c_str(), planeId));
-        out.records.push_back(extra);
-        found.emplace_back();
-        i = out.records.size() - 1;
-        byOffset.emplace(at, i);
-        if (kind == LU_AFXS_REC_PLANE_SUBSET) body(out.records[i], found[i]);
-      }
-      LuAfxsInspectRecord& r = out.records[i];
-      if (r.kind != LU_AFXS_REC_PLANE_SUBSET) {
-        problem(from, true,
-                format("subset chain of plane %u leads to a %s record (kind %u) at %s", planeId,
-                       luAfxsRecordKindName(r.kind), r.kind, hex(at).c_str()));
-        break;
-      }
-      if (r.plane >= 0 && r.plane != planeId) {
-        // The reader refuses a record shared by two planes' chains.
-        problem(at, true,
-                format("plane-subset record at %s is reached from planes %u and %u",
-                       hex(at).c_str(), static_cast<uint32_t>(r.plane), planeId));
-        break;
-      }
-      if (r.plane < 0) r.plane = planeId;
-      r.loaded = true;
-      reached.insert(at);
-      plane.subsets.push_back(i);
-      from = uint64_t{at} + afxs::kSubsetNextSubsetOffset;
-      at = r.nextSubset;
-    }
+    subsetChain(planeId, plane, bounds);
     out.planes.push_back(plane);
   }
-  // Problems of the bodies: those of records a load reads break the load.
-  for (size_t i = 0; i < out.records.size(); ++i) {
-    const LuAfxsInspectRecord& r = out.records[i];
-    for (LuAfxsInspectProblem p : found[i]) {
-      bool read = r.loaded && r.kind == LU_AFXS_REC_PLANE_SUBSET;
-      p.breaksLoad = p.breaksLoad && read;
-      p.message = format("%s record at %s: ", luAfxsRecordKindName(r.kind), hex(r.offset).c_str()) +
-                  p.message;
-      out.problems.push_back(p);
-    }
-    if (r.kind == LU_AFXS_REC_PLANE_SUBSET && !r.loaded && r.inChain)
-      problem(r.offset, false,
-              format("plane-subset record at %s is not reached from any plane, so a reader never "
-                     "loads it",
-                     hex(r.offset).c_str()));
-  }
-  for (LuAfxsInspectRecord& r : out.records)
-    if (r.loaded && r.end != 0) results(r);
 }
 
-void Walk::results(LuAfxsInspectRecord& record) {
-  if (record.resultsLink == 0) return;
-  uint32_t link = record.resultsLink;
-  std::string where = format(
+// One plane's subset chain with each record's body and results, in the
+// order a load reads them. False at the first damage a load would stop at.
+bool Walk::subsetChain(uint32_t planeId, LuAfxsInspectPlane& plane,
+                       afxs::SubsetChainBounds& bounds) {
+  Findings found;
+  uint32_t first = 0;
+  const uint64_t link = uint64_t{plane.recordOffset} + afxs::kPlaneFirstSubsetOffset;
+  bool ok = afxs::readPlaneFirstSubset(file, link, found, first);
+  if (ok) {
+    ok = afxs::walkSubsetChain(file, first, bounds, found, [&](const afxs::SubsetHead& head) {
+      const size_t i = subsetRecord(head, planeId);
+      LuAfxsInspectRecord& r = out.records[i];
+      r.plane = planeId;
+      r.loaded = true;
+      plane.subsets.push_back(i);
+      return body(i, loadBudget, true) && results(out.records[i]);
+    });
+  }
+  for (const DamageReport& r : found.reports)
+    problem(r.offset == 0 ? link : r.offset, true, describeChain(r, planeId));
+  return ok;
+}
+
+// The index of the plane-subset record at head.offset, added when the
+// record chain did not lead to it.
+size_t Walk::subsetRecord(const afxs::SubsetHead& head, uint32_t planeId) {
+  auto it = byOffset.find(head.offset);
+  if (it != byOffset.end()) {
+    LuAfxsInspectRecord& r = out.records[it->second];
+    r.subsetId = head.subsetId;
+    r.nextSubset = head.nextSubset;
+    return it->second;
+  }
+  LuAfxsInspectRecord extra;
+  extra.offset = head.offset;
+  extra.kind = head.kind;
+  extra.next = head.next;
+  extra.subsetId = head.subsetId;
+  extra.nextSubset = head.nextSubset;
+  extra.inChain = false;
+  if (chainComplete)
+    problem(head.offset, false,
+            LuStrFrmt::format("plane-subset record at %s (plane %u) is not in the record chain",
+                              hex(head.offset).c_str(), planeId));
+  byOffset.emplace(head.offset, out.records.size());
+  out.records.push_back(extra);
+  walked.push_back(false);
+  return out.records.size() - 1;
+}
+
+// The bodies a load does not read: findings there never break a load.
+void Walk::otherBodies() {
+  for (size_t i = 0; i < out.records.size(); ++i) {
+    LuAfxsInspectRecord& r = out.records[i];
+    afxs::SubsetHead head;
+    if (r.kind == LU_AFXS_REC_PLANE_SUBSET && !walked[i] &&
+        afxs::readSubsetHead(file, r.offset, head)) {
+      r.subsetId = head.subsetId;
+      r.nextSubset = head.nextSubset;
+    }
+    body(i, otherBudget, false);
+    if (r.kind == LU_AFXS_REC_PLANE_SUBSET && !r.loaded && r.inChain)
+      problem(r.offset, false,
+              LuStrFrmt::format(
+                  "plane-subset record at %s is not reached from any plane, so a reader never "
+                  "loads it",
+                  hex(r.offset).c_str()));
+  }
+}
+
+// The results record a loaded plane-subset record links to, as a load reads
+// it. False when a load would fail there.
+bool Walk::results(LuAfxsInspectRecord& record) {
+  if (record.end == 0 || record.resultsLink == 0) return true;
+  const uint32_t link = record.resultsLink;
+  const std::string where = LuStrFrmt::format(
       "plane-subset record at %s: results at %s: ", hex(record.offset).c_str(), hex(link).c_str());
   bool linkedRecord = false;
   if (link >= afxs::kResultsBodyOffset) {
-    for (const LuAfxsInspectRecord& r : out.records)
-      if (r.offset == link - afxs::kResultsBodyOffset && r.kind == LU_AFXS_REC_RESULTS)
-        linkedRecord = true;
+    auto it = byOffset.find(link - afxs::kResultsBodyOffset);
+    linkedRecord = it != byOffset.end() && out.records[it->second].kind == LU_AFXS_REC_RESULTS &&
+                   out.records[it->second].inChain;
   }
   if (!linkedRecord)
     problem(link, false,
             where + "the link does not lead to the body of a results record of the chain");
-  std::vector<LuAfxsInspectProblem> found;
   uint32_t end = 0;
   uint32_t ignoredLink = 0;
-  blocks(link, LU_AFXS_REC_RESULTS, record.resultsFields, record.resultsMask, end, &ignoredLink,
-         found);
-  for (LuAfxsInspectProblem p : found) {
-    p.message = where + p.message;
-    out.problems.push_back(p);
-  }
+  return blocks(link, LU_AFXS_REC_RESULTS, loadBudget, true, where, record.resultsFields,
+                record.resultsMask, end, &ignoredLink);
 }
 
 // ---- Consistency of what a load reads --------------------------------------------
@@ -613,9 +546,9 @@ void Walk::lengths(const LuAfxsInspectRecord& r) {
     }
   auto differ = [&](uint64_t at, uint32_t a, uint64_t na, uint32_t b, uint64_t nb) {
     problem(at, false,
-            format("plane %" PRId64 " subset %u: %s (%" PRIu64 ") and %s (%" PRIu64
-                   ") differ in length",
-                   r.plane, r.subsetId, luAfxsFieldName(a), na, luAfxsFieldName(b), nb));
+            LuStrFrmt::format("plane %" PRId64 " subset %u: %s (%" PRIu64 ") and %s (%" PRIu64
+                              ") differ in length",
+                              r.plane, r.subsetId, luAfxsFieldName(a), na, luAfxsFieldName(b), nb));
   };
   auto compare = [&](uint32_t a, uint32_t b) {
     if (!n.count(a) || !n.count(b) || n[a] == n[b]) return;
@@ -657,16 +590,16 @@ void Walk::tiling(const LuAfxsInspectRecord& r) {
   }
   auto forEach = [&](const LuAfxsInspectField& f, auto&& visit) {
     uint32_t chunk[4096];
-    uint64_t left = f.count / 4;
-    uint64_t at = uint64_t{f.offset} + 8;
+    uint64_t left = f.count / afxs::kIndexSize;
+    uint64_t at = uint64_t{f.offset} + afxs::kFieldDataOffset;
     uint64_t index = 0;
     while (left > 0) {
-      size_t take = static_cast<size_t>(std::min<uint64_t>(left, 4096));
-      if (!file.read(at, chunk, take * 4)) return false;
+      size_t take = static_cast<size_t>(std::min<uint64_t>(left, std::size(chunk)));
+      if (!file.readExactly(at, chunk, take * sizeof chunk[0])) return false;
       for (size_t k = 0; k < take; ++k)
         if (!visit(index++, chunk[k])) return true;
       left -= take;
-      at += take * 4;
+      at += take * sizeof chunk[0];
     }
     return true;
   };
@@ -689,15 +622,16 @@ void Walk::tiling(const LuAfxsInspectRecord& r) {
     });
     if (bad) {
       problem(segments->offset, false,
-              format("plane %" PRId64 " subset %u: segment %" PRIu64 " ends at %" PRId64
-                     ", which does not follow the previous end %" PRId64 " within %" PRIu64
-                     " points; segments do not tile the points",
-                     r.plane, r.subsetId, badIndex, badValue, previous, pointCount));
+              LuStrFrmt::format("plane %" PRId64 " subset %u: segment %" PRIu64 " ends at %" PRId64
+                                ", which does not follow the previous end %" PRId64
+                                " within %" PRIu64 " points; segments do not tile the points",
+                                r.plane, r.subsetId, badIndex, badValue, previous, pointCount));
     } else if (previous != static_cast<int64_t>(pointCount)) {
-      problem(segments->offset, false,
-              format("plane %" PRId64 " subset %u: the segments end at %" PRId64
-                     " but there are %" PRIu64 " points; segments do not tile the points",
-                     r.plane, r.subsetId, previous, pointCount));
+      problem(
+          segments->offset, false,
+          LuStrFrmt::format("plane %" PRId64 " subset %u: the segments end at %" PRId64
+                            " but there are %" PRIu64 " points; segments do not tile the points",
+                            r.plane, r.subsetId, previous, pointCount));
     }
   }
   if (counts != nullptr) {
@@ -706,12 +640,12 @@ void Walk::tiling(const LuAfxsInspectRecord& r) {
       sum += c;
       return true;
     });
-    uint64_t have = positions != nullptr ? positions->count / 4 : 0;
+    uint64_t have = positions != nullptr ? positions->count / afxs::kIndexSize : 0;
     if (sum != have)
       problem(counts->offset, false,
-              format("plane %" PRId64 " subset %u: the aux groups hold %" PRIu64
-                     " positions together but auxCtrlPos has %" PRIu64,
-                     r.plane, r.subsetId, sum, have));
+              LuStrFrmt::format("plane %" PRId64 " subset %u: the aux groups hold %" PRIu64
+                                " positions together but auxCtrlPos has %" PRIu64,
+                                r.plane, r.subsetId, sum, have));
   }
 }
 
@@ -761,9 +695,10 @@ void Walk::counts() {
     }
   if (out.headerParsed && chainComplete && complete && out.state != out.expectedState)
     problem(0, false,
-            format("STATE line says 0x%.8X, but the AND of the plane-subset records' field masks "
-                   "is 0x%.8X",
-                   out.state, out.expectedState));
+            LuStrFrmt::format(
+                "STATE line says 0x%.8X, but the AND of the plane-subset records' field masks "
+                "is 0x%.8X",
+                out.state, out.expectedState));
 }
 
 }  // namespace
@@ -782,20 +717,21 @@ LuAfxsInspection luAfxsInspect(const std::wstring& path, bool deep) {
                                   : "is not a regular file (a FIFO, device or socket)"});
       return out;
     }
-    File file(path);
+    afxs::FileSource file(path);
     if (!file.ok()) {
       out.problems.push_back({0, true, "cannot be opened for reading"});
       return out;
     }
     out.opened = true;
     out.fileSize = file.size();
-    Walk walk{file, out, deep, 4 * file.size() + 1024};
+    Walk walk{file, out, deep};
     walk.header();
     if (!out.headerParsed) return out;
     if (out.fileSize > afxs::kMaxFileOffset + 1)
       walk.problem(afxs::kMaxFileOffset, false, "the file is larger than a u32 offset can reach");
     walk.chain();
-    walk.subsetChains();
+    walk.planes();
+    walk.otherBodies();
     walk.counts();
   } catch (...) {
     // Only allocation failures can get here; the walk itself does not throw.

@@ -7,6 +7,7 @@
 #include <luAnaf/luAfxsUser.h>
 
 #include "format/coding.h"
+#include "format/decoder.h"
 #include "format/format.h"
 #include "format/io_error.h"
 #include "format/record_body.h"
@@ -15,15 +16,11 @@
 
 namespace {
 
-// Checks a block's byte count (not 0, whole elements, inside the file) and
-// reads its data into a member array, sized from the array cache. An array
-// whose read fails is left empty, so nothing stale from an earlier owner of
-// its memory is ever seen.
+// Reads a block's data, whose byte count was checked, into a member array,
+// sized from the array cache. An array whose read fails is left empty, so
+// nothing stale from an earlier owner of its memory is ever seen.
 template <typename T>
-void readArray(FILE* stream, std::vector<T>& v, uint32_t countWord, uint32_t count,
-               uint64_t fileSize) {
-  if (count == 0 || count % sizeof(T) != 0) afxs::fail();
-  afxs::requireInFile(static_cast<uint64_t>(countWord) + 4, count, fileSize);
+void readArray(FILE* stream, std::vector<T>& v, uint32_t count) {
   afxs::sizeForOverwrite(v, count / sizeof(T));
   try {
     afxs::getBytes(stream, v.data(), count);
@@ -37,35 +34,44 @@ void readArray(FILE* stream, std::vector<T>& v, uint32_t countWord, uint32_t cou
 static_assert(sizeof(int32_t) == afxs::kIndexSize && sizeof(uint32_t) == afxs::kIndexSize);
 static_assert(sizeof(double) == afxs::kDistanceSize);
 
-// The body of one block whose identifier and byte count (the word at
-// `countWord`) have been read: checks the count and reads the data into its
-// member of `plane` (the results link into `resultsOffset`).
-void readFieldBody(FILE* stream, uint32_t id, uint32_t countWord, uint32_t count, uint64_t fileSize,
-                   LuAfxsPlane& plane, uint32_t& resultsOffset) {
+// The body of one block to be read whose identifier and byte count have been
+// read and checked: reads the data into its member of `plane` (the results
+// link into `resultsOffset`).
+void readFieldBody(FILE* stream, uint32_t id, uint32_t count, LuAfxsPlane& plane,
+                   uint32_t& resultsOffset) {
   switch (id) {
     case afxs::kFieldResultsLink:
-      if (count != 4) afxs::fail();
       resultsOffset = afxs::getU32(stream);
       return;
     case afxs::kFieldPoints:
-      return readArray(stream, plane.points, countWord, count, fileSize);
+      return readArray(stream, plane.points, count);
     case afxs::kFieldNormals:
-      return readArray(stream, plane.normals, countWord, count, fileSize);
+      return readArray(stream, plane.normals, count);
     case afxs::kFieldSegments:
-      return readArray(stream, plane.segments, countWord, count, fileSize);
+      return readArray(stream, plane.segments, count);
     case afxs::kFieldResPoints:
-      return readArray(stream, plane.resPoints, countWord, count, fileSize);
+      return readArray(stream, plane.resPoints, count);
     case afxs::kFieldDistances:
-      return readArray(stream, plane.distances, countWord, count, fileSize);
+      return readArray(stream, plane.distances, count);
     case afxs::kFieldAuxPos:
-      return readArray(stream, plane.auxCtrlPos, countWord, count, fileSize);
+      return readArray(stream, plane.auxCtrlPos, count);
     case afxs::kFieldAuxOffsets:
-      return readArray(stream, plane.auxCtrlOffsets, countWord, count, fileSize);
+      return readArray(stream, plane.auxCtrlOffsets, count);
     case afxs::kFieldAuxCounts:
-      return readArray(stream, plane.auxCtrlCounts, countWord, count, fileSize);
+      return readArray(stream, plane.auxCtrlCounts, count);
     default:
       afxs::fail();  // 3 (auxCtrlFirst) and unknown identifiers are never loaded
   }
+}
+
+// Checks the byte count of a block of a record of `kind` as a load of `mask`
+// does; false (after `reporter` threw) never returns.
+afxs::BlockUse checkedUse(uint32_t kind, uint32_t id, uint32_t count, uint64_t countAt,
+                          uint32_t mask, uint64_t fileSize) {
+  afxs::FailOnDamage reporter;
+  const afxs::BlockUse use = afxs::blockUse(kind, id, mask);
+  afxs::checkBlockCount(kind, use, id, count, countAt, fileSize, reporter);
+  return use;
 }
 
 }  // namespace
@@ -132,35 +138,37 @@ void LuAfxsUserData::loadRecordData(FILE* stream, long kind, long mask) {
   uint32_t words[2] = {0, 0};
   size_t got = luio::read(words, 1, sizeof words, stream);
   if (got < 4) afxs::fail();
+  afxs::FailOnDamage reporter;
   while (words[0] != afxs::kEndMark) {
     const uint32_t id = words[0];
-    const uint64_t countAt = at + 4;
+    const uint64_t countAt = at + afxs::kFieldCountOffset;
     if (countAt > afxs::kMaxFileOffset) afxs::fail();
     const uint32_t countWord = static_cast<uint32_t>(countAt);
     // An identifier already present keeps its first position.
     m_fieldDirectory.emplace(id, countWord);
     if (got < sizeof words) afxs::fail();  // no count behind the identifier
     const uint32_t count = words[1];
-    if (id == afxs::kFieldResultsLink) {
-      readFieldBody(stream, id, countWord, count, fileSize, m_plane, m_resultsOffset);
+    if (m_bodyBudget != nullptr && !m_bodyBudget->charge(count)) afxs::fail();
+    const afxs::BlockUse use = checkedUse(static_cast<uint32_t>(kind), id, count, countAt,
+                                          static_cast<uint32_t>(mask), fileSize);
+    if (use == afxs::BlockUse::ResultsLink) {
+      readFieldBody(stream, id, count, m_plane, m_resultsOffset);
     } else {
-      uint32_t bit = afxs::fieldMaskBit(id);  // 0 for identifiers the table lacks
-      m_fileState |= bit;
-      if ((bit & static_cast<uint32_t>(mask)) != 0) {
-        readFieldBody(stream, id, countWord, count, fileSize, m_plane, m_resultsOffset);
-        m_state |= bit;
+      m_fileState |= afxs::fieldMaskBit(id);  // 0 for identifiers the table lacks
+      if (use == afxs::BlockUse::Read) {
+        readFieldBody(stream, id, count, m_plane, m_resultsOffset);
+        m_state |= afxs::fieldMaskBit(id);
         m_loadedFields.insert(id);
       } else {
-        if (static_cast<int32_t>(count) <= 0) afxs::fail();
-        afxs::requireInFile(static_cast<uint64_t>(countWord) + 4, count, fileSize);
         afxs::seekBy(stream, count);
       }
     }
-    at = static_cast<uint64_t>(countWord) + 4 + count;
+    at = countAt + 4 + count;
     got = luio::read(words, 1, sizeof words, stream);
     if (got < 4) afxs::fail();
   }
-  if (got < sizeof words || words[1] != static_cast<uint32_t>(kind)) afxs::fail();
+  if (got < sizeof words) afxs::fail();
+  afxs::checkEndMark(at + afxs::kFieldCountOffset, words[1], static_cast<uint32_t>(kind), reporter);
 }
 
 // Reads one block's byte count and data into its member. A count that is not
@@ -169,8 +177,11 @@ void LuAfxsUserData::loadRecordData(FILE* stream, long kind, long mask) {
 void LuAfxsUserData::loadFieldData(FILE* stream, long id) {
   uint32_t countWord = afxs::offset32(stream);
   uint32_t count = afxs::getU32(stream);
-  readFieldBody(stream, static_cast<uint32_t>(id), countWord, count, m_link->m_fileSize, m_plane,
-                m_resultsOffset);
+  const uint32_t field = static_cast<uint32_t>(id);
+  // Only fields of the directory that the mask asks for come here.
+  checkedUse(LU_AFXS_REC_PLANE_SUBSET, field, count, countWord, LU_AFXS_MASK_ALL,
+             m_link->m_fileSize);
+  readFieldBody(stream, field, count, m_plane, m_resultsOffset);
 }
 
 void LuAfxsUserData::setDistances(const double* values, size_t count) {

@@ -3,12 +3,13 @@
 // to them, and the removal of field groups by rewriting the file.
 #include <cerrno>
 #include <string>
-#include <unordered_set>
 
 #include <luAnaf/luAfxsDataSet.h>
 #include <luAnaf/luEnv.h>
 
+#include "format/byte_source.h"
 #include "format/coding.h"
+#include "format/decoder.h"
 #include "format/format.h"
 #include "format/io_error.h"
 #include "platform/lu_io.h"
@@ -18,11 +19,6 @@ namespace {
 
 // Capacity, NUL included, of the buffer the temporary path is formed in.
 constexpr size_t kPathBuffer = 1024;
-
-// The smallest plane-subset record: its head, the results link block and the
-// end mark. No file holds more records than its size allows for.
-constexpr uint64_t kMinSubsetRecord =
-    afxs::kSubsetRecordHead + afxs::kResultsLinkBlockSize + afxs::kEndMarkSize;
 
 }  // namespace
 
@@ -60,37 +56,49 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
     m_link->remove();
     return false;
   }
+  // The link's stream, kept open during the walk, as a source of bytes: a
+  // seek is left out where the stream already stands.
+  class StreamSource final : public afxs::ByteSource {
+  public:
+    explicit StreamSource(LuAfxsUserLink& link) : m_link(link) {}
+    size_t readAt(uint64_t at, void* data, size_t size) override {
+      FILE* f = m_link.m_file;
+      if (f == nullptr || at > afxs::kMaxFileOffset) return 0;
+      const int64_t offset = static_cast<int64_t>(at);
+      if (!afxs::alreadyAt(f, offset, !m_link.m_fileOpenForWrite) &&
+          luio::seek(f, offset, SEEK_SET) != 0)
+        return 0;
+      return luio::read(data, 1, size, f);
+    }
+
+  private:
+    LuAfxsUserLink& m_link;
+  };
   try {
-    const uint64_t maxRecords = m_link->m_fileSize / kMinSubsetRecord;
-    afxs::VisitedOffsets visited;  // over every plane's chain
+    StreamSource file(*m_link);
+    afxs::FailOnDamage reporter;
+    afxs::SubsetChainBounds bounds(m_link->m_fileSize);  // over every plane's chain
+    afxs::BodyBudget budget(m_link->m_fileSize);
     for (const auto& [planeId, firstSubsetField] : m_link->m_planeIndex) {
       FILE* f = m_link->getPlaneRecord(planeId);
       if (!f) afxs::fail();
-      uint32_t offset = afxs::getU32(f);
-      while (offset != 0) {
-        if (!visited.firstVisit(offset)) afxs::fail();
-        if (m_dataList.size() >= maxRecords) afxs::fail();
-        f = m_link->m_file;  // the link keeps its stream open during the walk
-        if (!f) afxs::fail();
-        if (!afxs::alreadyAt(f, offset, !m_link->m_fileOpenForWrite)) afxs::seekTo(f, offset);
-        // The record's head in one read: kind, the record chain's next field
-        // (not used here), subset id and the next subset's offset.
-        uint32_t head[4];
-        afxs::getBytes(f, head, sizeof head);
-        if (head[0] != LU_AFXS_REC_PLANE_SUBSET) afxs::fail();
-        const uint32_t subsetId = head[2];
-        const uint32_t nextSubset = head[3];
+      const uint32_t first = afxs::getU32(f);
+      afxs::walkSubsetChain(file, first, bounds, reporter, [&](const afxs::SubsetHead& head) {
         auto* data = new LuAfxsUserData(
-            *m_link, static_cast<long>(offset) + afxs::kSubsetFirstFieldOffset, planeId, subsetId);
+            *m_link, static_cast<long>(head.offset) + afxs::kSubsetFirstFieldOffset, planeId,
+            head.subsetId);
         try {
           push_back(data);
         } catch (...) {
           delete data;
           throw;
         }
-        if (!data->load(mask)) afxs::fail();
-        offset = nextSubset;
-      }
+        data->m_bodyBudget = &budget;
+        const bool loaded = data->load(mask);
+        data->m_bodyBudget = nullptr;
+        if (!loaded) afxs::fail();
+        return true;
+      });
     }
   } catch (...) {
     clear(false);

@@ -6,16 +6,17 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
-#include <locale>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include <luAnaf/luAfxsUser.h>
 #include <luAnaf/luEnv.h>
 
+#include "format/byte_source.h"
 #include "format/coding.h"
+#include "format/decoder.h"
 #include "format/format.h"
+#include "format/header_words.h"
 #include "format/io_error.h"
 #include "platform/lu_io.h"
 #include "reader/reader_io.h"
@@ -24,12 +25,6 @@ namespace {
 
 // Capacity, NUL included, of the buffer a cross-section file name is formed in.
 constexpr size_t kPathBuffer = 1024;
-// Bytes read at a time while the record chain is scanned.
-constexpr size_t kScanWindow = 4096;
-
-bool isKeyword(const std::string& word, int lineId) {
-  return word == afxs::headerKeyword(lineId).keyword;
-}
 
 }  // namespace
 
@@ -139,7 +134,6 @@ bool LuAfxsUserLink::create(bool keepOpen) {
 bool LuAfxsUserLink::readHeader() {
   m_firstRecord = 0;
   m_updateSupported = false;
-  int version = -1;  // the header's version field is intentionally never set here
 
   // Only a regular file is read: a FIFO, a device or a folder is refused
   // before the stream is opened (opening a FIFO would wait for a writer).
@@ -147,36 +141,17 @@ bool LuAfxsUserLink::readHeader() {
   const bool regular = luio::status(m_filePath, st) && st.regular;
   std::ifstream in;
   if (regular) in.open(luio::nativePath(m_filePath));
-  // Numbers are read as the writer's C-locale printf wrote them, whatever
-  // global locale the client has set.
-  in.imbue(std::locale::classic());
   bool ok = regular && in.is_open();
-  std::string word;
-  if (ok) ok = static_cast<bool>(in >> word) && word == afxs::kFileIdentifier;
-  while (ok && in >> word) {
-    if (isKeyword(word, afxs::kLineVersion)) {
-      ok = static_cast<bool>(in >> std::dec >> version);
-    } else if (isKeyword(word, afxs::kLineFirstRecord)) {
-      // Hexadecimal reading accepts the "0x" prefix the writer puts there.
-      ok = static_cast<bool>(in >> std::hex >> m_firstRecord);
-    } else if (isKeyword(word, afxs::kLinePoint)) {
-      ok = static_cast<bool>(in >> m_header.point[0] >> m_header.point[1] >> m_header.point[2]);
-    } else if (isKeyword(word, afxs::kLineNormal)) {
-      ok = static_cast<bool>(in >> m_header.normal[0] >> m_header.normal[1] >> m_header.normal[2]);
-    } else if (isKeyword(word, afxs::kLineNumPlanes)) {
-      // Intended: written as a signed 32-bit " %d", read back as unsigned 64-bit.
-      ok = static_cast<bool>(in >> std::dec >> m_header.numPlanes);
-    } else if (isKeyword(word, afxs::kLineDistBwPlanes)) {
-      ok = static_cast<bool>(in >> m_header.distBwPlanes);
-    } else if (isKeyword(word, afxs::kLineState)) {
-      ok = static_cast<bool>(in >> std::hex >> m_state);
-    } else if (isKeyword(word, afxs::kLineHeaderEnd)) {
-      break;
-    } else {
-      // An unknown keyword: the rest of its line is skipped.
-      in.ignore(0x7FFFFFFF, '\n');
-    }
-  }
+  afxs::HeaderValues values;
+  values.header = m_header;
+  values.state = m_state;
+  if (ok) ok = afxs::parseHeader(in, values) == afxs::HeaderOutcome::Parsed;
+  // The header's version field is intentionally never set here.
+  const int version = values.version;
+  values.header.version = m_header.version;
+  m_header = values.header;
+  m_firstRecord = values.firstRecord;
+  m_state = values.state;
   if (!ok) {
     afxs::report(afxs::kErrReadHeader, afxs::kUserSource, m_filePath);
     return false;
@@ -194,42 +169,39 @@ bool LuAfxsUserLink::scanRecords() {
   m_fileExists = true;
   luio::FileStatus st;
   m_fileSize = luio::status(m_filePath, st) ? st.size : 0;
+  // The link's stream as a source of bytes: openFile reports a failed open
+  // or seek, and the read then comes up short.
+  class LinkSource final : public afxs::ByteSource {
+  public:
+    explicit LinkSource(LuAfxsUserLink& link) : m_link(link) {}
+    size_t readAt(uint64_t at, void* data, size_t size) override {
+      if (at > static_cast<uint64_t>(std::numeric_limits<long>::max())) return 0;
+      FILE* f = m_link.openFile(static_cast<long>(at), false);
+      return f == nullptr ? 0 : luio::read(data, 1, size, f);
+    }
+
+  private:
+    LuAfxsUserLink& m_link;
+  };
   try {
     // The chain's small reads are served from one window of the file, so a
-    // scan costs a seek and a read per window instead of per record. The
-    // window is filled through openFile, which reports a failed open or seek.
-    std::vector<uint8_t> window(kScanWindow);
-    uint64_t windowStart = 0;
-    size_t windowSize = 0;
-    auto u32At = [&](uint64_t at) {
-      if (at < windowStart || at + 4 > windowStart + windowSize) {
-        FILE* f = openFile(static_cast<long>(at), false);
-        if (!f) afxs::fail();
-        windowStart = at;
-        windowSize = luio::read(window.data(), 1, window.size(), f);
-        if (at + 4 > windowStart + windowSize) afxs::fail();  // a short read
-      }
-      uint32_t value = 0;
-      std::memcpy(&value, window.data() + (at - windowStart), sizeof value);
-      return value;
-    };
-    afxs::VisitedOffsets visited;
-    uint32_t offset = static_cast<uint32_t>(m_firstRecord);
+    // scan costs a seek and a read per window instead of per record.
+    LinkSource file(*this);
+    afxs::WindowSource window(file);
+    afxs::FailOnDamage reporter;
     uint32_t lastNextField = 0;
-    while (offset != 0) {
-      if (!visited.firstVisit(offset)) afxs::fail();
-      uint32_t kind = u32At(offset);
-      lastNextField = offset + afxs::kNextFieldOffset;
-      uint32_t next = u32At(uint64_t{offset} + afxs::kNextFieldOffset);
-      if (kind == LU_AFXS_REC_PLANE) {
-        uint32_t planeId = u32At(uint64_t{offset} + 8);
-        // An existing key is kept: of two plane records of one number, the first wins.
-        m_planeIndex.emplace(planeId, offset + afxs::kPlaneFirstSubsetOffset);
-      } else if (kind == LU_AFXS_REC_CAMERAS) {
-        m_recordIndex.emplace(LU_AFXS_REC_CAMERAS, offset + afxs::kCamerasBodyOffset);
-      }
-      offset = next;
-    }
+    afxs::walkRecordChain(
+        window, static_cast<uint32_t>(m_firstRecord), reporter,
+        [&](const afxs::RecordHead& record) {
+          lastNextField = record.offset + afxs::kNextFieldOffset;
+          if (record.kind == LU_AFXS_REC_PLANE) {
+            // An existing key is kept: of two plane records
+            // of one number, the first wins.
+            m_planeIndex.emplace(record.planeId, record.offset + afxs::kPlaneFirstSubsetOffset);
+          } else if (record.kind == LU_AFXS_REC_CAMERAS) {
+            m_recordIndex.emplace(LU_AFXS_REC_CAMERAS, record.offset + afxs::kCamerasBodyOffset);
+          }
+        });
     m_lastNextField = lastNextField;
     if (m_file != nullptr) rememberFile(m_file);
     return true;
@@ -337,26 +309,24 @@ const LuAfxsCamerasTable& LuAfxsUserLink::getCameras() {
     return m_cameras;
   }
   try {
-    uint64_t at = m_recordIndex[LU_AFXS_REC_CAMERAS];
+    afxs::FailOnDamage reporter;
+    uint64_t countAt = m_recordIndex[LU_AFXS_REC_CAMERAS] + afxs::kFieldCountOffset;
     for (;;) {
       uint32_t id = afxs::getU32(f);
       if (id == afxs::kEndMark) {
-        if (afxs::getU32(f) != LU_AFXS_REC_CAMERAS) afxs::fail();
+        afxs::checkEndMark(countAt, afxs::getU32(f), LU_AFXS_REC_CAMERAS, reporter);
         break;
       }
       uint32_t count = afxs::getU32(f);
-      at += afxs::kFieldHeaderSize;
-      if (count == 0) afxs::fail();
-      afxs::requireInFile(at, count, m_fileSize);
-      if (id == afxs::kFieldCameras) {
-        // Intended guard: a count that is not whole entries would not fit the table.
-        if (count % afxs::kPointSize != 0) afxs::fail();
+      const afxs::BlockUse use = afxs::blockUse(LU_AFXS_REC_CAMERAS, id, 0);
+      afxs::checkBlockCount(LU_AFXS_REC_CAMERAS, use, id, count, countAt, m_fileSize, reporter);
+      if (use == afxs::BlockUse::Read) {
         m_cameras.cameras.resize(count / afxs::kPointSize);
         afxs::getBytes(f, m_cameras.cameras.data(), count);
       } else {
         afxs::seekBy(f, count);
       }
-      at += count;
+      countAt += afxs::kFieldDataOffset + uint64_t{count};
     }
   } catch (...) {
     m_cameras.cameras.clear();

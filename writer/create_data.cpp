@@ -127,7 +127,7 @@ bool LuAfxsCreateData::flush() { return flushFrom(m_plane); }
 
 bool LuAfxsCreateData::flushFrom(const LuAfxsPlane& p) {
   if (!m_link.isOK() || m_mask == 0) return false;
-  if (!m_link.reopenForRecord()) return false;
+  if (!m_link.reopenForRecord() || !m_link.seekEndForRecord()) return false;
 
   uint64_t body = afxs::kResultsLinkBlockSize + afxs::kEndMarkSize;
   if (m_mask & LU_AFXS_MASK_POINTS) body += blockBytes(p.points);

@@ -192,9 +192,22 @@ int64_t LuAfxsCreateLink::seekAppendPosition() {
   return afxs::position(m_file);
 }
 
+bool LuAfxsCreateLink::seekEndForRecord() {
+  if (m_atEnd) return true;
+  try {
+    afxs::seekEnd(m_file);
+  } catch (...) {
+    afxs::report(afxs::kErrRecordWrite, afxs::kCreateSource, m_path);
+    m_ok = false;
+    return false;
+  }
+  m_atEnd = true;
+  return true;
+}
+
 bool LuAfxsCreateLink::createCamerasRecord() {
   if (m_cameras.cameras.empty()) return false;
-  if (!reopenForRecord()) return false;
+  if (!reopenForRecord() || !seekEndForRecord()) return false;
   const uint64_t dataBytes = static_cast<uint64_t>(m_cameras.cameras.size()) * afxs::kPointSize;
   try {
     // The whole record must end inside u32 offsets; nothing is written otherwise.
@@ -314,7 +327,7 @@ FILE* LuAfxsCreateLink::createNewRecord(luafxs_records_en kind) {
 }
 
 FILE* LuAfxsCreateLink::createPlaneSubsetRecord(uint32_t planeId, uint32_t subsetId) {
-  if (!reopenForRecord()) return nullptr;
+  if (!reopenForRecord() || !seekEndForRecord()) return nullptr;
   const bool newPlane = m_planeLinks.find(planeId) == m_planeLinks.end();
   try {
     // The plane record (if any) and the subset record's head must end inside

@@ -8,17 +8,25 @@
 // them instead of fresh memory. Loading a series of files one after another
 // then costs about half as much from the second file on.
 //
-// The arrays stay with the process while the cache holds them. The default
-// limit is 256 MiB; an application that needs the memory elsewhere lowers
-// the limit or turns the cache off with a limit of 0. Every function here is
-// safe to call from any thread.
+// The cache is off unless the client turns it on (luAfxsSetArrayCacheEnabled):
+// by default, once a client has destroyed every data set, the library holds
+// no more memory than it did before the first load. A client that loads file
+// after file (a batch) turns it on; the arrays then stay with the process
+// while the cache holds them. The limit is 256 MiB unless set; an
+// application that needs the memory elsewhere lowers it, and a limit of 0
+// keeps nothing. Every function here is safe to call from any thread.
 #pragma once
 
 #include <cstddef>
 
 #include <luAnaf/luExport.h>
 
-// The most bytes the cache keeps; 256 MiB unless set.
+// Whether destroyed records' arrays are kept; false unless turned on.
+LUANAF_API bool luAfxsArrayCacheEnabled();
+// Turns the cache on or off. Turning it off frees everything it holds; the
+// limit stays as it is.
+LUANAF_API void luAfxsSetArrayCacheEnabled(bool on);
+// The most bytes the cache keeps when on; 256 MiB unless set.
 LUANAF_API size_t luAfxsArrayCacheLimit();
 // Sets the limit. Arrays past a lowered limit are freed at once; 0 turns the
 // cache off and frees everything it holds.

@@ -99,6 +99,10 @@ protected:
   // The end of the file, where the next record goes; the stream is left
   // there. Seeks only when the stream is elsewhere.
   int64_t seekAppendPosition();
+  // Moves a reopened stream to the end of the file before a record's room is
+  // checked. A failed seek there is the record's own failure: reported with
+  // 0xc41b0012 (the link turns not OK) and false, whatever check comes next.
+  bool seekEndForRecord();
   // Deletes the existing file at the path before create makes a new one;
   // false, reported, when it cannot or must not be deleted.
   bool replaceExisting();

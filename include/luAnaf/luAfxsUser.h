@@ -14,6 +14,9 @@
 
 class LuAfxsUserData;
 class LuAfxsUserDataSet;
+namespace afxs {
+class BodyBudget;
+}
 class LuAfxsCreateLink;
 
 // A handle on one existing file. Construction only stores the path; all file
@@ -162,4 +165,7 @@ protected:
   int32_t m_recordOffset = 0;
   uint32_t m_resultsOffset = 0;
   std::map<uint32_t, uint32_t> m_fieldDirectory;  // id -> offset of its count word
+  // While a data set loads the file: the bytes of record bodies its load may
+  // still walk (records overlapping each other cannot make it quadratic).
+  afxs::BodyBudget* m_bodyBudget = nullptr;
 };

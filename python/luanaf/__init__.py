@@ -65,9 +65,11 @@ points, segments, normals, aux, results, distances, all; "res_points" is
 accepted for "results", and planes and :meth:`Subset.set_results` take
 ``results`` for ``res_points``.
 
-Loaded arrays of closed files are kept for later loads up to a limit
-(:func:`array_cache_limit`, 256 MiB unless :func:`set_array_cache_limit`
-changes it; 0 turns the cache off). Arrays handed out as numpy views keep
+Nothing of a closed file is kept unless the array cache is turned on
+(:func:`set_array_cache_enabled`): a script that loads large files one after
+another turns it on, and loaded arrays of closed files are then kept for later
+loads up to a limit (:func:`array_cache_limit`, 256 MiB unless
+:func:`set_array_cache_limit` changes it; 0 keeps nothing). Arrays handed out as numpy views keep
 their file's data alive and are only recycled after the last view is gone.
 
 The library keeps process-wide state without locks; every call holds the GIL
@@ -92,8 +94,10 @@ from ._luanaf import (
     LuAfxsUserDataSet,
     LuAfxsUserLink,
     array_cache_bytes,
+    array_cache_enabled,
     array_cache_limit,
     clear_array_cache,
+    set_array_cache_enabled,
     set_array_cache_limit,
     set_xyz_dump_directory,
 )
@@ -130,6 +134,8 @@ __all__ = [
     "LuAfxsUserDataSet",
     "LuAfxsUserLink",
     "set_xyz_dump_directory",
+    "array_cache_enabled",
+    "set_array_cache_enabled",
     "array_cache_limit",
     "set_array_cache_limit",
     "array_cache_bytes",

@@ -365,6 +365,11 @@ void bindLibraryClasses(py::module_& m) {
       "Where blending writes its diagnostic point files; None restores the default "
       "(LUANAF_XYZ_DIR, else /tmp/XYZ/). The directory is never created.");
 
+  m.def("array_cache_enabled", &luAfxsArrayCacheEnabled,
+        "Whether destroyed data sets' arrays are kept for later loads (off unless turned on).");
+  m.def("set_array_cache_enabled", &luAfxsSetArrayCacheEnabled, py::arg("on"),
+        "Turns the array cache on (repeated loads of large files reuse memory) or off (frees "
+        "everything it holds; the library then keeps nothing of a destroyed data set).");
   m.def("array_cache_limit", &luAfxsArrayCacheLimit,
         "The most bytes of loaded arrays the library keeps for later loads (256 MiB unless set).");
   m.def("set_array_cache_limit", &luAfxsSetArrayCacheLimit, py::arg("nbytes"),

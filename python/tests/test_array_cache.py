@@ -1,4 +1,5 @@
-"""The array cache: closed files' large arrays serve later loads, bounded by a limit."""
+"""The array cache: off unless turned on; when on, closed files' large arrays serve later
+loads, bounded by a limit."""
 
 import gc
 
@@ -12,9 +13,12 @@ from conftest import make_plane, write_file
 @pytest.fixture
 def cache():
     limit = luanaf.array_cache_limit()
+    enabled = luanaf.array_cache_enabled()
     luanaf.clear_array_cache()
+    luanaf.set_array_cache_enabled(True)
     yield
     luanaf.set_array_cache_limit(limit)
+    luanaf.set_array_cache_enabled(enabled)
     luanaf.clear_array_cache()
 
 
@@ -53,6 +57,17 @@ def test_limit_zero_turns_the_cache_off(tmp_path, cache):
     assert luanaf.array_cache_bytes() > 0
     luanaf.set_array_cache_limit(0)
     assert luanaf.array_cache_limit() == 0
+    assert luanaf.array_cache_bytes() == 0
+    load_all(path)
+    assert luanaf.array_cache_bytes() == 0
+
+
+def test_turned_off_nothing_of_a_collected_file_is_kept(tmp_path, cache):
+    path = write_file(tmp_path / "big.afxs", [make_plane(0, n=5000)])
+    load_all(path)
+    assert luanaf.array_cache_bytes() > 0
+    luanaf.set_array_cache_enabled(False)
+    assert not luanaf.array_cache_enabled()
     assert luanaf.array_cache_bytes() == 0
     load_all(path)
     assert luanaf.array_cache_bytes() == 0

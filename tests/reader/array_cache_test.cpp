@@ -1,7 +1,8 @@
-// The array cache: a destroyed data set's large arrays serve the next load,
-// which sees only its own file's values; the limit bounds what is kept and
-// turns the cache off; small arrays are left to the allocator; a failed read
-// never shows an array's earlier contents; loads on several threads share it.
+// The array cache: off unless turned on, so that a client that destroyed
+// every data set holds nothing more than before its first load; when on, a destroyed data set's
+// large arrays serve the next load, which sees only its own file's values; the limit bounds what is
+// kept and turns the cache off; small arrays are left to the allocator; a failed read never shows
+// an array's earlier contents; loads on several threads share it.
 #include <luAnaf/luAnaf.h>
 #include "platform/lu_io_fault.h"
 
@@ -20,10 +21,13 @@ protected:
   void SetUp() override {
     ReaderTest::SetUp();
     m_limit = luAfxsArrayCacheLimit();
+    m_enabled = luAfxsArrayCacheEnabled();
     luAfxsClearArrayCache();
+    luAfxsSetArrayCacheEnabled(true);
   }
   void TearDown() override {
     luAfxsSetArrayCacheLimit(m_limit);
+    luAfxsSetArrayCacheEnabled(m_enabled);
     luAfxsClearArrayCache();
     ReaderTest::TearDown();
   }
@@ -66,8 +70,42 @@ protected:
   }
 
   size_t m_limit = 0;
+  bool m_enabled = false;
   std::vector<LuAfxsPlane> m_planes;
 };
+
+// Without the switch: each test runs in a process of its own, so what it
+// sees first is the library's default.
+class ArrayCacheDefaultTest : public ArrayCacheTest {
+protected:
+  void SetUp() override {
+    ReaderTest::SetUp();
+    m_limit = luAfxsArrayCacheLimit();
+    m_enabled = luAfxsArrayCacheEnabled();
+  }
+};
+
+TEST_F(ArrayCacheDefaultTest, IsOffUnlessTurnedOnAndKeepsNothingOfADestroyedDataSet) {
+  EXPECT_FALSE(luAfxsArrayCacheEnabled());
+  std::wstring file = writeFile("a.afxs", 3, 5000, 1);
+  loadAndCheck(file);
+  EXPECT_EQ(luAfxsArrayCacheBytes(), 0u);
+  loadAndCheck(file);
+  EXPECT_EQ(luAfxsArrayCacheBytes(), 0u);
+}
+
+TEST_F(ArrayCacheTest, TurningItOffFreesEverythingAndKeepsTheLimit) {
+  luAfxsSetArrayCacheLimit(10u << 20);
+  std::wstring file = writeFile("a.afxs", 2, 5000, 5);
+  loadAndCheck(file);
+  ASSERT_GT(luAfxsArrayCacheBytes(), 0u);
+  luAfxsSetArrayCacheEnabled(false);
+  EXPECT_FALSE(luAfxsArrayCacheEnabled());
+  EXPECT_EQ(luAfxsArrayCacheBytes(), 0u);
+  EXPECT_EQ(luAfxsArrayCacheLimit(), 10u << 20);
+  loadAndCheck(file);
+  EXPECT_EQ(luAfxsArrayCacheBytes(), 0u);
+}
 
 TEST_F(ArrayCacheTest, ADestroyedDataSetsArraysServeTheNextLoad) {
   std::wstring file = writeFile("a.afxs", 3, 5000, 1);

@@ -336,6 +336,37 @@ TEST_F(WriteErrorsTest, PlaneRecordPast4GiBIsRefusedAndEarlierRecordsStayIntact)
   EXPECT_FALSE(exists());
 }
 
+// A link that closes its file between records reopens it with "r+b" and
+// seeks to its end before anything else: a failed seek there is the record
+// append's failure (0xc41b0012), not the room check's that would follow it.
+TEST_F(WriteErrorsTest, FailedSeekToTheEndAfterAReopenIsTheRecordError) {
+  auto link = makeLink();
+  ASSERT_TRUE(link->create(false));
+  ASSERT_TRUE(flushPlane(*link, 0, 1));
+  ASSERT_EQ(link->file(), nullptr);
+  armFault(LuIoOp::Seek, 1);
+  EXPECT_FALSE(flushPlane(*link, 0, 2));
+  EXPECT_TRUE(luIoFaultFired());
+  luIoFaultDisarm();
+  expectOneReport(0xc41b0012, 299, target());
+  EXPECT_FALSE(link->isOK());
+  EXPECT_FALSE(flushPlane(*link, 1, 1));
+  EXPECT_EQ(reports().size(), 1u);
+}
+
+// The same for the first record of a new plane and for the cameras record.
+TEST_F(WriteErrorsTest, FailedSeekToTheEndBeforeANewPlaneIsTheRecordError) {
+  auto link = makeLink();
+  ASSERT_TRUE(link->create(false));
+  ASSERT_TRUE(flushPlane(*link, 0, 1));
+  armFault(LuIoOp::Seek, 1);
+  EXPECT_EQ(link->createPlaneSubsetRecord(7, 1), nullptr);
+  EXPECT_TRUE(luIoFaultFired());
+  luIoFaultDisarm();
+  expectOneReport(0xc41b0012, 299, target());
+  EXPECT_FALSE(link->isOK());
+}
+
 TEST_F(WriteErrorsTest, FieldBlocksPast4GiBAreRefusedBeforeTheRecordIsLinked) {
   auto link = makeLink();
   ASSERT_TRUE(link->create(false));

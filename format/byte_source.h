@@ -1,0 +1,87 @@
+// Where the decoder's bytes come from: reads at absolute offsets of a file,
+// served to the chain walks from one large window, and the text header as a
+// narrow input stream.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+namespace afxs {
+
+class ByteSource {
+public:
+  virtual ~ByteSource() = default;
+  // Reads up to `size` bytes at offset `at`; returns how many it got (fewer
+  // at the end of the file or when a read failed).
+  virtual size_t readAt(uint64_t at, void* data, size_t size) = 0;
+  // Reads exactly `size` bytes at `at`.
+  bool readExactly(uint64_t at, void* data, size_t size) {
+    return size == 0 || readAt(at, data, size) == size;
+  }
+  bool u32At(uint64_t at, uint32_t& value) { return readExactly(at, &value, sizeof value); }
+};
+
+// A file opened read-only through the I/O layer, with its size taken once.
+class FileSource final : public ByteSource {
+public:
+  explicit FileSource(const std::wstring& path);
+  ~FileSource() override;
+  FileSource(const FileSource&) = delete;
+  FileSource& operator=(const FileSource&) = delete;
+
+  bool ok() const { return m_ok; }
+  uint64_t size() const { return m_size; }
+  // Whether `bytes` bytes starting at `at` lie inside the file.
+  bool has(uint64_t at, uint64_t bytes) const { return at <= m_size && bytes <= m_size - at; }
+  size_t readAt(uint64_t at, void* data, size_t size) override;
+
+private:
+  FILE* m_file = nullptr;
+  uint64_t m_size = 0;
+  bool m_ok = false;
+};
+
+// Small reads served from one window of another source, refilled where a
+// read falls outside it: a chain walk costs a read per window instead of one
+// per record, and allocates nothing per record. A refill near the end of the
+// last window (records packed densely) reads a large window; one far from it
+// (records holding large arrays) reads a small one, so that a scan of a
+// large file does not read the arrays it steps over. The window grows to
+// its large size once, on the first dense refill.
+class WindowSource final : public ByteSource {
+public:
+  static constexpr size_t kSmallWindow = 4 * 1024;
+  static constexpr size_t kLargeWindow = 64 * 1024;
+  explicit WindowSource(ByteSource& base) : m_base(base), m_window(kSmallWindow) {}
+  size_t readAt(uint64_t at, void* data, size_t size) override;
+
+private:
+  ByteSource& m_base;
+  std::vector<uint8_t> m_window;
+  uint64_t m_start = 0;
+  size_t m_filled = 0;
+};
+
+// A read-only stream buffer over a source from its first byte, so that the
+// header can be parsed as words; tellg() gives the offset of the next byte.
+class HeaderStreamBuf final : public std::streambuf {
+public:
+  explicit HeaderStreamBuf(ByteSource& source) : m_source(source) {
+    setg(m_buffer, m_buffer, m_buffer);
+  }
+
+protected:
+  int_type underflow() override;
+  pos_type seekoff(off_type off, std::ios_base::seekdir dir,
+                   std::ios_base::openmode which) override;
+
+private:
+  ByteSource& m_source;
+  char m_buffer[16384];
+  uint64_t m_consumed = 0;  // bytes of the source read into the buffer so far
+};
+
+}  // namespace afxs
