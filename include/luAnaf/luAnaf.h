@@ -13,3 +13,4 @@
 #include <luAnaf/luAfxsFileCheck.h>
 #include <luAnaf/luAfxsArrayCache.h>
 #include <luAnaf/luAfxsOutput.h>
+#include <luAnaf/luAfxsUnify.h>
