@@ -141,6 +141,14 @@ struct PlotArgs {
   bool normals = false;
   bool results = false;
 };
+struct BatchArgs {
+  std::string source;  // a list file or a folder
+  unsigned workers = 1;
+  std::string output;  // output folder of a folder's unify jobs
+  bool blend = false;
+  bool validate = false;
+  bool json = false;
+};
 struct DemoArgs {
   std::string dir = "luafxs-demo";
 };
@@ -152,6 +160,7 @@ int runUnify(const UnifyArgs& args);
 int runRemove(const RemoveArgs& args);
 int runPlot(const PlotArgs& args);
 int runDemo(const DemoArgs& args);
+int runBatch(const BatchArgs& args);
 
 // The unification itself, shared by unify and demo: luAfxsUnifyFiles with
 // the tool's messages. Fills the summary; false, after printing why, when
