@@ -8,11 +8,15 @@ Writes a folder of cross-sections (each two overlapping scans with result
 points), then times `luafxs batch SCANS -o OUT -j N` and, when Dask is
 importable, examples/python/dask_unify.py with N workers, for N = 1 and 2
 (--workers to change), blending off and on. Each figure is the median of
---reps runs; prints a Markdown table. Timing only: nothing is asserted.
+--reps runs; "work alone" leaves out the start of the Dask cluster (the
+same as the whole run for batch). Prints a Markdown table. Timing only:
+nothing is asserted.
 """
 
 import argparse
 import math
+import os
+import re
 import pathlib
 import shutil
 import statistics
@@ -55,18 +59,24 @@ def write_sections(folder, sections, planes, points):
 
 
 def timed(command):
+    """Wall-clock seconds of the run, and of its work alone when it says so
+    (the Dask example: the time after its cluster was up)."""
     started = time.perf_counter()
-    subprocess.run(command, check=True, capture_output=True)
-    return time.perf_counter() - started
+    run = subprocess.run(command, check=True, capture_output=True, text=True)
+    wall = time.perf_counter() - started
+    work = re.search(r"\(([0-9.]+) s after the cluster was up\)", run.stdout)
+    return wall, float(work.group(1)) if work else wall
 
 
 def median_time(command, out, reps):
-    times = []
+    walls, works = [], []
     for _ in range(reps):
         shutil.rmtree(out, ignore_errors=True)
         out.mkdir()
-        times.append(timed(command))
-    return statistics.median(times)
+        wall, work = timed(command)
+        walls.append(wall)
+        works.append(work)
+    return statistics.median(walls), statistics.median(works)
 
 
 def main():
@@ -89,10 +99,12 @@ def main():
         write_sections(scans, args.sections, args.planes, args.points)
         size = sum(p.stat().st_size for p in scans.rglob("*.afxs"))
         print(f"{args.sections} cross-sections x 2 scans x {args.planes} planes x "
-              f"{args.points} points ({size / 1e6:.0f} MB), median of {args.reps}\n")
+              f"{args.points} points ({size / 1e6:.0f} MB), median of {args.reps}, "
+              f"load average {os.getloadavg()[0]:.1f} at the start\n")
         print("| runner | blending | " + " | ".join(f"{n} proc. (s)" for n in args.workers)
+              + " | speed-up | work alone: " + " | ".join(f"{n} proc. (s)" for n in args.workers)
               + " | speed-up |")
-        print("|---|---|" + "---|" * len(args.workers) + "---|")
+        print("|---|---|" + "---|" * (2 * len(args.workers) + 2))
         for blend in (False, True):
             runners = [("luafxs batch", lambda n: [args.luafxs, "batch", str(scans), "-o",
                                                    str(out), "-j", str(n)]
@@ -103,9 +115,14 @@ def main():
                     str(scans), str(out), "-j", str(n)] + (["--blend"] if blend else [])))
             for name, command in runners:
                 times = [median_time(command(n), out, args.reps) for n in args.workers]
+                walls = [t[0] for t in times]
+                works = [t[1] for t in times]
                 print(f"| {name} | {'on' if blend else 'off'} | "
-                      + " | ".join(f"{t:.2f}" for t in times)
-                      + f" | {times[0] / times[-1]:.2f}x |")
+                      + " | ".join(f"{t:.2f}" for t in walls)
+                      + f" | {walls[0] / walls[-1]:.2f}x | "
+                      + " | ".join(f"{t:.2f}" for t in works)
+                      + f" | {works[0] / works[-1]:.2f}x |")
+        print(f"\nload average {os.getloadavg()[0]:.1f} at the end")
 
 
 if __name__ == "__main__":

@@ -1,6 +1,8 @@
 // Runs batch jobs as processes of this program: up to N at once with
 // posix_spawn on POSIX, each job's standard output and error kept in
 // temporary files; one after the other with _wspawnv on Windows.
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -12,6 +14,9 @@
 #include "luafxs.h"
 
 #if defined(_WIN32)
+#if !defined(NOMINMAX)
+#define NOMINMAX
+#endif
 #include <process.h>
 #include <windows.h>
 #else

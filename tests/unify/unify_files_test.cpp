@@ -16,7 +16,9 @@ using ::testing::IsEmpty;
 
 constexpr uint32_t kPlanes = 5;
 
-std::string narrowForTest(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+std::string narrowForTest(const std::wstring& text) {
+  return std::string(text.begin(), text.end());
+}
 
 class UnifyFilesTest : public UnifyTest {
 protected:
