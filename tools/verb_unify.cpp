@@ -1,5 +1,5 @@
-// luafxs unify: the unification driver on heap-allocated data sets, with a
-// progress bar fed by the library's log records and a summary.
+// luafxs unify: the library's luAfxsUnifyFiles with the tool's messages, a
+// progress bar fed by the library's progress callback, and a summary.
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
