@@ -8,8 +8,12 @@ Writes a folder of cross-sections (each two overlapping scans with result
 points), then times `luafxs batch SCANS -o OUT -j N` and, when Dask is
 importable, examples/python/dask_unify.py with N workers, for N = 1 and 2
 (--workers to change), blending off and on. Each figure is the median of
---reps runs; "work alone" leaves out the start of the Dask cluster (the
-same as the whole run for batch). Prints a Markdown table. Timing only:
+--reps runs; --dir picks the file system (every output is flushed to the
+device before it is renamed into place, so on a disk the device's write
+bandwidth is shared by the processes; a tmpfs leaves it out); "work alone" leaves out the start of the Dask cluster (the
+same as the whole run for batch). A control at the end runs a pure CPU
+loop in 2 (the last --workers) processes at once against in a row: the
+speed-up the machine itself allows at that moment. Prints a Markdown table. Timing only:
 nothing is asserted.
 """
 
@@ -79,6 +83,23 @@ def median_time(command, out, reps):
     return statistics.median(walls), statistics.median(works)
 
 
+SPIN = "s = 0\nfor i in range(4_000_000): s += i\n"
+
+
+def control(n, reps):
+    """The machine's own ceiling at that moment: `n` copies of a pure CPU
+    loop run at once against one copy run n times in a row (medians of
+    reps)."""
+    def run(copies):
+        started = time.perf_counter()
+        procs = [subprocess.Popen([sys.executable, "-c", SPIN]) for _ in range(copies)]
+        for p in procs:
+            p.wait()
+        return time.perf_counter() - started
+    one = statistics.median(run(1) for _ in range(reps))
+    return n * one / statistics.median(run(n) for _ in range(reps))
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--luafxs", required=True)
@@ -87,6 +108,8 @@ def main():
     parser.add_argument("--points", type=int, default=4000)
     parser.add_argument("--workers", type=int, nargs="+", default=[1, 2])
     parser.add_argument("--reps", type=int, default=3)
+    parser.add_argument("--dir", help="where the files go (default: a new folder in the system's "
+                                      "temporary folder); e.g. a tmpfs to leave the disk out")
     args = parser.parse_args()
     try:
         import dask.distributed  # noqa: F401
@@ -94,7 +117,7 @@ def main():
     except ImportError:
         have_dask = False
 
-    with tempfile.TemporaryDirectory(prefix="luanaf-parallel-") as tmp:
+    with tempfile.TemporaryDirectory(prefix="luanaf-parallel-", dir=args.dir) as tmp:
         scans, out = pathlib.Path(tmp) / "scans", pathlib.Path(tmp) / "out"
         write_sections(scans, args.sections, args.planes, args.points)
         size = sum(p.stat().st_size for p in scans.rglob("*.afxs"))
@@ -122,7 +145,9 @@ def main():
                       + f" | {walls[0] / walls[-1]:.2f}x | "
                       + " | ".join(f"{t:.2f}" for t in works)
                       + f" | {works[0] / works[-1]:.2f}x |")
-        print(f"\nload average {os.getloadavg()[0]:.1f} at the end")
+        n = args.workers[-1]
+        print(f"\nload average {os.getloadavg()[0]:.1f} at the end; control, a pure CPU loop in "
+              f"{n} processes at once against in a row: {control(n, args.reps):.2f}x")
 
 
 if __name__ == "__main__":
