@@ -72,6 +72,10 @@ def check_listed(root):
             stem_forms = {path.name, rel, path.stem, path.relative_to(base).as_posix()}
             if not names & stem_forms:
                 breaches.append(f"{path.relative_to(root)}: not listed in any CMakeLists.txt")
+    top = (root / "CMakeLists.txt").read_text()
+    for header in sorted((root / "include" / "luAnaf").glob("*.h")):
+        if f"include/luAnaf/{header.name}" not in top:
+            breaches.append(f"{header.relative_to(root)}: a public header not listed (it would not be installed)")
     return breaches
 
 

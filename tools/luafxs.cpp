@@ -162,6 +162,25 @@ int run(int argc, char** argv) {
   demoCmd->add_option("DIR", demo.dir, "output folder (default: luafxs-demo)");
   demoCmd->footer(example("luafxs demo /tmp/demo"));
 
+  BatchArgs batch;
+  auto* batchCmd = app.add_subcommand(
+      "batch", "Run many unify and validate jobs from a list file or a folder, N at a time");
+  batchCmd
+      ->add_option("SOURCE", batch.source,
+                   "a list file (one job per line: 'unify -o OUT IN...' or 'validate FILE') or a "
+                   "folder (one unify job per subfolder of .afxs files)")
+      ->required();
+  batchCmd->add_option("-j,--jobs", batch.workers, "worker processes at once (default 1)");
+  batchCmd->add_option("-o,--output", batch.output,
+                       "for a folder: the folder the unified files go to (SUBFOLDER.afxs)");
+  batchCmd->add_flag("--blend", batch.blend,
+                     "for a folder: unify with blending, inputs numbered 1, 2, ... by name");
+  batchCmd->add_flag("--validate", batch.validate,
+                     "for a folder: validate every .afxs file instead of unifying");
+  batchCmd->add_flag("--json", batch.json, "the summary as JSON, with every job's output");
+  batchCmd->footer(
+      example("luafxs batch scans/ -o unified/ -j 4\n  luafxs batch jobs.txt -j 2 --json"));
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -192,6 +211,7 @@ int run(int argc, char** argv) {
     if (*plotCmd) return runPlot(plot);
     if (*viewCmd) return runView(view);
     if (*demoCmd) return runDemo(demo);
+    if (*batchCmd) return runBatch(batch);
   } catch (const std::system_error& e) {
     // fmt reports a failed write to standard output this way.
     noteStandardOutputFailure(e.code().value());

@@ -165,6 +165,14 @@ struct ViewArgs {
   std::vector<std::string> files;
   std::string output = "view.html";
 };
+struct BatchArgs {
+  std::string source;  // a list file or a folder
+  unsigned workers = 1;
+  std::string output;  // output folder of a folder's unify jobs
+  bool blend = false;
+  bool validate = false;
+  bool json = false;
+};
 struct DemoArgs {
   std::string dir = "luafxs-demo";
 };
@@ -177,24 +185,30 @@ int runRemove(const RemoveArgs& args);
 int runPlot(const PlotArgs& args);
 int runView(const ViewArgs& args);
 int runDemo(const DemoArgs& args);
+int runBatch(const BatchArgs& args);
 
 // The self-contained HTML viewer of the loaded files (view.cpp).
 std::string viewHtml(const std::vector<const LoadedFile*>& files);
 
-// The unification itself, shared by unify and demo. Inputs must have passed
-// the strict check. Fills the summary; false when the output is missing.
+// The unification itself, shared by unify and demo: luAfxsUnifyFiles with
+// the tool's messages. Fills the summary; false, after printing why, when
+// the output was not written (it is then left as it was).
 struct UnifySummary {
   uint64_t planesWritten = 0;
   uint64_t planesBlended = 0;
   uint64_t positionsSkipped = 0;
-  std::vector<std::string> failures;  // level-5 log lines and error reports
+  std::vector<std::string> failures;  // error reports, early ends, positions left out
   std::vector<std::string> warnings;  // what was asked for and could not happen
 };
-// Writes the unified file whole at `output` (through a temporary) or not at
-// all; false, after printing why, when it was not written.
+struct UnifyOptions {
+  bool blend = false;
+  uint32_t xsId = 0;
+  uint32_t loadMode = LU_AFXS_MASK_ALL;
+  bool strict = true;     // any problem of an input refuses it
+  bool progress = false;  // a progress bar on standard error
+};
 bool unifyFiles(const std::vector<std::string>& inputs, const std::vector<uint32_t>& ids,
-                const std::string& output, bool blend, uint32_t xsId, uint32_t loadMode,
-                bool progress, UnifySummary& summary);
+                const std::string& output, const UnifyOptions& how, UnifySummary& summary);
 // Prints the failures as one block on standard error: the count and the first few.
 void printFailures(const std::string& output, const std::vector<std::string>& failures);
 

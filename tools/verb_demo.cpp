@@ -179,8 +179,8 @@ int runDemo(const DemoArgs& args) {
     inputs.push_back(path);
   }
   UnifySummary summary;
-  if (!unifyFiles(inputs, {scans[0].subset, scans[1].subset}, unified, true, 1, LU_AFXS_MASK_ALL,
-                  stderrIsTerminal(), summary)) {
+  UnifyOptions how{true, 1, LU_AFXS_MASK_ALL, true, stderrIsTerminal()};
+  if (!unifyFiles(inputs, {scans[0].subset, scans[1].subset}, unified, how, summary)) {
     printFailures(unified, summary.failures);
     return kExitBad;
   }

@@ -1,5 +1,5 @@
-// luafxs unify: the unification driver on heap-allocated data sets, with a
-// progress bar fed by the library's log records and a summary.
+// luafxs unify: the library's luAfxsUnifyFiles with the tool's messages, a
+// progress bar fed by the library's progress callback, and a summary.
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -37,16 +37,20 @@ bool splitInput(const std::string& text, std::string& path, uint32_t& id, std::s
   return true;
 }
 
-// Draws "[#####.....] 12/40 planes" on standard error, on a terminal only.
+// Draws "[#####.....] 12/40 positions" on standard error, on a terminal only.
 class Progress {
 public:
   Progress(bool enabled, uint64_t total) : m_enabled(enabled), m_total(total) {}
+  void update(uint64_t done, uint64_t total) {
+    m_total = total;
+    update(done);
+  }
   void update(uint64_t done) {
     if (!m_enabled || m_total == 0) return;
     done = std::min(done, m_total);
     const int width = 30;
     int filled = static_cast<int>(done * width / m_total);
-    fmt::print(stderr, "\r[{}{}] {}/{} planes", std::string(static_cast<size_t>(filled), '#'),
+    fmt::print(stderr, "\r[{}{}] {}/{} positions", std::string(static_cast<size_t>(filled), '#'),
                std::string(static_cast<size_t>(width - filled), '.'), done, m_total);
     std::fflush(stderr);
     m_drawn = true;
@@ -64,64 +68,103 @@ private:
   bool m_drawn = false;
 };
 
-// The plane number a unification log line names ("iPlane = 12"), or -1.
-int64_t planeOf(const std::string& message) {
-  size_t at = message.find("iPlane = ");
-  if (at == std::string::npos) return -1;
-  return std::strtoll(message.c_str() + at + 9, nullptr, 10);
-}
-
 constexpr size_t kFailuresShown = 5;
 
-// Runs the driver with the output link on `temp`.
-void runDriver(const std::vector<std::string>& inputs, const std::vector<uint32_t>& ids,
-               const std::wstring& temp, bool blend, uint32_t xsId, uint32_t loadMode) {
-  std::vector<std::unique_ptr<LuAfxsUserLink>> links;
-  std::vector<LuAfxsUserDataSet*> sets;
-  for (const std::string& in : inputs) {
-    links.push_back(std::make_unique<LuAfxsUserLink>(widen(in).c_str()));
-    sets.push_back(new LuAfxsUserDataSet(*links.back()));
-  }
-  std::vector<uint32_t> outputIds = ids;
-  {
-    LuAfxsCreateLink out(temp.c_str());
-    // The output carries the first input's header and cameras.
-    LuAfxsInspection first = luAfxsInspect(widen(inputs.front()), false);
-    LuAfxsHeader header = first.header;
-    header.version = first.hasVersion ? first.version : 0;
-    out.setHeader(header);
-    LuAfxsUserLink camerasLink(widen(inputs.front()).c_str());
-    if (camerasLink.verify(false)) out.setCameras(camerasLink.getCameras());
-
-    LuAfxsUserDataSet::SupportXSectionBlending(blend);
-    LuAfxsUserDataSet::SetCurrentXSId(xsId);
-    // The driver uses no member of the object it is called on.
-    sets.front()->UnifyMultipleDataSets(sets, outputIds, out, loadMode);
-  }
-  // The registry holds the data sets; this destroys them and drops the entry.
-  LuAfxsUserDataSet::ClearXSBlendingInfo(xsId);
+std::string failureText(const LuAfxsUnifyFailure& f) {
+  if (f.code == 0) return narrow(f.what);
+  return fmt::format("error {} ({} line {}) on {}", hex32(f.code), narrow(f.what), f.line,
+                     narrow(f.path));
 }
 
-// Inputs beyond the first two at a plane that was blended: blending merges
-// the first two planes of a position and writes only the blended one.
-void noteLeftOut(const std::vector<std::string>& inputs,
-                 const std::vector<std::vector<uint32_t>>& planesOf,
-                 const std::vector<int64_t>& blendedPlanes, UnifySummary& summary) {
-  std::vector<uint64_t> leftOut(inputs.size(), 0);
-  for (int64_t plane : blendedPlanes) {
-    size_t present = 0;
-    for (size_t k = 0; k < inputs.size(); ++k) {
-      const auto& mine = planesOf[k];
-      if (!std::binary_search(mine.begin(), mine.end(), static_cast<uint32_t>(plane))) continue;
-      if (++present > 2) ++leftOut[k];
+std::string skipText(const LuAfxsUnifySkip& s) {
+  if (s.planeId < 0) return fmt::format("position {} left out: {}", s.position, narrow(s.reason));
+  return fmt::format("position {} (plane {}) left out: {}", s.position, s.planeId,
+                     narrow(s.reason));
+}
+
+std::string warningText(const LuAfxsUnifyWarning& w, uint32_t loadMode) {
+  if (w.kind == LuAfxsUnifyWarningKind::LoadModeWithoutResultPoints)
+    return fmt::format(
+        "--load-mode {} leaves out result points (16), which blending needs: no plane will be "
+        "blended",
+        loadMode);
+  return narrow(w.text);
+}
+
+// The library's summary in the tool's terms: skipped positions are failures.
+void takeSummary(const LuAfxsUnifySummary& from, uint32_t loadMode, UnifySummary& to) {
+  to.planesWritten = from.planesWritten;
+  to.planesBlended = from.planesBlended;
+  to.positionsSkipped = from.skipped.size();
+  for (const LuAfxsUnifyFailure& f : from.failures) to.failures.push_back(failureText(f));
+  for (const LuAfxsUnifySkip& s : from.skipped) to.failures.push_back(skipText(s));
+  for (const LuAfxsUnifyWarning& w : from.warnings) to.warnings.push_back(warningText(w, loadMode));
+}
+
+void sayNothingWasDone(const std::string& path) {
+  error(path, "damaged file; nothing was done (run: luafxs validate " + path + ")");
+}
+
+// The inputs' problems, one line each: errors for those that refuse the
+// input, warnings for the others.
+void printInputProblems(const LuAfxsUnifySummary& summary) {
+  std::string refusedPath;
+  for (const LuAfxsUnifyInputProblem& p : summary.inputProblems) {
+    const std::string path = narrow(p.path);
+    if (!refusedPath.empty() && refusedPath != path) {
+      sayNothingWasDone(refusedPath);
+      refusedPath.clear();
+    }
+    if (p.unopened) {
+      error(path, p.problem.message);
+      continue;
+    }
+    const std::string text = fmt::format("at {}: {}", hex32(p.problem.offset), p.problem.message);
+    if (p.refuses) {
+      error(path, text);
+      refusedPath = path;
+    } else {
+      warning(path, text);
     }
   }
-  for (size_t k = 0; k < inputs.size(); ++k)
-    if (leftOut[k] != 0)
-      summary.warnings.push_back(fmt::format(
-          "{}: left out of {} blended plane{}: blending merges the first two inputs of a plane "
-          "and writes only the blended plane",
-          inputs[k], leftOut[k], leftOut[k] == 1 ? "" : "s"));
+  if (!refusedPath.empty()) sayNothingWasDone(refusedPath);
+}
+
+// Keeps the library's log and error reports off standard error while it
+// runs: what they say is in the summary.
+class QuietLibrary {
+public:
+  QuietLibrary()
+      : m_log(luEnvSetLogSink([](const LuLogRecord&) {})),
+        m_error(luEnvSetErrorSink([](const LuErrorReport&) {})) {}
+  ~QuietLibrary() {
+    luEnvSetLogSink(std::move(m_log));
+    luEnvSetErrorSink(std::move(m_error));
+  }
+  QuietLibrary(const QuietLibrary&) = delete;
+  QuietLibrary& operator=(const QuietLibrary&) = delete;
+
+private:
+  LuLogSink m_log;
+  LuErrorSink m_error;
+};
+
+// Prints why the library refused or failed the call (an input's refusal is
+// printed with its problems).
+void printRefusal(const std::string& output, const LuAfxsUnifySummary& summary) {
+  if (summary.status == LuAfxsUnifyStatus::InputRefused) return;
+  const std::string about = summary.problemPath.empty() ? output : narrow(summary.problemPath);
+  error(about, narrow(summary.message));
+}
+
+void printSummary(const std::string& output, size_t inputs, bool blend,
+                  const UnifySummary& summary) {
+  fmt::print("{}: {} inputs unified{}\n", output, inputs, blend ? " with blending" : "");
+  fmt::print("planes written    {}\n", summary.planesWritten);
+  fmt::print("planes blended    {}\n", summary.planesBlended);
+  fmt::print("positions skipped {}\n", summary.positionsSkipped);
+  fmt::print("failures          {}\n", summary.failures.size());
+  fmt::print("warnings          {}\n", summary.warnings.size());
 }
 
 }  // namespace
@@ -138,91 +181,27 @@ void printFailures(const std::string& output, const std::vector<std::string>& fa
 }
 
 bool unifyFiles(const std::vector<std::string>& inputs, const std::vector<uint32_t>& ids,
-                const std::string& output, bool blend, uint32_t xsId, uint32_t loadMode,
-                bool progress, UnifySummary& summary) {
-  // Plane numbers of each input, for the progress bar and the blending notes.
-  int64_t lastPlane = -1;
-  std::vector<std::vector<uint32_t>> planesOf;
-  for (const std::string& in : inputs) {
-    LuAfxsInspection info = luAfxsInspect(widen(in), false);
-    planesOf.emplace_back();
-    for (const LuAfxsInspectPlane& p : info.planes) planesOf.back().push_back(p.planeId);
-    if (!info.planes.empty()) lastPlane = std::max<int64_t>(lastPlane, info.planes.back().planeId);
+                const std::string& output, const UnifyOptions& how, UnifySummary& summary) {
+  std::vector<std::wstring> wide;
+  for (const std::string& in : inputs) wide.push_back(widen(in));
+  LuAfxsUnifyOptions options;
+  options.blend = how.blend;
+  options.xsId = how.xsId;
+  options.loadMode = how.loadMode;
+  options.strict = how.strict;
+  Progress bar(how.progress, 0);
+  options.progress = [&bar](uint64_t done, uint64_t all) { bar.update(done, all); };
+  LuAfxsUnifySummary result;
+  {
+    QuietLibrary quiet;
+    result = luAfxsUnifyFiles(wide, ids, widen(output), options);
   }
-  std::vector<int64_t> blendedPlanes;
-  Progress bar(progress, static_cast<uint64_t>(lastPlane + 1));
-  LuLogSink previousLog = luEnvSetLogSink([&](const LuLogRecord& r) {
-    std::string message = narrow(r.message);
-    if (r.level >= 5) summary.failures.push_back(message);
-    if (message.find("BlendXSections Succeeded") != std::string::npos) {
-      ++summary.planesBlended;
-      blendedPlanes.push_back(planeOf(message));
-    }
-    if (message.find("XSectionsUnify Failed") != std::string::npos) ++summary.positionsSkipped;
-    int64_t plane = planeOf(message);
-    if (plane >= 0) bar.update(static_cast<uint64_t>(plane + 1));
-  });
-  LuErrorSink previousError = luEnvSetErrorSink([&](const LuErrorReport& r) {
-    summary.failures.push_back(fmt::format("error {} ({} line {}) on {}", hex32(r.code),
-                                           narrow(r.source), r.line, narrow(r.path)));
-  });
-  LuAfxsOutputFile file(widen(output));
-  if (file.ok()) runDriver(inputs, ids, file.tempPath(), blend, xsId, loadMode);
   bar.finish();
-  luEnvSetLogSink(std::move(previousLog));
-  luEnvSetErrorSink(std::move(previousError));
-  if (!file.ok()) {
-    error(output, describe(file.creationProblem()) + "; nothing was written");
-    return false;
-  }
-  if (blend) noteLeftOut(inputs, planesOf, blendedPlanes, summary);
-
-  // Only a whole, clean file takes the output's name.
-  LuAfxsInspection result = luAfxsInspect(file.tempPath(), true);
-  if (!result.opened) {
-    error(output, "the unification wrote no output file");
-    return false;
-  }
-  if (!result.clean()) {
-    error(output,
-          fmt::format("the unified file would be damaged ({}: {}); nothing was written",
-                      hex32(result.problems.front().offset), result.problems.front().message));
-    return false;
-  }
-  if (!commitOutput(file, output)) return false;
-  summary.planesWritten = result.loadedSubsets;
-  return true;
+  printInputProblems(result);
+  takeSummary(result, how.loadMode, summary);
+  if (!result.written()) printRefusal(output, result);
+  return result.written();
 }
-
-namespace {
-
-// Warnings about blending that cannot happen, before anything runs.
-void blendingWarnings(const std::vector<std::string>& paths, uint32_t loadMode,
-                      UnifySummary& summary) {
-  if ((loadMode & LU_AFXS_MASK_RESPOINTS) == 0)
-    summary.warnings.push_back(
-        fmt::format("--load-mode {} leaves out result points (16), which blending needs: no "
-                    "plane will be blended",
-                    loadMode));
-  for (const std::string& path : paths) {
-    LuAfxsInspection in = luAfxsInspect(widen(path), false);
-    if ((in.stateUnion & LU_AFXS_MASK_RESPOINTS) == 0)
-      summary.warnings.push_back(
-          path + ": holds no result points, which blending needs: its planes are not blended");
-  }
-}
-
-void printSummary(const std::string& output, size_t inputs, bool blend,
-                  const UnifySummary& summary) {
-  fmt::print("{}: {} inputs unified{}\n", output, inputs, blend ? " with blending" : "");
-  fmt::print("planes written    {}\n", summary.planesWritten);
-  fmt::print("planes blended    {}\n", summary.planesBlended);
-  fmt::print("positions skipped {}\n", summary.positionsSkipped);
-  fmt::print("failures          {}\n", summary.failures.size());
-  fmt::print("warnings          {}\n", summary.warnings.size());
-}
-
-}  // namespace
 
 int runUnify(const UnifyArgs& args) {
   if ((args.loadMode & ~uint32_t{LU_AFXS_MASK_ALL}) != 0 ||
@@ -233,6 +212,7 @@ int runUnify(const UnifyArgs& args) {
   }
   std::vector<std::string> paths;
   std::vector<uint32_t> ids;
+  bool anyId = false;
   for (const std::string& text : args.inputs) {
     std::string path, problem;
     uint32_t id = 0;
@@ -240,31 +220,22 @@ int runUnify(const UnifyArgs& args) {
       error(text, problem);
       return kExitUsage;
     }
-    if (args.blend && id == 0xFFFFFFFFu) {
+    if (args.blend && id == kLuAfxsKeepSubsetIds) {
       error(text,
             "with --blend every input needs :ID, the subset id its planes are written "
             "under (e.g. left.afxs:1 right.afxs:2)");
       return kExitUsage;
     }
+    anyId = anyId || id != kLuAfxsKeepSubsetIds;
     paths.push_back(path);
     ids.push_back(id);
   }
-  if (!outputAllowed(args.output, paths)) return kExitBad;
-  // Every input is checked before any driver runs: a load that fails would
-  // delete its file.
-  bool ok = true;
-  for (const std::string& path : paths) {
-    LuAfxsInspection in = luAfxsInspect(widen(path), true);
-    ok = checkBeforeLoad(path, in, true) && ok;
-  }
-  if (!ok) return kExitBad;
+  // Without any :ID the library's default ids apply, as in the Python module.
+  if (!anyId) ids.clear();
 
   UnifySummary summary;
-  if (args.blend) blendingWarnings(paths, args.loadMode, summary);
-  bool written = unifyFiles(paths, ids, args.output, args.blend, args.xsId, args.loadMode,
-                            stderrIsTerminal(), summary);
-  if (args.blend && written && summary.planesBlended == 0)
-    summary.warnings.push_back("blending was asked for, but no plane was blended");
+  UnifyOptions how{args.blend, args.xsId, args.loadMode, true, stderrIsTerminal()};
+  bool written = unifyFiles(paths, ids, args.output, how, summary);
   for (const std::string& w : summary.warnings) warning(args.output, w);
   printFailures(args.output, summary.failures);
   if (!written) return kExitBad;

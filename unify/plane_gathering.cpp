@@ -11,6 +11,7 @@
 #include <luAnaf/luEnv.h>
 
 #include "format/format.h"
+#include "unify/unify_events.h"
 
 namespace {
 
@@ -36,6 +37,7 @@ bool LuAfxsUserDataSet::PrepareVectorOfPlaneVecs(PlaneLists& planeLists,
     if (dataSet == nullptr || !dataSet->load(0)) {
       writeLogF(5, __LINE__, afxs::kUserSource, luEnvBuildDate(),
                 L"AddDataSets2Unify: loading Failed");
+      luunify::listener().driverEnded(L"a data set could not be loaded");
       return false;
     }
     slotCount = std::max(slotCount, dataSet->size());
@@ -136,13 +138,21 @@ bool LuAfxsUserDataSet::UnifyMultiplePlanesBySubsetAndFlush(PlaneLists& planeLis
       if (expectedPlaneId == 0xFFFFFFFF) {
         expectedPlaneId = plane->planeId;
       } else if (plane->planeId != expectedPlaneId) {
+        for (size_t rest = position; rest < length; ++rest)
+          luunify::listener().positionSkipped(
+              rest, rest == position ? static_cast<int64_t>(expectedPlaneId) : -1,
+              L"planes of different numbers met at one position, which ends the walk");
         return false;
       }
     }
     if (!XSectionsUnify(group, createLink)) {
       writeLogF(5, __LINE__, afxs::kUserSource, luEnvBuildDate(),
                 L"LuAfxsUserDataSet::UnifyMultiplePlanesBySubsetAndFlush()- XSectionsUnify Failed");
+      luunify::listener().positionSkipped(
+          position, expectedPlaneId == 0xFFFFFFFF ? -1 : static_cast<int64_t>(expectedPlaneId),
+          L"the blend failed; the position is left out");
     }
+    luunify::listener().positionDone(position + 1, length);
   }
   return false;
 }
@@ -166,6 +176,7 @@ bool LuAfxsUserDataSet::XSectionsUnify(PlaneList& group, LuAfxsCreateLink& creat
                 L"BlendXSections Succeeded iPlane = %d, iSubset1 = %d, iSubset2 = %d",
                 static_cast<int>(group.at(0)->planeId), static_cast<int>(group.at(0)->subsetId),
                 static_cast<int>(secondSubset));
+      luunify::listener().planeBlended(group.at(0)->planeId);
       FlushPlaneToFileLink(&blendedPlane, createLink);
       return true;
     }
@@ -183,12 +194,15 @@ bool LuAfxsUserDataSet::FlushPlaneToFileLink(const LuAfxsPlane* plane,
   if (plane == nullptr) return false;
   LuAfxsCreateData data(createLink, plane->planeId, plane->subsetId);
   // Unify and flush, written straight from the plane instead of from a copy.
-  if (data.unifyMaskOf(*plane) != 0 && !data.flushFrom(*plane)) {
+  const bool holdsData = data.unifyMaskOf(*plane) != 0;
+  if (holdsData && !data.flushFrom(*plane)) {
     writeLogF(5, __LINE__, afxs::kUserSource, luEnvBuildDate(),
               L"LuAfxsUserDataSet::FlushPlaneToFileLink()- LuAfxsCreateData:: Flush Failed "
               L"iPlane = %d, iSubset = %d",
               static_cast<int>(plane->planeId), static_cast<int>(plane->subsetId));
+    luunify::listener().planeNotWritten(*plane);
     return false;
   }
+  if (holdsData) luunify::listener().planeWritten(*plane);
   return true;
 }

@@ -20,6 +20,7 @@
 
 #include "format/format.h"
 #include "platform/lu_io.h"
+#include "unify/unify_events.h"
 
 namespace {
 
@@ -45,6 +46,7 @@ void endDriverOnException(const wchar_t* driver, const std::wstring& what,
                           LuAfxsCreateLink& createLink, LuAfxsUserDataSet::PlaneLists& planeLists) {
   writeLogF(5, __LINE__, afxs::kUserSource, luEnvBuildDate(), L"%ls- Exception: %ls", driver,
             what.c_str());
+  luunify::listener().driverEnded(what);
   try {
     createLink.closeFile(true);
   } catch (...) {

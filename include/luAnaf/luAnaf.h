@@ -14,3 +14,4 @@
 #include <luAnaf/luAfxsArrayCache.h>
 #include <luAnaf/luAfxsOutput.h>
 #include <luAnaf/luUtf8.h>
+#include <luAnaf/luAfxsUnify.h>

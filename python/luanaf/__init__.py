@@ -693,11 +693,13 @@ def remove_fields(path, mask_or_names):
 
 
 class UnifySummary(dict):
-    """What :func:`unify` did, as a dict with attribute access:
-    ``planes_written`` (plane subsets in the output), ``planes_blended``,
-    ``positions_skipped`` (positions the library could not unify and left
-    out), ``failures`` (the library's failure messages of positions it left
-    out) and ``warnings`` (its other non-progress messages)."""
+    """What :func:`unify` did, as counted by the library while it ran, as a
+    dict with attribute access: ``planes_written`` (plane subsets in the
+    output), ``planes_blended``, ``positions_skipped`` (positions whose blend
+    failed and that were left out), ``failures`` (the texts ``luafxs unify``
+    prints: each position left out with its reason, each error report with its
+    code) and ``warnings`` (what was asked for and could not happen, as
+    ``luafxs unify`` words them)."""
 
     __slots__ = ()
 
@@ -711,31 +713,41 @@ class UnifySummary(dict):
 def unify(inputs, output, output_ids=None, blend=False, xs_id=0):
     """Unifies the data sets of one cross-section into one output file.
 
+    Calls the library's ``luAfxsUnifyFiles``, as ``luafxs unify`` does: the
+    same inputs give the same bytes and the same refusals from both.
+
     ``inputs``: a list of paths of the data-set files (a single string is a
-    TypeError; each file is verified first and nothing is deleted).
-    ``output``: the file to write (header, version and cameras are taken
-    from the first input). ``output_ids``: one subset id per input under
-    which its planes are written, or KEEP_SUBSET_IDS (0xFFFFFFFF) to keep
-    each plane's own. By default, when every input holds exactly one subset,
-    its planes go out under that subset's id (and line up by plane number);
-    otherwise every input keeps its subset ids. ``blend``: blend the
-    overlapping contours of the first two subsets of each plane. ``xs_id``:
-    the cross-section id in the library's registry, cleared again afterwards.
-    Ids are u32 (ValueError outside 0 to 4294967295).
+    TypeError). ``output``: the file to write. It carries the first input's
+    header as the file holds it, its version included (an input without a
+    version line gives version 0), and the first input's cameras.
+    ``output_ids``: one subset id per input under which its planes are
+    written, or KEEP_SUBSET_IDS (0xFFFFFFFF) to keep each plane's own. By
+    default, when every input holds exactly one subset, its planes go out
+    under that subset's id (and line up by plane number); otherwise every
+    input keeps its subset ids. ``blend``: blend the overlapping contours of
+    the first two subsets of each plane. ``xs_id``: the cross-section id in
+    the library's registry, cleared again afterwards. Ids are u32 (ValueError
+    outside 0 to 4294967295).
 
     Returns a :class:`UnifySummary` (planes_written, planes_blended,
     positions_skipped, failures, warnings), as ``luafxs unify`` prints it.
 
-    The output is refused before anything runs when it is one of the inputs
-    (:class:`SameFileError`, a ValueError; also through symlinks and hard
-    links), a directory, a special file or read-only (as for :func:`write`).
-    It is written to a temporary file beside it, checked as ``luafxs
-    validate`` checks it and renamed into place only after success; a
-    failure raises :class:`Error` and leaves the output's old file (or no
-    file) and no temporary. Sets the library's process-wide blending switch
-    and current cross-section id. Positions that could not be blended are
-    logged at ERROR, counted in the summary and left out, as the library
-    does.
+    Refused before anything is written: an input that is missing, not a
+    regular file or has any problem ``luafxs validate`` would print
+    (:class:`Error`; the input is never changed or deleted); an output that
+    is one of the inputs (:class:`SameFileError`, a ValueError; also through
+    symlinks and hard links), a directory, a special file or read-only (as
+    for :func:`write`); ValueError for ids that do not fit, a plane number at
+    or beyond the number of slots under a real id, and, with blending, an
+    input without a real id or a plane number below the slots that no input
+    has (the blender cannot skip it). The output is written to a temporary
+    file beside it and put in place only when the library ran to its end, no
+    error report arrived and the file checks as ``luafxs validate`` checks
+    it; a failure raises :class:`Error` and leaves the output's old file (or
+    no file) and no temporary. Sets the library's process-wide blending
+    switch and current cross-section id. A position whose blend fails is
+    left out, as the library does, and counted in the summary; the output is
+    still written.
     """
     inputs = _paths(inputs, "unify: inputs")
     output = _path(output)

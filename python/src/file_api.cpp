@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -13,15 +14,6 @@ namespace luanafpy {
 
 namespace {
 
-constexpr uint32_t kKeepSubsetIds = 0xFFFFFFFF;
-
-// True when a level-5 record says the whole driver call failed (as opposed to
-// one position that could not be blended and was skipped).
-bool endsDriver(const LuLogRecord& r) {
-  return r.message.find(L"- Exception: ") != std::wstring::npos ||
-         r.message.find(L"loading Failed") != std::wstring::npos ||
-         r.message.find(L"No DataSets") != std::wstring::npos;
-}
 // ---- Field names ------------------------------------------------------------
 
 enum class Field { Points, Normals, Segments, AuxPos, AuxOffsets, AuxCounts, ResPoints, Distances };
@@ -417,159 +409,104 @@ bool removeFields(const std::wstring& path, uint32_t mask) {
 
 // ---- unify ------------------------------------------------------------------
 
-// What a unification did, counted as the luafxs tool counts it from the
-// library's log records.
-py::dict unifySummary(const Capture& cap, const LuAfxsInspection& written) {
-  size_t blended = 0;
-  size_t skipped = 0;
+std::string hex32(uint32_t value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08x", value);
+  return text;
+}
+
+// One failure as the luafxs tool prints it.
+std::string failureText(const LuAfxsUnifyFailure& f) {
+  if (f.code == 0) return narrow(f.what);
+  return "error " + hex32(f.code) + " (" + narrow(f.what) + " line " + std::to_string(f.line) +
+         ") on " + narrow(f.path);
+}
+
+std::string skipText(const LuAfxsUnifySkip& k) {
+  const std::string plane = k.planeId < 0 ? "" : " (plane " + std::to_string(k.planeId) + ")";
+  return "position " + std::to_string(k.position) + plane + " left out: " + narrow(k.reason);
+}
+
+// What the library counted, with the texts the luafxs tool prints.
+py::dict unifySummary(const LuAfxsUnifySummary& s) {
   py::list failures;
+  for (const LuAfxsUnifyFailure& f : s.failures) failures.append(failureText(f));
+  for (const LuAfxsUnifySkip& k : s.skipped) failures.append(skipText(k));
   py::list warnings;
-  for (const LuLogRecord& r : cap.records) {
-    if (r.message.find(L"BlendXSections Succeeded") != std::wstring::npos) ++blended;
-    if (r.message.find(L"XSectionsUnify Failed") != std::wstring::npos) ++skipped;
-    if (r.level >= 5) {
-      failures.append(r.message);
-    } else if (r.level > 0) {
-      warnings.append(r.message);
-    }
-  }
+  for (const LuAfxsUnifyWarning& w : s.warnings) warnings.append(w.text);
   py::dict summary;
-  summary["planes_written"] = written.loadedSubsets;
-  summary["planes_blended"] = blended;
-  summary["positions_skipped"] = skipped;
+  summary["planes_written"] = s.planesWritten;
+  summary["planes_blended"] = s.planesBlended;
+  summary["positions_skipped"] = s.skipped.size();
   summary["failures"] = failures;
   summary["warnings"] = warnings;
   return summary;
 }
 
-// Owns the links and data sets of one unify call until the registry has
-// taken the data sets; then ClearXSBlendingInfo deletes them.
-struct UnifyInputs {
-  std::vector<std::unique_ptr<LuAfxsUserLink>> links;
-  std::vector<LuAfxsUserDataSet*> sets;
-  bool registered = false;
-  uint32_t xsId = 0;
-
-  ~UnifyInputs() {
-    if (registered) {
-      LuAfxsUserDataSet::ClearXSBlendingInfo(xsId);
-    } else {
-      for (LuAfxsUserDataSet* s : sets) delete s;
-    }
-    sets.clear();
-    links.clear();  // after the sets: each set closes its file through its link
+// Raises what the refusal of an input means in Python.
+[[noreturn]] void raiseInputRefusal(const LuAfxsUnifySummary& s) {
+  const std::wstring& path = s.problemPath;
+  if (s.errnum == ENOENT) raiseError("no such file", path, {}, ENOENT);
+  if (s.errnum == EISDIR) raiseError("is a directory", path, {}, EISDIR);
+  if (s.errnum == EINVAL) {
+    raiseError("is not a regular file (a FIFO, device or socket)", path, {}, EINVAL, "not_regular");
   }
-};
+  std::string what = "not a readable cross-section file";
+  for (const LuAfxsUnifyInputProblem& p : s.inputProblems) {
+    if (p.path == path && p.refuses) {
+      what += "; at byte " + std::to_string(p.problem.offset) + ": " + p.problem.message;
+    }
+  }
+  raiseError(what, path, {}, s.errnum);
+}
+
+// Raises for every summary whose output was not written.
+void raiseUnlessWritten(const LuAfxsUnifySummary& s, const std::wstring& output, Capture& cap) {
+  switch (s.status) {
+    case LuAfxsUnifyStatus::Written:
+      return;
+    case LuAfxsUnifyStatus::BadArguments:
+    case LuAfxsUnifyStatus::NotUnifiable:
+      throw py::value_error("unify: " + narrow(s.message));
+    case LuAfxsUnifyStatus::InputRefused:
+      raiseInputRefusal(s);
+    case LuAfxsUnifyStatus::OutputRefused:
+      raiseOutputProblem(output, {s.errnum, s.message});
+    case LuAfxsUnifyStatus::OutputDamaged:
+      raiseError(narrow(s.message), output, {}, EINVAL, "data");
+    case LuAfxsUnifyStatus::Cancelled:
+      checkInterrupt(cap);
+      break;
+    case LuAfxsUnifyStatus::Incomplete:
+    case LuAfxsUnifyStatus::NotCommitted:
+      break;
+  }
+  std::string why;
+  for (const LuAfxsUnifyFailure& f : s.failures) {
+    if (f.code == 0) why += "; " + narrow(f.what);
+  }
+  raiseError(narrow(s.message) + why, output, cap.reports, s.errnum);
+}
 
 py::dict unify(const std::vector<std::wstring>& inputs, const std::wstring& output,
                std::optional<std::vector<uint32_t>> outputIds, bool blend, uint32_t xsId) {
-  if (inputs.empty()) throw py::value_error("unify: no inputs");
-  if (outputIds && outputIds->size() != inputs.size()) {
-    throw py::value_error("unify: output_ids must hold one id per input");
-  }
-  // The output is checked against the inputs before any input is opened.
-  OutputTarget out(output, inputs);
-  UnifyInputs in;
-  in.xsId = xsId;
-  size_t slotCount = 0;
-  LuAfxsHeader header;
-  std::vector<std::vector<uint32_t>> subsetIds(inputs.size()), planeIds(inputs.size());
-  for (size_t i = 0; i < inputs.size(); ++i) {
-    in.links.push_back(std::make_unique<LuAfxsUserLink>(inputs[i].c_str()));
-    const LuAfxsInspection inspection = verifyOrRaise(*in.links.back(), inputs[i]);
-    if (i == 0) header = inspection.header;  // with the version, which the link does not keep
-    in.sets.push_back(new LuAfxsUserDataSet(*in.links.back()));
-    Capture cap;
-    if (!in.sets.back()->load(0)) {
-      raiseError("damaged plane-subset records", inputs[i], cap.reports);
-    }
-    slotCount = std::max(slotCount, in.sets.back()->size());
-    for (const LuAfxsUserData* d : *in.sets.back()) {
-      const uint32_t sid = d->getPlaneData().subsetId;
-      if (std::find(subsetIds[i].begin(), subsetIds[i].end(), sid) == subsetIds[i].end()) {
-        subsetIds[i].push_back(sid);
-      }
-      planeIds[i].push_back(d->getPlaneData().planeId);
-    }
-  }
-  std::vector<uint32_t> ids;
-  if (outputIds) {
-    ids = *outputIds;
-  } else {
-    // Default: when every input holds one subset, its planes go out under that
-    // subset's id and line up by plane number; otherwise every plane keeps
-    // its own subset id and planes line up by record order.
-    bool single = true;
-    for (const auto& s : subsetIds) single &= s.size() == 1;
-    for (size_t i = 0; i < inputs.size(); ++i) {
-      ids.push_back(single ? subsetIds[i][0] : kKeepSubsetIds);
-    }
-  }
-  for (size_t i = 0; i < inputs.size(); ++i) {
-    if (ids[i] == kKeepSubsetIds) continue;
-    for (uint32_t pid : planeIds[i]) {
-      // The library stores such a plane at index planeId of a list of
-      // slotCount entries; a larger plane id would end the whole call.
-      if (pid >= slotCount) {
-        throw py::value_error("unify: plane " + std::to_string(pid) + " of " + narrow(inputs[i]) +
-                              " lies beyond the " + std::to_string(slotCount) +
-                              " slots; pass output id 0xFFFFFFFF to keep subset ids");
-      }
-    }
-  }
-
-  if (blend) {
-    // The library blends position by position and ends the whole call at a
-    // position where no data set has a plane; such a call is refused here.
-    std::vector<bool> covered(slotCount, false);
-    for (size_t i = 0; i < inputs.size(); ++i) {
-      if (ids[i] == kKeepSubsetIds) {
-        throw py::value_error(
-            "unify: blending lines planes up by plane number and needs a real output id for "
-            "every input (not 0xFFFFFFFF)");
-      }
-      for (uint32_t pid : planeIds[i]) covered[pid] = true;
-    }
-    for (size_t p = 0; p < slotCount; ++p) {
-      if (!covered[p]) {
-        throw py::value_error("unify: no input has plane " + std::to_string(p) +
-                              ", which blending cannot skip");
-      }
-    }
-  }
-
+  LuAfxsUnifyOptions options;
+  options.blend = blend;
+  options.xsId = xsId;
   Capture cap;
-  {
-    LuAfxsCreateLink createLink(out.tempPath().c_str());
-    createLink.setHeader(header);
-    {
-      Capture camerasCap;
-      createLink.setCameras(in.links[0]->getCameras());
-    }
-    LuAfxsUserDataSet::SetCurrentXSId(xsId);
-    LuAfxsUserDataSet::SupportXSectionBlending(blend);
-    in.registered = true;
-    in.sets[0]->UnifyMultipleDataSets(in.sets, ids, createLink, LU_AFXS_MASK_ALL);
-    checkInterrupt(cap);
-    bool fatal = !cap.reports.empty() || !createLink.isOK() || !LuFileExist(out.tempPath().c_str());
-    std::string why;
-    for (const LuLogRecord& r : cap.failures) {
-      if (endsDriver(r)) {
-        fatal = true;
-        why += "; " + narrow(r.message);
-      }
-    }
-    // No half-written output is left behind: the link and the target remove
-    // the temporary file.
-    if (fatal) raiseError("unification failed" + why, output, cap.reports);
-  }
-  const LuAfxsInspection written = out.commit(cap);
-  return unifySummary(cap, written);
+  // A KeyboardInterrupt raised meanwhile (by a logging handler or Ctrl-C)
+  // cancels the call before the output is put in place.
+  options.keepGoing = [&cap] { return !cap.pending && PyErr_CheckSignals() == 0; };
+  const LuAfxsUnifySummary summary =
+      luAfxsUnifyFiles(inputs, outputIds.value_or(std::vector<uint32_t>{}), output, options);
+  if (PyErr_Occurred() != nullptr) throw py::error_already_set();
+  raiseUnlessWritten(summary, output, cap);
+  return unifySummary(summary);
 }
 }  // namespace
 
 void bindFileApi(py::module_& m) {
-  m.attr("KEEP_SUBSET_IDS") = kKeepSubsetIds;
+  m.attr("KEEP_SUBSET_IDS") = kLuAfxsKeepSubsetIds;
 
   py::class_<PyFile>(m, "File")
       .def(py::init<const std::wstring&, uint32_t>(), py::arg("path"), py::arg("mask"))

@@ -1,0 +1,126 @@
+// luafxs batch: jobs from a list file or a folder, run by worker processes;
+// a failing job never stops the others; one summary, as text or JSON.
+#include <fstream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "luafxs_fixture.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using json = nlohmann::json;
+using lutools::LuafxsTest;
+using lutools::Outcome;
+
+class BatchTest : public LuafxsTest {
+protected:
+  void writeList(const std::string& name, const std::string& text) {
+    std::ofstream(path(name)) << text;
+  }
+  // A folder of cross-sections: one subfolder each, two scans in it.
+  void writeFolder(const std::string& folder, int sections) {
+    for (int s = 0; s < sections; ++s) {
+      const std::string sub = folder + "/xs" + std::to_string(s);
+      lutest::fs::create_directories(path(sub));
+      writeFile(sub + "/a.afxs", 3 + s, 1);
+      writeFile(sub + "/b.afxs", 3 + s, 2);
+    }
+  }
+  std::string p(const std::string& name) { return path(name).string(); }
+};
+
+TEST_F(BatchTest, AListRunsEveryJobAndSummarises) {
+  writeFile("a.afxs", 2, 1);
+  writeFile("b.afxs", 2, 2);
+  writeList("jobs.txt",
+            "# two unifications and a check\n"
+            "unify -o " +
+                p("u1.afxs") + " " + p("a.afxs") + " " + p("b.afxs") + "\n" + "\n" + "validate \"" +
+                p("a.afxs") + "\"\n" + "unify -o " + p("u2.afxs") + " " + p("a.afxs") + ":7 " +
+                p("b.afxs") + ":9\n");
+  Outcome r = run("batch " + q("jobs.txt") + " -j 2");
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_THAT(r.out,
+              HasSubstr("batch: 3 jobs, 2 workers\nok                3\nfailed            0\n"));
+  EXPECT_TRUE(lutest::fs::exists(path("u1.afxs")));
+  EXPECT_TRUE(lutest::fs::exists(path("u2.afxs")));
+}
+
+TEST_F(BatchTest, AFailingJobNeverStopsTheOthers) {
+  writeFile("a.afxs", 2, 1);
+  writeList("jobs.txt", "validate " + p("missing.afxs") + "\n" + "unify -o " + p("u1.afxs") + " " +
+                            p("a.afxs") + "\n" + "unify -o " + p("u2.afxs") + " " + p("a.afxs") +
+                            "\n");
+  Outcome r = run("batch " + q("jobs.txt") + " -j 1");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.out, HasSubstr("ok                2\nfailed            1\n"));
+  EXPECT_THAT(r.err, HasSubstr("jobs.txt:1: job 1 (validate "));
+  EXPECT_THAT(r.err, HasSubstr("ended with exit 1"));
+  EXPECT_TRUE(lutest::fs::exists(path("u1.afxs")));
+  EXPECT_TRUE(lutest::fs::exists(path("u2.afxs")));
+}
+
+TEST_F(BatchTest, AFolderGivesOneUnifyJobPerCrossSectionWithTheBytesOfUnify) {
+  writeFolder("scans", 3);
+  lutest::fs::create_directories(path("out"));
+  Outcome r = run("batch " + q("scans") + " -o " + q("out") + " -j 2");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("batch: 3 jobs"));
+  for (int s = 0; s < 3; ++s) {
+    const std::string sub = "scans/xs" + std::to_string(s);
+    ASSERT_EQ(
+        run("unify -o " + q("single.afxs") + " " + q(sub + "/a.afxs") + " " + q(sub + "/b.afxs"))
+            .code,
+        0);
+    EXPECT_EQ(lutest::readBytes(path("out/xs" + std::to_string(s) + ".afxs")),
+              lutest::readBytes(path("single.afxs")))
+        << s;
+  }
+}
+
+TEST_F(BatchTest, AFolderCanBeValidated) {
+  writeFolder("scans", 2);
+  writeDamaged("truncated", "scans/xs1/c.afxs");
+  Outcome r = run("batch --validate " + q("scans") + " -j 2");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.out, HasSubstr("batch: 5 jobs"));
+  EXPECT_THAT(r.out, HasSubstr("failed            1\n"));
+}
+
+TEST_F(BatchTest, TheJsonSummaryHoldsEveryJob) {
+  writeFile("a.afxs", 2, 1);
+  writeList("jobs.txt", "validate " + p("a.afxs") + "\nvalidate " + p("none.afxs") + "\n");
+  Outcome r = run("batch --json -j 2 " + q("jobs.txt"));
+  EXPECT_EQ(r.code, 1);
+  json j = json::parse(r.out);
+  EXPECT_EQ(j["jobs"], 2);
+  EXPECT_EQ(j["ok"], 1);
+  EXPECT_EQ(j["failed"], 1);
+  EXPECT_EQ(j["workers"], 2);
+  ASSERT_EQ(j["results"].size(), 2u);
+  EXPECT_EQ(j["results"][0]["exit"], 0);
+  EXPECT_EQ(j["results"][1]["exit"], 1);
+  EXPECT_EQ(j["results"][1]["args"][0], "validate");
+  EXPECT_THAT(j["results"][1]["stderr"].get<std::string>(), HasSubstr("none.afxs"));
+}
+
+TEST_F(BatchTest, AnUnknownVerbInTheListRunsNothing) {
+  writeFile("a.afxs", 2, 1);
+  writeList("jobs.txt", "unify -o " + p("u.afxs") + " " + p("a.afxs") + "\nremove " + p("a.afxs") +
+                            " --fields normals\n");
+  Outcome r = run("batch " + q("jobs.txt"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("line 2: 'remove' is no batch verb (batch verbs: unify, validate)"));
+  EXPECT_FALSE(lutest::fs::exists(path("u.afxs")));
+}
+
+TEST_F(BatchTest, NoWorkersIsAUsageError) {
+  writeList("jobs.txt", "");
+  EXPECT_EQ(run("batch " + q("jobs.txt") + " -j 0").code, 2);
+}
+
+}  // namespace
