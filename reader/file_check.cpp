@@ -20,6 +20,7 @@
 #include "format/decoder.h"
 #include "format/format.h"
 #include "format/header_words.h"
+#include "platform/lu_io.h"
 
 bool LuAfxsInspection::loadable() const {
   if (!opened) return false;
