@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <luAnaf/luAfxsFileCheck.h>
+#include <luAnaf/luAfxsSection.h>
 #include <luAnaf/luAnaf.h>
 #include <nlohmann/json.hpp>
 
@@ -104,6 +105,14 @@ struct PlotOptions {
 std::string plotSvg(const std::vector<PlotLayer>& layers, const double normal[3],
                     const PlotOptions& options);
 
+// ---- Meshes (mesh_file.cpp) ------------------------------------------------------
+struct MeshData {
+  std::vector<LuVec3> vertices;
+  std::vector<uint32_t> faces;  // three vertex indices per triangle
+};
+// Reads the triangles of a PLY, STL or OBJ file; false with the reason.
+bool readMesh(const std::string& path, MeshData& mesh, std::string& why);
+
 // ---- Verbs -----------------------------------------------------------------
 struct InfoArgs {
   std::string file;
@@ -141,6 +150,23 @@ struct PlotArgs {
   bool normals = false;
   bool results = false;
 };
+struct SliceArgs {
+  std::string mesh;
+  std::string output;
+  uint32_t planes = 0;
+  double spacing = 0;
+  std::vector<double> normal{0, 0, 1};
+  std::vector<double> origin;
+  uint32_t subset = 1;
+  double viewSplit = -1;  // degrees between the two partial scans; < 0: one full scan
+  bool json = false;
+};
+struct CompareArgs {
+  std::string measured;
+  std::string nominal;
+  std::string output;
+  bool json = false;
+};
 struct DemoArgs {
   std::string dir = "luafxs-demo";
 };
@@ -152,6 +178,8 @@ int runUnify(const UnifyArgs& args);
 int runRemove(const RemoveArgs& args);
 int runPlot(const PlotArgs& args);
 int runDemo(const DemoArgs& args);
+int runSlice(const SliceArgs& args);
+int runCompare(const CompareArgs& args);
 
 // The unification itself, shared by unify and demo. Inputs must have passed
 // the strict check. Fills the summary; false when the output is missing.
