@@ -5,7 +5,8 @@
 // heights (the least any cut must do); for the compare, the distance of
 // every measured point to a nominal point whose index is known (no search).
 //
-//   cmake -S . -B build/release -DLUANAF_BUILD_BENCH=ON && cmake --build build/release --target section_bench
+//   cmake -S . -B build/release -DLUANAF_BUILD_BENCH=ON && cmake --build build/release --target
+//   section_bench
 //   ./build/release/bench/section_bench
 #include <benchmark/benchmark.h>
 
@@ -33,8 +34,8 @@ Sphere sphere(uint32_t rings, uint32_t segments) {
     double theta = kPi * r / rings;
     for (uint32_t k = 0; k < segments; ++k) {
       double phi = 2 * kPi * k / segments;
-      s.vertices.push_back({std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi),
-                            std::cos(theta)});
+      s.vertices.push_back(
+          {std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi), std::cos(theta)});
     }
   }
   for (uint32_t r = 0; r < rings; ++r)

@@ -35,7 +35,7 @@ struct CoordHash {
 // The mesh after merging equal vertices and dropping faces that repeat one.
 struct CleanMesh {
   std::vector<LuVec3> vertices;
-  std::vector<uint32_t> faces;  // three per face
+  std::vector<uint32_t> faces;    // three per face
   std::vector<uint32_t> faceIds;  // the caller's index of each kept face
 };
 
@@ -85,7 +85,8 @@ public:
   Slicer(const CleanMesh& mesh, const LuAfxsPlaneFamily& family, LuAfxsSliceReport& report)
       : m_mesh(mesh), m_family(family), m_report(report) {
     m_heights.reserve(mesh.vertices.size());
-    for (const LuVec3& v : mesh.vertices) m_heights.push_back((v - family.origin).dot(family.normal));
+    for (const LuVec3& v : mesh.vertices)
+      m_heights.push_back((v - family.origin).dot(family.normal));
   }
 
   void run(std::vector<LuAfxsContour>& out) {
@@ -212,8 +213,8 @@ private:
       if (it == firstStarting.end()) continue;
       uint32_t best = kNone;
       for (uint32_t j = it->second; j != kNone; j = nextStarting[j]) {
-        if (!hasPrevious[j] && (best == kNone || m_mesh.faceIds[pieces[j].face] <
-                                                     m_mesh.faceIds[pieces[best].face]))
+        if (!hasPrevious[j] &&
+            (best == kNone || m_mesh.faceIds[pieces[j].face] < m_mesh.faceIds[pieces[best].face]))
           best = j;
       }
       if (best == kNone) continue;

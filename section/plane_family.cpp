@@ -54,8 +54,7 @@ bool luAfxsFamilyByCount(const std::vector<LuVec3>& vertices, LuVec3 normal, uin
 
 bool luAfxsFamilyBySpacing(const std::vector<LuVec3>& vertices, LuVec3 normal, double spacing,
                            const LuVec3* origin, LuAfxsPlaneFamily& family) {
-  if (vertices.empty() || !(spacing > 0) || !std::isfinite(spacing) || !unit(normal))
-    return false;
+  if (vertices.empty() || !(spacing > 0) || !std::isfinite(spacing) || !unit(normal)) return false;
   double lo, hi;
   heightRange(vertices, normal, lo, hi);
   double first = origin ? origin->dot(normal) : lo + spacing / 2;
@@ -97,7 +96,8 @@ std::vector<uint32_t> luAfxsFacesSeenFrom(const std::vector<LuVec3>& vertices,
     LuVec3 n = (b - a).cross(c - a);
     double l = n.length();
     if (!(l > 0)) continue;
-    if (n.dot(direction) > limit * l) seen.insert(seen.end(), faces.begin() + f, faces.begin() + f + 3);
+    if (n.dot(direction) > limit * l)
+      seen.insert(seen.end(), faces.begin() + f, faces.begin() + f + 3);
   }
   return seen;
 }

@@ -34,7 +34,8 @@ SegmentGrid::SegmentGrid(const std::vector<LuVec3>& points, std::vector<GridPiec
       }
     total += (points[p.b] - points[p.a]).length();
   }
-  if (m_pieces.empty() || !std::isfinite(lo.x + lo.y + lo.z + hi.x + hi.y + hi.z)) lo = hi = {0, 0, 0};
+  if (m_pieces.empty() || !std::isfinite(lo.x + lo.y + lo.z + hi.x + hi.y + hi.z))
+    lo = hi = {0, 0, 0};
   m_min = lo;
   m_max = hi;
   double extent = std::max({hi.x - lo.x, hi.y - lo.y, hi.z - lo.z});
@@ -123,7 +124,8 @@ void SegmentGrid::searchEveryCell(const Level& level, const LuVec3& q, NearestPi
   for (const auto& [k, range] : level.cells) {
     // The cell's distance from q bounds every piece listed in it (the
     // piece's part inside the cell is at least that far).
-    const int64_t c[3] = {static_cast<int64_t>(k >> 42), static_cast<int64_t>((k >> 21) & (kAxisCells - 1)),
+    const int64_t c[3] = {static_cast<int64_t>(k >> 42),
+                          static_cast<int64_t>((k >> 21) & (kAxisCells - 1)),
                           static_cast<int64_t>(k & (kAxisCells - 1))};
     double d2 = 0;
     for (int a = 0; a < 3; ++a) {

@@ -153,9 +153,10 @@ int run(int argc, char** argv) {
       ->delimiter(',')
       ->expected(3);
   sliceCmd->add_option("--subset", slice.subset, "subset id of the contours (default 1)");
-  sliceCmd->add_option("--view-split", slice.viewSplit,
-                       "instead of one file, two partial scans seen from two directions A "
-                       "degrees apart: OUT-1.afxs (subset S) and OUT-2.afxs (subset S+1)")
+  sliceCmd
+      ->add_option("--view-split", slice.viewSplit,
+                   "instead of one file, two partial scans seen from two directions A "
+                   "degrees apart: OUT-1.afxs (subset S) and OUT-2.afxs (subset S+1)")
       ->check(CLI::Range(0.0, 360.0));
   sliceCmd->add_flag("--json", slice.json, "print the summary as one JSON object");
   sliceCmd->footer(example("luafxs slice bunny.ply --planes 40 -o bunny.afxs"));

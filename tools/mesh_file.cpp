@@ -4,9 +4,9 @@
 #include <fmt/format.h>
 
 #if !defined(LUAFXS_WITHOUT_MESH_READER)
-#include <assimp/Importer.hpp>
 #include <assimp/postprocess.h>
 #include <assimp/scene.h>
+#include <assimp/Importer.hpp>
 #endif
 
 #include "luafxs.h"
@@ -23,7 +23,8 @@ bool readMesh(const std::string& path, MeshData& mesh, std::string& why) {
   Assimp::Importer importer;
   // Only whole triangles: no normals generated, vertices kept as stored
   // (equal vertices are merged by the cut itself).
-  importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE, aiPrimitiveType_POINT | aiPrimitiveType_LINE);
+  importer.SetPropertyInteger(AI_CONFIG_PP_SBP_REMOVE,
+                              aiPrimitiveType_POINT | aiPrimitiveType_LINE);
   const aiScene* scene = importer.ReadFile(
       path, aiProcess_Triangulate | aiProcess_PreTransformVertices | aiProcess_SortByPType);
   if (scene == nullptr) {

@@ -22,8 +22,8 @@ std::map<uint32_t, LuAfxsPlane> nominalPlanes(const LoadedFile& nominal) {
     LuAfxsPlane& into = planes[p->planeId];
     into.planeId = p->planeId;
     const int32_t base = static_cast<int32_t>(into.points.size());
-    bool normals = p->normals.size() == p->points.size() &&
-                   into.normals.size() == into.points.size();
+    bool normals =
+        p->normals.size() == p->points.size() && into.normals.size() == into.points.size();
     into.points.insert(into.points.end(), p->points.begin(), p->points.end());
     if (normals)
       into.normals.insert(into.normals.end(), p->normals.begin(), p->normals.end());
@@ -137,9 +137,8 @@ nlohmann::json planeJson(const LoadedFile& measured, size_t i, const LuAfxsPlane
   j["max"] = d.max;
   j["mean"] = d.mean;
   j["rms"] = d.rms;
-  j["worst"] = {{"index", d.worstIndex},
-                {"point", {p.x, p.y, p.z}},
-                {"distance", d.distances[d.worstIndex]}};
+  j["worst"] = {
+      {"index", d.worstIndex}, {"point", {p.x, p.y, p.z}}, {"distance", d.distances[d.worstIndex]}};
   return j;
 }
 
@@ -165,9 +164,11 @@ void printSummary(const CompareArgs& args, const LoadedFile& measured, const Com
       continue;
     }
     const LuVec3& p = measured.planes[i]->points[d.worstIndex];
-    fmt::print("{:>6} {:>6} {:>7} {:>11.6f} {:>11.6f} {:>11.6f} {:>11.6f}  {}: {:.6f} at {:.6g} {:.6g} {:.6g}\n",
-               d.planeId, d.subsetId, d.count, d.min, d.max, d.mean, d.rms, d.worstIndex,
-               d.distances[d.worstIndex], p.x, p.y, p.z);
+    fmt::print(
+        "{:>6} {:>6} {:>7} {:>11.6f} {:>11.6f} {:>11.6f} {:>11.6f}  {}: {:.6f} at {:.6g} {:.6g} "
+        "{:.6g}\n",
+        d.planeId, d.subsetId, d.count, d.min, d.max, d.mean, d.rms, d.worstIndex,
+        d.distances[d.worstIndex], p.x, p.y, p.z);
   }
   fmt::print("results written to {}\n", written);
 }
@@ -179,17 +180,16 @@ int runCompare(const CompareArgs& args) {
     return kExitBad;
   auto measured = loadChecked(args.measured, LU_AFXS_MASK_ALL, true);
   if (!measured) return kExitBad;
-  auto nominal = loadChecked(args.nominal, LU_AFXS_MASK_POINTS | LU_AFXS_MASK_SEGMENTS |
-                                               LU_AFXS_MASK_NORMALS,
-                             true);
+  auto nominal = loadChecked(
+      args.nominal, LU_AFXS_MASK_POINTS | LU_AFXS_MASK_SEGMENTS | LU_AFXS_MASK_NORMALS, true);
   if (!nominal) return kExitBad;
   Comparison c = compareFiles(*measured, *nominal);
   if (c.withoutNominal.size() == c.deviations.size()) {
     error(args.nominal, "holds no plane of the measured file; nothing was written");
     return kExitBad;
   }
-  bool written = args.output.empty() ? appendResults(*measured, c)
-                                     : writeNewFile(args.output, *measured, c);
+  bool written =
+      args.output.empty() ? appendResults(*measured, c) : writeNewFile(args.output, *measured, c);
   if (!written) return kExitBad;
   printSummary(args, *measured, c, args.output.empty() ? args.measured : args.output);
   return kExitOk;

@@ -93,8 +93,9 @@ bool chooseFamily(const SliceArgs& args, const MeshData& mesh, LuAfxsPlaneFamily
                 ? luAfxsFamilyByCount(mesh.vertices, vec(args.normal), args.planes, o, family)
                 : luAfxsFamilyBySpacing(mesh.vertices, vec(args.normal), args.spacing, o, family);
   if (!ok)
-    error(args.mesh, "no plane of the family meets the mesh (check --normal, --origin, "
-                     "--spacing)");
+    error(args.mesh,
+          "no plane of the family meets the mesh (check --normal, --origin, "
+          "--spacing)");
   return ok;
 }
 
@@ -139,7 +140,8 @@ int runSlice(const SliceArgs& args) {
   // point out and polylines run counter-clockwise about the normal.
   bool turned = luAfxsMeshVolume6(mesh.vertices, mesh.faces) < 0;
   if (turned)
-    for (size_t f = 0; f + 2 < mesh.faces.size(); f += 3) std::swap(mesh.faces[f + 1], mesh.faces[f + 2]);
+    for (size_t f = 0; f + 2 < mesh.faces.size(); f += 3)
+      std::swap(mesh.faces[f + 1], mesh.faces[f + 2]);
   LuAfxsPlaneFamily family;
   if (!chooseFamily(args, mesh, family)) return kExitBad;
   for (size_t i = 0; i < files.size(); ++i) {
@@ -175,9 +177,11 @@ int runSlice(const SliceArgs& args) {
   }
   fmt::print("{}: {} vertices, {} triangles{}\n", args.mesh, mesh.vertices.size(),
              mesh.faces.size() / 3, turned ? " (wound inward: turned round)" : "");
-  fmt::print("family: {} planes {:.6g} apart along ({:.6g}, {:.6g}, {:.6g}) from ({:.6g}, {:.6g}, {:.6g})\n",
-             family.count, family.spacing, family.normal.x, family.normal.y, family.normal.z,
-             family.origin.x, family.origin.y, family.origin.z);
+  fmt::print(
+      "family: {} planes {:.6g} apart along ({:.6g}, {:.6g}, {:.6g}) from ({:.6g}, {:.6g}, "
+      "{:.6g})\n",
+      family.count, family.spacing, family.normal.x, family.normal.y, family.normal.z,
+      family.origin.x, family.origin.y, family.origin.z);
   for (const SlicedFile& f : files) {
     nlohmann::json r = reportJson(f);
     fmt::print("wrote {}: subset {}, {} planes cut, {} points, {} closed and {} open polylines",
@@ -185,10 +189,11 @@ int runSlice(const SliceArgs& args) {
                f.report.closedPolylines, f.report.openPolylines);
     if (f.report.nonManifoldEdges || f.report.mergedVertices || f.report.skippedFaces ||
         f.report.droppedPolylines)
-      fmt::print(" ({} vertices merged, {} faces skipped, {} non-manifold edges, {} one-point "
-                 "cuts dropped)",
-                 f.report.mergedVertices, f.report.skippedFaces, f.report.nonManifoldEdges,
-                 f.report.droppedPolylines);
+      fmt::print(
+          " ({} vertices merged, {} faces skipped, {} non-manifold edges, {} one-point "
+          "cuts dropped)",
+          f.report.mergedVertices, f.report.skippedFaces, f.report.nonManifoldEdges,
+          f.report.droppedPolylines);
     fmt::print("\n");
   }
   return kExitOk;

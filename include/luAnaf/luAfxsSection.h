@@ -39,12 +39,12 @@ struct LuAfxsContour {
 
 // What the cut met on its way: counts of the documented degenerate cases.
 struct LuAfxsSliceReport {
-  uint64_t mergedVertices = 0;      // vertices equal to an earlier one, merged into it
-  uint64_t skippedFaces = 0;        // faces with a repeated vertex (after merging) or out of range
-  uint64_t nonManifoldEdges = 0;    // cut edges where more than one polyline continues
+  uint64_t mergedVertices = 0;    // vertices equal to an earlier one, merged into it
+  uint64_t skippedFaces = 0;      // faces with a repeated vertex (after merging) or out of range
+  uint64_t nonManifoldEdges = 0;  // cut edges where more than one polyline continues
   uint64_t openPolylines = 0;
   uint64_t closedPolylines = 0;
-  uint64_t droppedPolylines = 0;    // polylines that shrank to one point
+  uint64_t droppedPolylines = 0;  // polylines that shrank to one point
   uint64_t cutPoints = 0;
 };
 
@@ -103,19 +103,19 @@ LUANAF_API std::vector<uint32_t> luAfxsFacesSeenFrom(const std::vector<LuVec3>& 
 // False, with nothing returned, when the family is empty or has a zero
 // normal or spacing (with count > 1).
 LUANAF_API bool luAfxsSliceMesh(const std::vector<LuVec3>& vertices,
-                                const std::vector<uint32_t>& faces,
-                                const LuAfxsPlaneFamily& family, std::vector<LuAfxsContour>& out,
+                                const std::vector<uint32_t>& faces, const LuAfxsPlaneFamily& family,
+                                std::vector<LuAfxsContour>& out,
                                 LuAfxsSliceReport* report = nullptr);
 
 // The comparison of one measured plane with the nominal plane of the same id.
 struct LuAfxsPlaneDeviation {
   uint32_t planeId = 0;
-  uint32_t subsetId = 0;              // of the measured plane
-  std::vector<LuVec3> resultPoints;   // per measured point: nearest point on the nominal polylines
-  std::vector<double> distances;      // per measured point: signed deviation, positive outside
+  uint32_t subsetId = 0;             // of the measured plane
+  std::vector<LuVec3> resultPoints;  // per measured point: nearest point on the nominal polylines
+  std::vector<double> distances;     // per measured point: signed deviation, positive outside
   uint64_t count = 0;
   double min = 0, max = 0, mean = 0, rms = 0;
-  uint32_t worstIndex = 0;            // the measured point of largest |distance|
+  uint32_t worstIndex = 0;  // the measured point of largest |distance|
 };
 
 // For each measured point: the nearest point on the nominal plane's

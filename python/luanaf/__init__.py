@@ -463,7 +463,7 @@ class File:
         return len(self._f)
 
     def __getitem__(self, index):
-        if isinstance(index, slice):
+        if isinstance(index, _builtins.slice):
             return [Subset(self._f, i) for i in range(*index.indices(len(self._f)))]
         n = len(self._f)
         if index < 0:

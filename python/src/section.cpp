@@ -101,8 +101,8 @@ LuAfxsPlane planeOf(py::handle points, py::handle normals, py::handle segments, 
   return p;
 }
 
-py::dict compare(py::handle mPoints, py::handle mNormals, py::handle mSegments,
-                 py::handle nPoints, py::handle nNormals, py::handle nSegments) {
+py::dict compare(py::handle mPoints, py::handle mNormals, py::handle mSegments, py::handle nPoints,
+                 py::handle nNormals, py::handle nSegments) {
   LuAfxsPlane measured = planeOf(mPoints, mNormals, mSegments, "measured points");
   LuAfxsPlane nominal = planeOf(nPoints, nNormals, nSegments, "nominal points");
   LuAfxsPlaneDeviation dev;

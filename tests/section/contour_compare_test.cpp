@@ -125,7 +125,8 @@ TEST(ContourCompare, GridFindsTheSameNearestPointAsAFullSearch) {
     size_t first = 0;
     for (int32_t end : nominal.segments) {
       for (size_t i = first; i < static_cast<size_t>(end); ++i) {
-        LuVec3 a = nominal.points[i], b = i + 1 < static_cast<size_t>(end) ? nominal.points[i + 1] : a;
+        LuVec3 a = nominal.points[i],
+               b = i + 1 < static_cast<size_t>(end) ? nominal.points[i + 1] : a;
         LuVec3 ab = b - a;
         double l2 = ab.dot(ab);
         double t = l2 > 0 ? std::clamp((queries[q] - a).dot(ab) / l2, 0.0, 1.0) : 0.0;

@@ -93,7 +93,8 @@ TEST_F(SectionVerbs, StlPlyAndObjOfOneMeshGiveTheSameContours) {
   writeObj("cube.obj");
   std::vector<std::string> dumps;
   for (std::string mesh : {"cube.stl", "cube.ply", "cube.obj"}) {
-    ASSERT_EQ(run("slice " + q(mesh) + " --spacing 0.3 --subset 7 -o " + q(mesh + ".afxs")).code, 0);
+    ASSERT_EQ(run("slice " + q(mesh) + " --spacing 0.3 --subset 7 -o " + q(mesh + ".afxs")).code,
+              0);
     auto d = run("dump " + q(mesh + ".afxs") + " --format csv");
     ASSERT_EQ(d.code, 0);
     dumps.push_back(d.out);
@@ -144,10 +145,9 @@ TEST_F(SectionVerbs, CompareAppendsSignedDeviationsToTheMeasuredFileOnce) {
   writeStl("nominal.stl");
   writeStl("big.stl", 1.1);
   ASSERT_EQ(run("slice " + q("nominal.stl") + " --planes 4 -o " + q("nominal.afxs")).code, 0);
-  ASSERT_EQ(run("slice " + q("big.stl") + " --planes 4 -o " + q("big.afxs") +
-                " --origin 0,0,0.125")
-                .code,
-            0);
+  ASSERT_EQ(
+      run("slice " + q("big.stl") + " --planes 4 -o " + q("big.afxs") + " --origin 0,0,0.125").code,
+      0);
   auto r = run("compare " + q("big.afxs") + " " + q("nominal.afxs"));
   ASSERT_EQ(r.code, 0) << r.err;
   Loaded m = load("big.afxs");
@@ -189,8 +189,8 @@ TEST_F(SectionVerbs, CompareRefusesAnOutputThatIsAnInput) {
   writeStl("nominal.stl");
   ASSERT_EQ(run("slice " + q("nominal.stl") + " --planes 2 -o " + q("nominal.afxs")).code, 0);
   std::string before = lutest::readText(path("nominal.afxs"));
-  auto r = run("compare " + q("nominal.afxs") + " " + q("nominal.afxs") + " -o " +
-               q("nominal.afxs"));
+  auto r =
+      run("compare " + q("nominal.afxs") + " " + q("nominal.afxs") + " -o " + q("nominal.afxs"));
   EXPECT_EQ(r.code, 1);
   EXPECT_EQ(lutest::readText(path("nominal.afxs")), before);
 }
