@@ -172,6 +172,14 @@ int run(int argc, char** argv) {
   compareCmd->add_flag("--json", compare.json, "print the per-plane summary as JSON");
   compareCmd->footer(example("luafxs compare unified.afxs bunny.afxs -o deviation.afxs"));
 
+  ImportArgs import;
+  auto* importCmd = app.add_subcommand(
+      "import", "Contours from the csv or xyz text that dump writes, into a new file");
+  importCmd->add_option("IN", import.input, "a .csv (with dump's header line) or .xyz file")
+      ->required();
+  importCmd->add_option("-o,--output", import.output, "the output .afxs file")->required();
+  importCmd->footer(example("luafxs import plane3.csv -o plane3.afxs"));
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -203,6 +211,7 @@ int run(int argc, char** argv) {
     if (*demoCmd) return runDemo(demo);
     if (*sliceCmd) return runSlice(slice);
     if (*compareCmd) return runCompare(compare);
+    if (*importCmd) return runImport(import);
   } catch (const std::system_error& e) {
     // fmt reports a failed write to standard output this way.
     noteStandardOutputFailure(e.code().value());

@@ -167,6 +167,10 @@ struct CompareArgs {
   std::string output;
   bool json = false;
 };
+struct ImportArgs {
+  std::string input;
+  std::string output;
+};
 struct DemoArgs {
   std::string dir = "luafxs-demo";
 };
@@ -180,6 +184,7 @@ int runPlot(const PlotArgs& args);
 int runDemo(const DemoArgs& args);
 int runSlice(const SliceArgs& args);
 int runCompare(const CompareArgs& args);
+int runImport(const ImportArgs& args);
 
 // The unification itself, shared by unify and demo. Inputs must have passed
 // the strict check. Fills the summary; false when the output is missing.

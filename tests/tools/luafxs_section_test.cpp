@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -194,5 +195,63 @@ TEST_F(SectionVerbs, CompareRefusesAnOutputThatIsAnInput) {
   EXPECT_EQ(r.code, 1);
   EXPECT_EQ(lutest::readText(path("nominal.afxs")), before);
 }
+
+// dump, import, dump: the same text, for each dump format import reads.
+class ImportRoundTrip : public SectionVerbs, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(ImportRoundTrip, DumpImportDumpGivesTheSameText) {
+  writeFile("in.afxs", 3, 4, true);
+  std::string format = GetParam();
+  ASSERT_EQ(run("dump " + q("in.afxs") + " --format " + format + " -o " + q("a.txt")).code, 0);
+  auto r = run("import " + q("a.txt") + " -o " + q("back.afxs"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  ASSERT_EQ(run("dump " + q("back.afxs") + " --format " + format + " -o " + q("b.txt")).code, 0);
+  EXPECT_EQ(lutest::readText(path("a.txt")), lutest::readText(path("b.txt")));
+  EXPECT_EQ(run("validate " + q("back.afxs")).code, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, ImportRoundTrip, ::testing::Values("csv", "xyz"));
+
+TEST_F(SectionVerbs, ImportKeepsAuxGroupsResultsAndSegmentBreaks) {
+  writeFile("in.afxs", 2, 9, true);
+  ASSERT_EQ(run("dump " + q("in.afxs") + " --format csv -o " + q("a.csv")).code, 0);
+  ASSERT_EQ(run("import " + q("a.csv") + " -o " + q("back.afxs")).code, 0);
+  Loaded f = load("back.afxs");
+  ASSERT_EQ(f.planes.size(), 2u);
+  EXPECT_EQ(f.planes[0].subsetId, 9u);
+  EXPECT_EQ(f.planes[0].segments, (std::vector<int32_t>{2, 4}));
+  EXPECT_EQ(f.planes[1].distances.size(), 4u);
+  EXPECT_EQ(f.planes[1].resPoints.size(), 4u);
+}
+
+struct Malformed {
+  const char* name;
+  const char* text;
+  const char* message;
+};
+
+class ImportRefuses : public SectionVerbs, public ::testing::WithParamInterface<Malformed> {};
+
+TEST_P(ImportRefuses, MalformedInputWithItsLineAndWritesNothing) {
+  std::ofstream(path("in.csv"), std::ios::binary) << GetParam().text;
+  auto r = run("import " + q("in.csv") + " -o " + q("out.afxs"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find(GetParam().message), std::string::npos) << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ImportRefuses,
+    ::testing::Values(
+        Malformed{"ColumnCount", "plane,subset,index,x,y,z\n0,1,0,1,2\n", "line 2: 5 columns"},
+        Malformed{"NotANumber", "plane,subset,index,x,y,z\n0,1,0,1,2,abc\n", "line 2: column z"},
+        Malformed{"NaN", "plane,subset,index,x,y,z\n0,1,0,1,2,3\n0,1,1,nan,2,3\n",
+                  "line 3: column x: 'nan' is not a finite number"},
+        Malformed{"PlaneNotInteger", "plane,subset,index,x,y,z\n1.5,1,0,1,2,3\n",
+                  "line 2: column plane"},
+        Malformed{"CutShort", "plane,subset,index,x,y,z\n0,1,0,1,2,3\n0,1,1,1,2", "line 3:"},
+        Malformed{"XyzColumns", "1 2 3\n4 5\n", "line 2: 2 values"}),
+    [](const ::testing::TestParamInfo<Malformed>& info) { return info.param.name; });
 
 }  // namespace
