@@ -174,8 +174,8 @@ int run(int argc, char** argv) {
 
   ImportArgs import;
   auto* importCmd = app.add_subcommand(
-      "import", "Contours from the csv or xyz text that dump writes, into a new file");
-  importCmd->add_option("IN", import.input, "a .csv (with dump's header line) or .xyz file")
+      "import", "Contours from the csv, PLY or xyz that dump writes, into a new file");
+  importCmd->add_option("IN", import.input, "a .csv (with dump's header line), .ply or .xyz file")
       ->required();
   importCmd->add_option("-o,--output", import.output, "the output .afxs file")->required();
   importCmd->footer(example("luafxs import plane3.csv -o plane3.afxs"));

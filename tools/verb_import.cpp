@@ -1,10 +1,11 @@
-// luafxs import: contours from the text that dump writes (csv with its
-// header line, or xyz), into a new cross-section file, so that dump, import
+// luafxs import: contours from what dump writes (csv with its header line,
+// ASCII or binary PLY, or xyz), into a new cross-section file, so that dump, import
 // and dump again give the same text. Malformed input is refused with one
 // message naming its line; nothing is written then.
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -61,14 +62,17 @@ struct ImportedPlane {
   bool hasAux = false;
 };
 
-// Reads the lines of a text file: each must end in a line feed (a last line
-// without one means the file was cut).
-std::vector<std::string> readLines(const std::string& path) {
+std::string readWhole(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw ImportError{0, "cannot be opened for reading"};
   std::stringstream buffer;
   buffer << in.rdbuf();
-  std::string text = buffer.str();
+  return buffer.str();
+}
+
+// The lines of a text: each must end in a line feed (a last line without one
+// means the file was cut).
+std::vector<std::string> linesOf(const std::string& text) {
   std::vector<std::string> lines = splitOn(text, '\n');
   if (!lines.back().empty())
     throw ImportError{lines.size(), "the last line has no line feed: the file was cut short"};
@@ -138,6 +142,88 @@ std::vector<ImportedPlane> readCsv(const std::vector<std::string>& lines) {
   return planes;
 }
 
+// A PLY as dump writes it: vertex properties x y z [nx ny nz] [rx ry rz]
+// [distance] plane subset, doubles and ints, ASCII or binary little-endian.
+std::vector<ImportedPlane> readPly(const std::string& text) {
+  size_t headerEnd = text.find("end_header\n");
+  if (headerEnd == std::string::npos) throw ImportError{1, "a PLY header without end_header"};
+  std::vector<std::string> header = linesOf(text.substr(0, headerEnd));
+  bool binary = false;
+  uint64_t count = 0;
+  std::vector<std::string> names;
+  for (size_t i = 0; i < header.size(); ++i) {
+    std::vector<std::string> w = splitOn(header[i], ' ');
+    if (w[0] == "format") {
+      if (w.size() < 2 || (w[1] != "ascii" && w[1] != "binary_little_endian"))
+        throw ImportError{i + 1, "only ascii and binary_little_endian PLY are read"};
+      binary = w[1] != "ascii";
+    } else if (w[0] == "element") {
+      if (w.size() != 3 || w[1] != "vertex")
+        throw ImportError{i + 1, "only the vertex element is read"};
+      count = whole(w[2], i + 1, "element vertex", 0xFFFFFFFFFFull);
+    } else if (w[0] == "property") {
+      bool isInt = w.size() == 3 && w[1] == "int";
+      if (w.size() != 3 || (w[1] != "double" && !isInt) ||
+          isInt != (w[2] == "plane" || w[2] == "subset"))
+        throw ImportError{i + 1, "a property dump does not write"};
+      names.push_back(w[2]);
+    }
+  }
+  const size_t nd = names.size() - 2;
+  if (names.size() < 5 || names[nd] != "plane" || names[nd + 1] != "subset")
+    throw ImportError{header.size(), "the vertex properties do not end in plane and subset"};
+  std::vector<std::string> columns = {"plane", "subset", "index"};
+  columns.insert(columns.end(), names.begin(), names.begin() + static_cast<long>(nd));
+  std::map<std::pair<uint32_t, uint32_t>, size_t> index;
+  std::vector<ImportedPlane> planes;
+  std::vector<uint64_t> nextIndex;
+  const char* body = text.data() + headerEnd + 11;
+  const size_t bodySize = text.size() - headerEnd - 11;
+  std::vector<std::string> lines =
+      binary ? std::vector<std::string>{} : linesOf(std::string(body, bodySize));
+  const uint64_t firstLine = header.size() + 2;
+  if (binary ? bodySize != count * (nd * 8 + 8) : lines.size() != count)
+    throw ImportError{binary ? 0 : firstLine + lines.size(),
+                      fmt::format("{} vertices where the header names {}",
+                                  binary ? bodySize / (nd * 8 + 8) : lines.size(), count)};
+  for (uint64_t v = 0; v < count; ++v) {
+    std::vector<std::string> cells;
+    if (binary) {
+      const char* row = body + v * (nd * 8 + 8);
+      for (size_t k = 0; k < nd; ++k) {
+        double d;
+        std::memcpy(&d, row + 8 * k, 8);
+        cells.push_back(fmt::format("{}", d));
+      }
+      for (size_t k = 0; k < 2; ++k) {
+        int32_t id;
+        std::memcpy(&id, row + 8 * nd + 4 * k, 4);
+        cells.push_back(std::to_string(static_cast<uint32_t>(id)));
+      }
+    } else {
+      cells = splitOn(lines[v], ' ');
+      if (cells.size() != nd + 2)
+        throw ImportError{firstLine + v,
+                          fmt::format("{} values where {} were expected", cells.size(), nd + 2)};
+      // dump writes an int: -1 stands for 4294967295.
+      for (size_t k = nd; k < nd + 2; ++k)
+        if (cells[k].size() > 1 && cells[k][0] == '-')
+          cells[k] =
+              std::to_string(static_cast<uint32_t>(std::strtol(cells[k].c_str(), nullptr, 10)));
+    }
+    std::vector<std::string> row = {cells[nd], cells[nd + 1], ""};
+    row.insert(row.end(), cells.begin(), cells.begin() + static_cast<long>(nd));
+    // The index column counts the points of each plane subset.
+    auto key =
+        std::make_pair(static_cast<uint32_t>(whole(row[0], firstLine + v, "plane", 0xFFFFFFFF)),
+                       static_cast<uint32_t>(whole(row[1], firstLine + v, "subset", 0xFFFFFFFF)));
+    auto it = index.find(key);
+    row[2] = std::to_string(it == index.end() ? 0 : planes[it->second].plane.points.size());
+    readCsvRow(columns, row, binary ? 0 : firstLine + v, index, planes);
+  }
+  return planes;
+}
+
 std::vector<ImportedPlane> readXyz(const std::vector<std::string>& lines) {
   std::vector<ImportedPlane> planes(1);
   planes[0].plane.subsetId = 1;
@@ -200,9 +286,14 @@ int runImport(const ImportArgs& args) {
   if (!outputAllowed(args.output, {args.input})) return kExitBad;
   std::vector<ImportedPlane> planes;
   try {
-    std::vector<std::string> lines = readLines(args.input);
-    bool csv = !lines.empty() && lines[0].rfind("plane,", 0) == 0;
-    planes = csv ? readCsv(lines) : readXyz(lines);
+    std::string text = readWhole(args.input);
+    if (text.rfind("ply\n", 0) == 0) {
+      planes = readPly(text);
+    } else {
+      std::vector<std::string> lines = linesOf(text);
+      bool csv = !lines.empty() && lines[0].rfind("plane,", 0) == 0;
+      planes = csv ? readCsv(lines) : readXyz(lines);
+    }
     for (ImportedPlane& p : planes) finish(p);
   } catch (const ImportError& e) {
     error(args.input, e.line > 0 ? fmt::format("line {}: {}; nothing was written", e.line, e.what)

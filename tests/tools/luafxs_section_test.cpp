@@ -210,7 +210,8 @@ TEST_P(ImportRoundTrip, DumpImportDumpGivesTheSameText) {
   EXPECT_EQ(run("validate " + q("back.afxs")).code, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Formats, ImportRoundTrip, ::testing::Values("csv", "xyz"));
+INSTANTIATE_TEST_SUITE_P(Formats, ImportRoundTrip,
+                         ::testing::Values("csv", "xyz", "ply", "ply-binary"));
 
 TEST_F(SectionVerbs, ImportKeepsAuxGroupsResultsAndSegmentBreaks) {
   writeFile("in.afxs", 2, 9, true);
@@ -251,7 +252,17 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"PlaneNotInteger", "plane,subset,index,x,y,z\n1.5,1,0,1,2,3\n",
                   "line 2: column plane"},
         Malformed{"CutShort", "plane,subset,index,x,y,z\n0,1,0,1,2,3\n0,1,1,1,2", "line 3:"},
-        Malformed{"XyzColumns", "1 2 3\n4 5\n", "line 2: 2 values"}),
+        Malformed{"XyzColumns", "1 2 3\n4 5\n", "line 2: 2 values"},
+        Malformed{"PlyCutShort",
+                  "ply\nformat ascii 1.0\nelement vertex 2\nproperty double x\nproperty double "
+                  "y\nproperty double z\nproperty int plane\nproperty int subset\nend_header\n1 2 "
+                  "3 0 1\n",
+                  "1 vertices where the header names 2"},
+        Malformed{"PlyNotANumber",
+                  "ply\nformat ascii 1.0\nelement vertex 1\nproperty double x\nproperty double "
+                  "y\nproperty double z\nproperty int plane\nproperty int subset\nend_header\n1 x "
+                  "3 0 1\n",
+                  "line 10: column y"}),
     [](const ::testing::TestParamInfo<Malformed>& info) { return info.param.name; });
 
 }  // namespace
