@@ -16,5 +16,5 @@ luanaf_need_packages() {
 
 LUANAF_BASE_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev libfmt-dev clang libclang-rt-14-dev valgrind
-  pybind11-dev python3-dev python3-numpy python3-pytest
+  pybind11-dev python3-dev python3-numpy python3-pytest libassimp-dev
   pkg-config chromium python3-distributed)

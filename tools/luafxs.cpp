@@ -181,6 +181,49 @@ int run(int argc, char** argv) {
   batchCmd->footer(
       example("luafxs batch scans/ -o unified/ -j 4\n  luafxs batch jobs.txt -j 2 --json"));
 
+  SliceArgs slice;
+  auto* sliceCmd = app.add_subcommand(
+      "slice", "Cut a triangle mesh (PLY, STL, OBJ) with parallel planes into a new file");
+  sliceCmd->add_option("MESH", slice.mesh, "the mesh file")->required();
+  sliceCmd->add_option("-o,--output", slice.output, "the output .afxs file")->required();
+  sliceCmd->add_option("--planes", slice.planes, "this many planes over the mesh's extent")
+      ->check(CLI::Range(uint32_t{1}, uint32_t{0xFFFFFFFF}));
+  sliceCmd->add_option("--spacing", slice.spacing, "planes this far apart")
+      ->check(CLI::PositiveNumber);
+  sliceCmd->add_option("--normal", slice.normal, "plane normal X,Y,Z (default 0,0,1)")
+      ->delimiter(',')
+      ->expected(3);
+  sliceCmd->add_option("--origin", slice.origin, "a point of plane 0, X,Y,Z")
+      ->delimiter(',')
+      ->expected(3);
+  sliceCmd->add_option("--subset", slice.subset, "subset id of the contours (default 1)");
+  sliceCmd
+      ->add_option("--view-split", slice.viewSplit,
+                   "instead of one file, two partial scans seen from two directions A "
+                   "degrees apart: OUT-1.afxs (subset S) and OUT-2.afxs (subset S+1)")
+      ->check(CLI::Range(0.0, 360.0));
+  sliceCmd->add_flag("--json", slice.json, "print the summary as one JSON object");
+  sliceCmd->footer(example("luafxs slice bunny.ply --planes 40 -o bunny.afxs"));
+
+  CompareArgs compare;
+  auto* compareCmd = app.add_subcommand(
+      "compare", "Deviation of measured contours from nominal ones, as results per point");
+  compareCmd->add_option("MEASURED", compare.measured, "the measured .afxs file")->required();
+  compareCmd->add_option("NOMINAL", compare.nominal, "the nominal .afxs file")->required();
+  compareCmd->add_option("-o,--output", compare.output,
+                         "write a copy of MEASURED with the results here (default: append the "
+                         "results to MEASURED)");
+  compareCmd->add_flag("--json", compare.json, "print the per-plane summary as JSON");
+  compareCmd->footer(example("luafxs compare unified.afxs bunny.afxs -o deviation.afxs"));
+
+  ImportArgs import;
+  auto* importCmd = app.add_subcommand(
+      "import", "Contours from the csv, PLY or xyz that dump writes, into a new file");
+  importCmd->add_option("IN", import.input, "a .csv (with dump's header line), .ply or .xyz file")
+      ->required();
+  importCmd->add_option("-o,--output", import.output, "the output .afxs file")->required();
+  importCmd->footer(example("luafxs import plane3.csv -o plane3.afxs"));
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -212,6 +255,10 @@ int run(int argc, char** argv) {
     if (*viewCmd) return runView(view);
     if (*demoCmd) return runDemo(demo);
     if (*batchCmd) return runBatch(batch);
+
+    if (*sliceCmd) return runSlice(slice);
+    if (*compareCmd) return runCompare(compare);
+    if (*importCmd) return runImport(import);
   } catch (const std::system_error& e) {
     // fmt reports a failed write to standard output this way.
     noteStandardOutputFailure(e.code().value());

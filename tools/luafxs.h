@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <luAnaf/luAfxsFileCheck.h>
+#include <luAnaf/luAfxsSection.h>
 #include <luAnaf/luAnaf.h>
 #include <nlohmann/json.hpp>
 
@@ -119,6 +120,14 @@ std::string plotSvg(const std::vector<PlotLayer>& layers, const double normal[3]
 std::string plotPanelsSvg(const std::vector<PlotPanel>& panels, const double normal[3],
                           const PlotOptions& options);
 
+// ---- Meshes (mesh_file.cpp) ------------------------------------------------------
+struct MeshData {
+  std::vector<LuVec3> vertices;
+  std::vector<uint32_t> faces;  // three vertex indices per triangle
+};
+// Reads the triangles of a PLY, STL or OBJ file; false with the reason.
+bool readMesh(const std::string& path, MeshData& mesh, std::string& why);
+
 // ---- Verbs -----------------------------------------------------------------
 struct InfoArgs {
   std::string file;
@@ -173,6 +182,27 @@ struct BatchArgs {
   bool validate = false;
   bool json = false;
 };
+struct SliceArgs {
+  std::string mesh;
+  std::string output;
+  uint32_t planes = 0;
+  double spacing = 0;
+  std::vector<double> normal{0, 0, 1};
+  std::vector<double> origin;
+  uint32_t subset = 1;
+  double viewSplit = -1;  // degrees between the two partial scans; < 0: one full scan
+  bool json = false;
+};
+struct CompareArgs {
+  std::string measured;
+  std::string nominal;
+  std::string output;
+  bool json = false;
+};
+struct ImportArgs {
+  std::string input;
+  std::string output;
+};
 struct DemoArgs {
   std::string dir = "luafxs-demo";
 };
@@ -186,6 +216,9 @@ int runPlot(const PlotArgs& args);
 int runView(const ViewArgs& args);
 int runDemo(const DemoArgs& args);
 int runBatch(const BatchArgs& args);
+int runSlice(const SliceArgs& args);
+int runCompare(const CompareArgs& args);
+int runImport(const ImportArgs& args);
 
 // The self-contained HTML viewer of the loaded files (view.cpp).
 std::string viewHtml(const std::vector<const LoadedFile*>& files);

@@ -15,3 +15,4 @@
 #include <luAnaf/luAfxsOutput.h>
 #include <luAnaf/luUtf8.h>
 #include <luAnaf/luAfxsUnify.h>
+#include <luAnaf/luAfxsSection.h>

@@ -140,6 +140,8 @@ __all__ = [
     "set_array_cache_limit",
     "array_cache_bytes",
     "clear_array_cache",
+    "slice",
+    "compare",
 ]
 
 MASK_POINTS = _luanaf.MASK_POINTS
@@ -467,7 +469,7 @@ class File:
         return len(self._f)
 
     def __getitem__(self, index):
-        if isinstance(index, slice):
+        if isinstance(index, _builtins.slice):
             return [Subset(self._f, i) for i in range(*index.indices(len(self._f)))]
         n = len(self._f)
         if index < 0:
@@ -757,3 +759,46 @@ def unify(inputs, output, output_ids=None, blend=False, xs_id=0):
         output_ids = [_u32(i, "unify: output id") for i in output_ids]
     summary = _luanaf.unify(inputs, output, output_ids, bool(blend), _u32(xs_id, "unify: xs_id"))
     return UnifySummary(summary)
+
+
+def slice(vertices, faces, planes=None, spacing=None, normal=(0.0, 0.0, 1.0), origin=None):  # noqa: A001
+    """Cut a triangle mesh with a family of parallel planes.
+
+    ``vertices``: float64 (n, 3); ``faces``: integer (m, 3) vertex indices,
+    wound counter-clockwise seen from outside. Give exactly one of
+    ``planes`` (that many planes over the mesh's extent along ``normal``,
+    plane 0 half a spacing above the lowest vertex, or at ``origin``) and
+    ``spacing`` (planes that far apart from ``origin`` or from half a
+    spacing above the lowest vertex, up to the highest vertex).
+
+    Returns a dict: ``family`` (a header-like dict: point, normal,
+    num_planes, dist_bw_planes), ``planes`` (one dict per plane the mesh
+    meets: plane_id, points, normals, segments, faces, closed) and
+    ``report`` (counts of merged vertices, skipped faces, non-manifold
+    edges, open, closed and dropped polylines). Each polyline is one
+    segment, counter-clockwise about the normal; a closed one repeats its
+    first point last; normals lie in the plane and point out of the solid;
+    ``faces`` names the face each point was cut from. The rules for
+    vertices, edges and faces lying in a plane, duplicate vertices and
+    non-manifold edges are those of ``luafxs slice`` (docs/luafxs.md).
+    ValueError for a bad family, an out-of-range face index or wrong shapes.
+    """
+    return _luanaf._slice(vertices, faces, 0 if planes is None else _u32(planes, "slice: planes"),
+                          0.0 if spacing is None else float(spacing), tuple(normal),
+                          None if origin is None else tuple(origin))
+
+
+def compare(measured_points, nominal_points, measured_normals=None, nominal_normals=None,
+            measured_segments=None, nominal_segments=None):
+    """The deviation of one measured contour from a nominal one.
+
+    For each measured point: ``res_points`` (its nearest point on the
+    nominal polylines, on the pieces between points, not only at them) and
+    ``distances`` (signed along the measured point's normal, positive
+    outside; without measured normals along the nominal normal there;
+    without either, unsigned). Segments are running point counts; without
+    them the points are one polyline. Returns a dict with those two arrays
+    and the summary: count, min, max, mean, rms, worst_index.
+    """
+    return _luanaf._compare(measured_points, measured_normals, measured_segments, nominal_points,
+                            nominal_normals, nominal_segments)

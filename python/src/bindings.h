@@ -177,5 +177,6 @@ LuAfxsCamerasTable camerasFromObject(py::handle obj);
 // ---- The parts of the module ----
 void bindFileApi(py::module_& m);
 void bindLibraryClasses(py::module_& m);
+void bindSection(py::module_& m);
 
 }  // namespace luanafpy

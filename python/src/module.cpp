@@ -23,6 +23,7 @@ PYBIND11_MODULE(_luanaf, m) {
 
   luanafpy::bindFileApi(m);
   luanafpy::bindLibraryClasses(m);
+  luanafpy::bindSection(m);
 
   m.def("_set_error_class", &luanafpy::setErrorClass);
   m.def("_shutdown", &luanafpy::shutdownSinks);

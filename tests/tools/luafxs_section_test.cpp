@@ -1,0 +1,268 @@
+// luafxs slice and compare: meshes in the three formats, the family in the
+// header, partial scans, results appended or written into a new file, and
+// the refusals that keep every file whole.
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include <luAnaf/luAnaf.h>
+
+#include "luafxs_fixture.h"
+
+namespace {
+
+using lutools::LuafxsTest;
+
+const double kCube[8][3] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0},
+                            {0, 0, 1}, {1, 0, 1}, {1, 1, 1}, {0, 1, 1}};
+const int kCubeFaces[12][3] = {{0, 2, 1}, {0, 3, 2}, {4, 5, 6}, {4, 6, 7}, {0, 1, 5}, {0, 5, 4},
+                               {1, 2, 6}, {1, 6, 5}, {2, 3, 7}, {2, 7, 6}, {3, 0, 4}, {3, 4, 7}};
+
+struct Loaded {
+  LuAfxsHeader header;
+  std::vector<LuAfxsPlane> planes;
+};
+
+class SectionVerbs : public LuafxsTest {
+protected:
+  // The unit cube scaled by `scale` about its centre.
+  void writeStl(const std::string& name, double scale = 1) {
+    std::ofstream out(path(name));
+    out << "solid cube\n";
+    for (const auto& f : kCubeFaces) {
+      out << " facet normal 0 0 0\n  outer loop\n";
+      for (int v : f) {
+        out << "   vertex";
+        for (int k = 0; k < 3; ++k) out << ' ' << 0.5 + (kCube[v][k] - 0.5) * scale;
+        out << '\n';
+      }
+      out << "  endloop\n endfacet\n";
+    }
+    out << "endsolid cube\n";
+  }
+  void writePly(const std::string& name) {
+    std::ofstream out(path(name));
+    out << "ply\nformat ascii 1.0\nelement vertex 8\nproperty double x\nproperty double y\n"
+           "property double z\nelement face 12\nproperty list uchar int vertex_indices\n"
+           "end_header\n";
+    for (const auto& v : kCube) out << v[0] << ' ' << v[1] << ' ' << v[2] << '\n';
+    for (const auto& f : kCubeFaces) out << "3 " << f[0] << ' ' << f[1] << ' ' << f[2] << '\n';
+  }
+  void writeObj(const std::string& name) {
+    std::ofstream out(path(name));
+    for (const auto& v : kCube) out << "v " << v[0] << ' ' << v[1] << ' ' << v[2] << '\n';
+    for (const auto& f : kCubeFaces)
+      out << "f " << f[0] + 1 << ' ' << f[1] + 1 << ' ' << f[2] + 1 << '\n';
+  }
+  Loaded load(const std::string& name) {
+    Loaded r;
+    LuAfxsUserLink link(wpath(name).c_str());
+    LuAfxsUserDataSet set(link);
+    EXPECT_TRUE(set.load(LU_AFXS_MASK_ALL));
+    r.header = link.getHeader();
+    for (LuAfxsUserData* d : set) r.planes.push_back(d->getPlaneData());
+    set.closefile();
+    return r;
+  }
+};
+
+TEST_F(SectionVerbs, SliceWritesOneClosedLoopPerPlaneWithTheFamilyInTheHeader) {
+  writeStl("cube.stl");
+  auto r = run("slice " + q("cube.stl") + " --planes 4 -o " + q("cube.afxs"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("4 planes cut"), std::string::npos) << r.out;
+  Loaded f = load("cube.afxs");
+  EXPECT_EQ(f.header.numPlanes, 4u);
+  EXPECT_DOUBLE_EQ(f.header.distBwPlanes, 0.25);
+  EXPECT_DOUBLE_EQ(f.header.normal[2], 1);
+  EXPECT_DOUBLE_EQ(f.header.point[2], 0.125);
+  ASSERT_EQ(f.planes.size(), 4u);
+  for (const LuAfxsPlane& p : f.planes) {
+    ASSERT_EQ(p.segments.size(), 1u);
+    EXPECT_EQ(p.points.front(), p.points.back());
+    EXPECT_EQ(p.normals.size(), p.points.size());
+    EXPECT_EQ(p.subsetId, 1u);
+  }
+}
+
+TEST_F(SectionVerbs, StlPlyAndObjOfOneMeshGiveTheSameContours) {
+  writeStl("cube.stl");
+  writePly("cube.ply");
+  writeObj("cube.obj");
+  std::vector<std::string> dumps;
+  for (std::string mesh : {"cube.stl", "cube.ply", "cube.obj"}) {
+    ASSERT_EQ(run("slice " + q(mesh) + " --spacing 0.3 --subset 7 -o " + q(mesh + ".afxs")).code,
+              0);
+    auto d = run("dump " + q(mesh + ".afxs") + " --format csv");
+    ASSERT_EQ(d.code, 0);
+    dumps.push_back(d.out);
+  }
+  EXPECT_EQ(dumps[0], dumps[1]);
+  EXPECT_EQ(dumps[0], dumps[2]);
+  EXPECT_NE(dumps[0].find(",7,"), std::string::npos);
+}
+
+TEST_F(SectionVerbs, SliceNeedsExactlyOneOfPlanesAndSpacing) {
+  writeStl("cube.stl");
+  EXPECT_EQ(run("slice " + q("cube.stl") + " -o " + q("a.afxs")).code, 2);
+  EXPECT_EQ(run("slice " + q("cube.stl") + " --planes 3 --spacing 0.1 -o " + q("a.afxs")).code, 2);
+  EXPECT_FALSE(std::filesystem::exists(path("a.afxs")));
+}
+
+TEST_F(SectionVerbs, SliceRefusesToWriteOverItsMesh) {
+  writeStl("cube.stl");
+  std::string before = lutest::readText(path("cube.stl"));
+  auto r = run("slice " + q("cube.stl") + " --planes 3 -o " + q("cube.stl"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(lutest::readText(path("cube.stl")), before);
+}
+
+TEST_F(SectionVerbs, UnreadableMeshFailsWithOneMessageAndNoOutput) {
+  std::ofstream(path("bad.ply")) << "ply\nformat ascii 1.0\nelement vertex 3\nend_header\n1 2\n";
+  auto r = run("slice " + q("bad.ply") + " --planes 3 -o " + q("out.afxs"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("bad.ply"), std::string::npos) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
+}
+
+TEST_F(SectionVerbs, ViewSplitWritesTwoPartialScansUnderTwoSubsets) {
+  writeStl("cube.stl");
+  auto r = run("slice " + q("cube.stl") + " --planes 2 --view-split 180 -o " + q("scan.afxs"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  Loaded a = load("scan-1.afxs"), b = load("scan-2.afxs");
+  ASSERT_EQ(a.planes.size(), 2u);
+  ASSERT_EQ(b.planes.size(), 2u);
+  EXPECT_EQ(a.planes[0].subsetId, 1u);
+  EXPECT_EQ(b.planes[0].subsetId, 2u);
+  // Each scan sees part of the loop: open polylines.
+  EXPECT_NE(a.planes[0].points.front(), a.planes[0].points.back());
+  EXPECT_FALSE(std::filesystem::exists(path("scan.afxs")));
+}
+
+TEST_F(SectionVerbs, CompareAppendsSignedDeviationsToTheMeasuredFileOnce) {
+  writeStl("nominal.stl");
+  writeStl("big.stl", 1.1);
+  ASSERT_EQ(run("slice " + q("nominal.stl") + " --planes 4 -o " + q("nominal.afxs")).code, 0);
+  ASSERT_EQ(
+      run("slice " + q("big.stl") + " --planes 4 -o " + q("big.afxs") + " --origin 0,0,0.125").code,
+      0);
+  auto r = run("compare " + q("big.afxs") + " " + q("nominal.afxs"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  Loaded m = load("big.afxs");
+  ASSERT_FALSE(m.planes.empty());
+  for (const LuAfxsPlane& p : m.planes) {
+    ASSERT_EQ(p.distances.size(), p.points.size());
+    for (double d : p.distances) EXPECT_NEAR(d, 0.05, 1e-6);  // 32-bit mesh coordinates
+  }
+  auto again = run("compare " + q("big.afxs") + " " + q("nominal.afxs"));
+  EXPECT_EQ(again.code, 1);
+  EXPECT_NE(again.err.find("already holds results"), std::string::npos) << again.err;
+}
+
+TEST_F(SectionVerbs, CompareWithOutputLeavesTheMeasuredFileAndPrintsJson) {
+  writeStl("nominal.stl");
+  writeStl("small.stl", 0.9);
+  ASSERT_EQ(run("slice " + q("nominal.stl") + " --planes 4 -o " + q("nominal.afxs")).code, 0);
+  ASSERT_EQ(run("slice " + q("small.stl") + " --planes 4 -o " + q("small.afxs")).code, 0);
+  std::string before = lutest::readText(path("small.afxs"));
+  auto r = run("compare " + q("small.afxs") + " " + q("nominal.afxs") + " -o " + q("dev.afxs") +
+               " --json");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(lutest::readText(path("small.afxs")), before);
+  auto j = nlohmann::json::parse(r.out);
+  ASSERT_FALSE(j["planes"].empty());
+  for (const auto& plane : j["planes"]) {
+    // Inside everywhere: 0.05 in along the normal, or 0 at a corner whose
+    // nearest nominal side runs along that normal.
+    EXPECT_NEAR(plane["min"].get<double>(), -0.05, 1e-6);
+    EXPECT_LE(plane["max"].get<double>(), 1e-6);
+    EXPECT_TRUE(plane.contains("worst"));
+  }
+  Loaded d = load("dev.afxs");
+  for (const LuAfxsPlane& p : d.planes) EXPECT_EQ(p.resPoints.size(), p.points.size());
+  EXPECT_EQ(run("validate " + q("dev.afxs")).code, 0);
+}
+
+TEST_F(SectionVerbs, CompareRefusesAnOutputThatIsAnInput) {
+  writeStl("nominal.stl");
+  ASSERT_EQ(run("slice " + q("nominal.stl") + " --planes 2 -o " + q("nominal.afxs")).code, 0);
+  std::string before = lutest::readText(path("nominal.afxs"));
+  auto r =
+      run("compare " + q("nominal.afxs") + " " + q("nominal.afxs") + " -o " + q("nominal.afxs"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(lutest::readText(path("nominal.afxs")), before);
+}
+
+// dump, import, dump: the same text, for each dump format import reads.
+class ImportRoundTrip : public SectionVerbs, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(ImportRoundTrip, DumpImportDumpGivesTheSameText) {
+  writeFile("in.afxs", 3, 4, true);
+  std::string format = GetParam();
+  ASSERT_EQ(run("dump " + q("in.afxs") + " --format " + format + " -o " + q("a.txt")).code, 0);
+  auto r = run("import " + q("a.txt") + " -o " + q("back.afxs"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  ASSERT_EQ(run("dump " + q("back.afxs") + " --format " + format + " -o " + q("b.txt")).code, 0);
+  EXPECT_EQ(lutest::readText(path("a.txt")), lutest::readText(path("b.txt")));
+  EXPECT_EQ(run("validate " + q("back.afxs")).code, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, ImportRoundTrip,
+                         ::testing::Values("csv", "xyz", "ply", "ply-binary"));
+
+TEST_F(SectionVerbs, ImportKeepsAuxGroupsResultsAndSegmentBreaks) {
+  writeFile("in.afxs", 2, 9, true);
+  ASSERT_EQ(run("dump " + q("in.afxs") + " --format csv -o " + q("a.csv")).code, 0);
+  ASSERT_EQ(run("import " + q("a.csv") + " -o " + q("back.afxs")).code, 0);
+  Loaded f = load("back.afxs");
+  ASSERT_EQ(f.planes.size(), 2u);
+  EXPECT_EQ(f.planes[0].subsetId, 9u);
+  EXPECT_EQ(f.planes[0].segments, (std::vector<int32_t>{2, 4}));
+  EXPECT_EQ(f.planes[1].distances.size(), 4u);
+  EXPECT_EQ(f.planes[1].resPoints.size(), 4u);
+}
+
+struct Malformed {
+  const char* name;
+  const char* text;
+  const char* message;
+};
+
+class ImportRefuses : public SectionVerbs, public ::testing::WithParamInterface<Malformed> {};
+
+TEST_P(ImportRefuses, MalformedInputWithItsLineAndWritesNothing) {
+  std::ofstream(path("in.csv"), std::ios::binary) << GetParam().text;
+  auto r = run("import " + q("in.csv") + " -o " + q("out.afxs"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find(GetParam().message), std::string::npos) << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ImportRefuses,
+    ::testing::Values(
+        Malformed{"ColumnCount", "plane,subset,index,x,y,z\n0,1,0,1,2\n", "line 2: 5 columns"},
+        Malformed{"NotANumber", "plane,subset,index,x,y,z\n0,1,0,1,2,abc\n", "line 2: column z"},
+        Malformed{"NaN", "plane,subset,index,x,y,z\n0,1,0,1,2,3\n0,1,1,nan,2,3\n",
+                  "line 3: column x: 'nan' is not a finite number"},
+        Malformed{"PlaneNotInteger", "plane,subset,index,x,y,z\n1.5,1,0,1,2,3\n",
+                  "line 2: column plane"},
+        Malformed{"CutShort", "plane,subset,index,x,y,z\n0,1,0,1,2,3\n0,1,1,1,2", "line 3:"},
+        Malformed{"XyzColumns", "1 2 3\n4 5\n", "line 2: 2 values"},
+        Malformed{"PlyCutShort",
+                  "ply\nformat ascii 1.0\nelement vertex 2\nproperty double x\nproperty double "
+                  "y\nproperty double z\nproperty int plane\nproperty int subset\nend_header\n1 2 "
+                  "3 0 1\n",
+                  "1 vertices where the header names 2"},
+        Malformed{"PlyNotANumber",
+                  "ply\nformat ascii 1.0\nelement vertex 1\nproperty double x\nproperty double "
+                  "y\nproperty double z\nproperty int plane\nproperty int subset\nend_header\n1 x "
+                  "3 0 1\n",
+                  "line 10: column y"}),
+    [](const ::testing::TestParamInfo<Malformed>& info) { return info.param.name; });
+
+}  // namespace
