@@ -1,5 +1,5 @@
-// The writers behind luafxs dump (see text_export.h). Each appends to one
-// buffer through fmt's shortest round-trip form of a double (formats
+// The writers behind luafxs dump (see text_export.h). Each formats into a
+// buffer that goes out in chunks, through fmt's shortest round-trip form of a double (formats
 // compiled ahead: the same text fmt::format("{}") gives).
 #include "text_export.h"
 
@@ -44,6 +44,39 @@ void appendBytes(TextBuffer& out, T value) {
   out.append(bytes, bytes + sizeof(T));
 }
 
+bool put(std::FILE* out, const std::string& text) {
+  return std::fwrite(text.data(), 1, text.size(), out) == text.size();
+}
+
+// A text buffer handed to its stream in chunks of about 1 MiB: the text of
+// the whole output is never held, and each chunk is one write.
+class ChunkedText {
+public:
+  explicit ChunkedText(std::FILE* file) : m_file(file) {}
+  TextBuffer& buffer() { return m_buffer; }
+  // Called after each row: writes the buffer out once it holds a chunk.
+  void rowDone() {
+    if (m_buffer.size() >= kChunk) drain();
+  }
+  // Writes what is left; false when any write failed.
+  bool finish() {
+    drain();
+    return m_ok;
+  }
+
+private:
+  static constexpr size_t kChunk = size_t{1} << 20;
+  void drain() {
+    if (m_ok && m_buffer.size() != 0)
+      m_ok = std::fwrite(m_buffer.data(), 1, m_buffer.size(), m_file) == m_buffer.size();
+    m_buffer.clear();
+  }
+
+  std::FILE* m_file;
+  TextBuffer m_buffer;
+  bool m_ok = true;
+};
+
 // ",x,y,z" of v, or ",,," when the plane lacks the field.
 void appendVecCells(TextBuffer& out, bool has, const LuVec3& v) {
   if (has)
@@ -73,7 +106,8 @@ std::string csvHeader(uint32_t mask) {
   return out + "\n";
 }
 
-void appendCsvPlane(TextBuffer& out, const LuAfxsPlane& p, uint32_t mask) {
+void appendCsvPlane(ChunkedText& text, const LuAfxsPlane& p, uint32_t mask) {
+  TextBuffer& out = text.buffer();
   const bool segments = mask & LU_AFXS_MASK_SEGMENTS, normals = mask & LU_AFXS_MASK_NORMALS;
   const bool results = mask & LU_AFXS_MASK_RESPOINTS, distances = mask & LU_AFXS_MASK_DISTANCES;
   const bool aux = mask & LU_AFXS_MASK_AUX;
@@ -107,6 +141,7 @@ void appendCsvPlane(TextBuffer& out, const LuAfxsPlane& p, uint32_t mask) {
         append(out, ",,");
     }
     out.push_back('\n');
+    text.rowDone();
   }
 }
 
@@ -155,7 +190,8 @@ size_t plyValues(const LuAfxsPlane& p, size_t i, const PlyColumns& c, double (&v
   return n;
 }
 
-void appendPlyPlane(TextBuffer& out, const LuAfxsPlane& p, const PlyColumns& c, bool binary) {
+void appendPlyPlane(ChunkedText& text, const LuAfxsPlane& p, const PlyColumns& c, bool binary) {
+  TextBuffer& out = text.buffer();
   double values[10];
   for (size_t i = 0; i < p.points.size(); ++i) {
     const size_t n = plyValues(p, i, c, values);
@@ -169,6 +205,7 @@ void appendPlyPlane(TextBuffer& out, const LuAfxsPlane& p, const PlyColumns& c, 
       fmt::format_to(fmt::appender(out), FMT_COMPILE("{} {}\n"), static_cast<int32_t>(p.planeId),
                      static_cast<int32_t>(p.subsetId));
     }
+    text.rowDone();
   }
 }
 
@@ -193,28 +230,33 @@ nlohmann::json planeJson(const LuAfxsPlane& p, uint32_t mask) {
   return plane;
 }
 
-bool put(std::FILE* out, const std::string& text) {
-  return std::fwrite(text.data(), 1, text.size(), out) == text.size();
-}
-
 }  // namespace
 
-void xyzText(TextBuffer& out, const std::vector<const LuAfxsPlane*>& planes) {
-  for (const LuAfxsPlane* p : planes)
-    for (const LuVec3& v : p->points)
-      fmt::format_to(fmt::appender(out), FMT_COMPILE("{} {} {}\n"), v.x, v.y, v.z);
+bool writeXyz(std::FILE* file, const std::vector<const LuAfxsPlane*>& planes) {
+  ChunkedText text(file);
+  for (const LuAfxsPlane* p : planes) {
+    for (const LuVec3& v : p->points) {
+      fmt::format_to(fmt::appender(text.buffer()), FMT_COMPILE("{} {} {}\n"), v.x, v.y, v.z);
+      text.rowDone();
+    }
+  }
+  return text.finish();
 }
 
-void csvText(TextBuffer& out, const std::vector<const LuAfxsPlane*>& planes, uint32_t mask) {
-  append(out, csvHeader(mask));
-  for (const LuAfxsPlane* p : planes) appendCsvPlane(out, *p, mask);
+bool writeCsv(std::FILE* file, const std::vector<const LuAfxsPlane*>& planes, uint32_t mask) {
+  ChunkedText text(file);
+  append(text.buffer(), csvHeader(mask));
+  for (const LuAfxsPlane* p : planes) appendCsvPlane(text, *p, mask);
+  return text.finish();
 }
 
-void plyText(TextBuffer& out, const std::vector<const LuAfxsPlane*>& planes, uint32_t mask,
-             bool binary) {
+bool writePly(std::FILE* file, const std::vector<const LuAfxsPlane*>& planes, uint32_t mask,
+              bool binary) {
+  ChunkedText text(file);
   const PlyColumns columns = plyColumns(planes, mask);
-  append(out, plyHeader(columns, binary));
-  for (const LuAfxsPlane* p : planes) appendPlyPlane(out, *p, columns, binary);
+  append(text.buffer(), plyHeader(columns, binary));
+  for (const LuAfxsPlane* p : planes) appendPlyPlane(text, *p, columns, binary);
+  return text.finish();
 }
 
 bool writeJson(std::FILE* out, const std::string& file,

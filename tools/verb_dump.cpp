@@ -50,24 +50,14 @@ int runDump(const DumpArgs& args) {
     error(args.file, "no plane subset matches the chosen --plane/--subset");
     return kExitBad;
   }
-  if (format == "json")
-    return writeOutputWith(args.output, false,
-                           [&](std::FILE* out) { return writeJson(out, args.file, chosen, mask); })
-               ? kExitOk
-               : kExitBad;
-  TextBuffer text;
-  if (format == "xyz")
-    xyzText(text, chosen);
-  else if (format == "csv")
-    csvText(text, chosen, mask);
-  else
-    plyText(text, chosen, mask, format == "ply-binary");
-  return writeOutputWith(args.output, format == "ply-binary",
-                         [&text](std::FILE* out) {
-                           return std::fwrite(text.data(), 1, text.size(), out) == text.size();
-                         })
-             ? kExitOk
-             : kExitBad;
+  const bool binary = format == "ply-binary";
+  auto body = [&](std::FILE* out) {
+    if (format == "xyz") return writeXyz(out, chosen);
+    if (format == "csv") return writeCsv(out, chosen, mask);
+    if (format == "json") return writeJson(out, args.file, chosen, mask);
+    return writePly(out, chosen, mask, binary);
+  };
+  return writeOutputWith(args.output, binary, body) ? kExitOk : kExitBad;
 }
 
 }  // namespace luafxs
