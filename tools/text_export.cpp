@@ -1,6 +1,6 @@
 // The writers behind luafxs dump (see text_export.h). Each formats into a
-// buffer that goes out in chunks, through fmt's shortest round-trip form of a double (formats
-// compiled ahead: the same text fmt::format("{}") gives).
+// buffer that goes out in chunks. Doubles take fmt's shortest round-trip
+// form through formats compiled ahead: the same text fmt::format("{}") gives.
 #include "text_export.h"
 
 #include <algorithm>
