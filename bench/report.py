@@ -124,6 +124,14 @@ def main():
         floor = results.get(name.replace("BM_WriterFile", "BM_RawFwrite"))
         out.append(row(f"write ({planes} planes x 2 x {points} points, {mb:.0f} MB)", lib, floor,
                        "fwrite, record-sized chunks"))
+        moved = results.get(name.replace("BM_WriterFile", "BM_WriterFileMoveIn"))
+        if moved:
+            out.append(row("write, arrays handed over (setters taking vectors)", moved, floor,
+                           "fwrite, record-sized chunks"))
+        mib = results.get(name.replace("BM_WriterFile", "BM_RawFwrite1MiB"))
+        if moved and mib:
+            out.append(row("write, arrays handed over, against 1 MiB chunks", moved, mib,
+                           "fwrite, 1 MiB chunks"))
         copies = results.get(name.replace("BM_WriterFile", "BM_BufferOnly"))
         if copies:
             # The writer's time less what its set calls spend copying the

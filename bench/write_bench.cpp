@@ -13,6 +13,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <utility>
 #include <vector>
 
 #include <luAnaf/luAnaf.h>
@@ -48,6 +49,72 @@ void BM_WriterFile(benchmark::State& state) {
   fs::remove(file);
 }
 
+// The arrays of one record as a client holds them in its own vectors.
+struct ClientRecord {
+  std::vector<LuVec3> points, normals, resPoints;
+  std::vector<int32_t> segments;
+  std::vector<uint32_t> auxPos, auxCounts;
+  std::vector<double> distances;
+};
+
+// The same file as BM_WriterFile, from records the client has ready in its
+// own vectors (made before the timing, like the floor's ready bytes), handed
+// over with the setters that take vectors: no copy per set call.
+void BM_WriterFileMoveIn(benchmark::State& state) {
+  const uint32_t planes = static_cast<uint32_t>(state.range(0));
+  const PlaneInput in = makeInput(static_cast<size_t>(state.range(1)));
+  const fs::path file = benchDir("write") / "writer_move.afxs";
+  std::vector<ClientRecord> records(size_t{planes} * kSubsets);
+  uint64_t bytes = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    fs::remove(file);
+    for (ClientRecord& r : records) {
+      r.points = in.points;
+      r.normals = in.normals;
+      r.resPoints = in.resPoints;
+      r.segments.assign(in.segments.begin(), in.segments.end());
+      r.auxPos = in.auxPos;
+      r.auxCounts = in.auxCounts;
+      r.distances = in.distances;
+    }
+    state.ResumeTiming();
+    {
+      LuAfxsCreateLink link(file.wstring().c_str());
+      LuAfxsHeader header;
+      header.version = 1;
+      header.normal[2] = 1;
+      header.numPlanes = planes;
+      header.distBwPlanes = 0.5;
+      link.setHeader(header);
+      LuAfxsCamerasTable table;
+      table.cameras = {{1000, 0, 250}, {-1000, 0, 250}};
+      link.setCameras(table);
+      bool ok = link.create(true);
+      for (uint32_t plane = 0; plane < planes && ok; ++plane) {
+        for (uint32_t subset = 1; subset <= kSubsets && ok; ++subset) {
+          ClientRecord& r = records[plane * kSubsets + subset - 1];
+          LuAfxsCreateData data(link, plane, subset);
+          data.setPoints(std::move(r.points));
+          data.setNormals(std::move(r.normals));
+          data.setSegments(std::move(r.segments));
+          data.setAuxCtrlPos(std::move(r.auxPos), std::move(r.auxCounts));
+          data.setDistances(std::move(r.distances));
+          data.setResPoints(std::move(r.resPoints));
+          ok = data.flush();
+        }
+      }
+      link.closeFile(true);
+      link.release();
+      if (!ok || !link.isOK()) state.SkipWithError("the writer failed");
+    }
+    bytes = fs::file_size(file);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(bytes * state.iterations()));
+  state.counters["file_MB"] = static_cast<double>(bytes) / 1e6;
+  fs::remove(file);
+}
+
 // The same number of bytes, in chunks of one record's size, with plain stdio.
 void BM_RawFwrite(benchmark::State& state) {
   const uint32_t planes = static_cast<uint32_t>(state.range(0));
@@ -57,6 +124,26 @@ void BM_RawFwrite(benchmark::State& state) {
   fs::remove(reference);
   const std::vector<char> chunk(static_cast<size_t>(total / (uint64_t{planes} * kSubsets)), 'x');
   const fs::path file = benchDir("write") / "raw.bin";
+  for (auto _ : state) {
+    state.PauseTiming();
+    fs::remove(file);
+    state.ResumeTiming();
+    if (!fwriteInChunks(file, total, chunk)) state.SkipWithError("fwrite failed");
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(total * state.iterations()));
+  state.counters["file_MB"] = static_cast<double>(total) / 1e6;
+  fs::remove(file);
+}
+
+// The same number of bytes in 1 MiB chunks.
+void BM_RawFwrite1MiB(benchmark::State& state) {
+  const uint32_t planes = static_cast<uint32_t>(state.range(0));
+  const PlaneInput in = makeInput(static_cast<size_t>(state.range(1)));
+  const fs::path reference = benchDir("write") / "reference_1mib.afxs";
+  const uint64_t total = writeWithLink(reference, planes, in);
+  fs::remove(reference);
+  const std::vector<char> chunk(size_t{1} << 20, 'x');
+  const fs::path file = benchDir("write") / "raw_1mib.bin";
   for (auto _ : state) {
     state.PauseTiming();
     fs::remove(file);
@@ -95,7 +182,9 @@ void sizes(benchmark::internal::Benchmark* b) {
 }
 
 BENCHMARK(BM_WriterFile)->Apply(sizes);
+BENCHMARK(BM_WriterFileMoveIn)->Apply(sizes);
 BENCHMARK(BM_RawFwrite)->Apply(sizes);
+BENCHMARK(BM_RawFwrite1MiB)->Apply(sizes);
 BENCHMARK(BM_BufferOnly)->Apply(sizes);
 
 }  // namespace

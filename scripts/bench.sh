@@ -60,7 +60,9 @@ else
 fi
 
 run write_writer write_bench --benchmark_filter="BM_WriterFile/$write_size"
+run write_movein write_bench --benchmark_filter="BM_WriterFileMoveIn/$write_size"
 run write_raw write_bench --benchmark_filter="BM_RawFwrite/$write_size"
+run write_raw_1mib write_bench --benchmark_filter="BM_RawFwrite1MiB/$write_size"
 run write_copies write_bench --benchmark_filter="BM_BufferOnly/$write_size"
 run read read_bench
 run blend blend_bench --benchmark_filter='BM_Blend'

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -79,6 +80,10 @@ std::string describe(const LuAfxsOutputProblem& problem);
 // Writes text whole to path (a temporary beside it, renamed into place), or
 // to standard output when path is empty or "-".
 bool writeOutput(const std::string& path, const std::string& text, bool binary = false);
+// The same with the text written by writeBody into the open stream (false
+// when a write failed), so that a long output need never be held whole.
+bool writeOutputWith(const std::string& path, bool binary,
+                     const std::function<bool(std::FILE*)>& writeBody);
 // Renames a written temporary into place; prints why not.
 bool commitOutput(LuAfxsOutputFile& file, const std::string& shownPath);
 // Flushes standard output at the end; false, with one message, when any

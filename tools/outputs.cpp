@@ -54,8 +54,19 @@ bool commitOutput(LuAfxsOutputFile& file, const std::string& shownPath) {
 }
 
 bool writeOutput(const std::string& path, const std::string& text, bool binary) {
+  return writeOutputWith(path, binary, [&text](std::FILE* out) {
+    return std::fwrite(text.data(), 1, text.size(), out) == text.size();
+  });
+}
+
+bool writeOutputWith(const std::string& path, bool binary,
+                     const std::function<bool(std::FILE*)>& writeBody) {
   // A failed write to standard output is reported once, at the end.
-  if (isStandardOutput(path)) return writeStandardOutput(text);
+  if (isStandardOutput(path)) {
+    if (writeBody(stdout) && std::fflush(stdout) == 0) return true;
+    noteStandardOutputFailure(errno);
+    return false;
+  }
   LuAfxsOutputFile file(widen(path));
   if (!file.ok()) {
     error(path, describe(file.creationProblem()) + "; nothing was written");
@@ -66,8 +77,7 @@ bool writeOutput(const std::string& path, const std::string& text, bool binary) 
 #else
   std::FILE* out = std::fopen(narrow(file.tempPath()).c_str(), binary ? "wb" : "w");
 #endif
-  bool written = out != nullptr && std::fwrite(text.data(), 1, text.size(), out) == text.size() &&
-                 std::fflush(out) == 0;
+  bool written = out != nullptr && writeBody(out) && std::fflush(out) == 0;
   int errnum = errno;
   if (out != nullptr && std::fclose(out) != 0 && written) {
     written = false;

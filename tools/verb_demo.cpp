@@ -6,6 +6,7 @@
 #include <cmath>
 #include <filesystem>
 #include <random>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -93,14 +94,15 @@ uint64_t writeScan(const std::wstring& path, const Scan& scan, std::mt19937& ran
     }
     int segments[1] = {n};
     LuAfxsCreateData data(link, static_cast<uint32_t>(plane), scan.subset);
-    data.setPoints(reinterpret_cast<const double(*)[3]>(points.data()), points.size());
-    data.setNormals(reinterpret_cast<const double(*)[3]>(normals.data()), normals.size());
+    const size_t count = points.size();
+    data.setPoints(std::move(points));
+    data.setNormals(std::move(normals));
     data.setSegments(segments, 1);
-    data.setAuxCtrlPos(positions.data(), positions.size(), counts.data(), counts.size());
-    data.setResPoints(reinterpret_cast<const double(*)[3]>(results.data()), results.size());
-    data.setDistances(distances.data(), distances.size());
+    data.setAuxCtrlPos(std::move(positions), std::move(counts));
+    data.setResPoints(std::move(results));
+    data.setDistances(std::move(distances));
     if (!data.flush()) return 0;
-    total += points.size();
+    total += count;
   }
   link.release();
   link.closeFile(true);

@@ -47,6 +47,16 @@ void takeSpare(LuAfxsPlane& spare, LuAfxsPlane& plane) noexcept {
   forEachArray(plane, spare, [](auto& mine, auto& kept) noexcept { mine.swap(kept); });
 }
 
+// The caller's array becomes `mine`; the caller gets `mine`'s old one back,
+// emptied, with its room. False (nothing changes) for an empty array.
+template <typename T>
+bool takeArray(std::vector<T>& mine, std::vector<T>& theirs) noexcept {
+  if (theirs.empty()) return false;
+  mine.swap(theirs);
+  theirs.clear();
+  return true;
+}
+
 }  // namespace
 
 LuAfxsCreateData::LuAfxsCreateData(LuAfxsCreateLink& link, uint32_t planeId, uint32_t subsetId)
@@ -89,15 +99,27 @@ void LuAfxsCreateData::setAuxCtrlPos(const uint32_t* positions, size_t positionC
   // is read as the group's first position) must be a position: otherwise
   // the input is rejected before anything is read past its end.
   // The check runs first, so a refused input leaves the arrays as they were.
-  uint64_t start = 0;
-  for (size_t i = 0; i < groupCount; ++i) {
-    if (start >= positionCount) return;
-    start += counts[i];
-  }
-  if (start > positionCount) return;
+  if (!auxGroupsFit(counts, groupCount, positionCount)) return;
 
   m_plane.auxCtrlPos.assign(positions, positions + positionCount);
   m_plane.auxCtrlCounts.assign(counts, counts + groupCount);
+  deriveAuxGroups();
+}
+
+bool LuAfxsCreateData::auxGroupsFit(const uint32_t* counts, size_t groupCount,
+                                    size_t positionCount) {
+  uint64_t start = 0;
+  for (size_t i = 0; i < groupCount; ++i) {
+    if (start >= positionCount) return false;
+    start += counts[i];
+  }
+  return start <= positionCount;
+}
+
+void LuAfxsCreateData::deriveAuxGroups() {
+  const size_t groupCount = m_plane.auxCtrlCounts.size();
+  const uint32_t* positions = m_plane.auxCtrlPos.data();
+  const uint32_t* counts = m_plane.auxCtrlCounts.data();
   // Filled in place, so the spare arrays' room is reused.
   m_plane.auxCtrlOffsets.resize(groupCount);
   m_plane.auxCtrlFirst.resize(groupCount);
@@ -121,6 +143,35 @@ void LuAfxsCreateData::setDistances(const double* values, size_t count) {
   if (count == 0 || values == nullptr) return;
   m_plane.distances.assign(values, values + count);
   m_mask |= LU_AFXS_MASK_DISTANCES;
+}
+
+void LuAfxsCreateData::setPoints(std::vector<LuVec3>&& points) {
+  if (takeArray(m_plane.points, points)) m_mask |= LU_AFXS_MASK_POINTS;
+}
+
+void LuAfxsCreateData::setNormals(std::vector<LuVec3>&& normals) {
+  if (takeArray(m_plane.normals, normals)) m_mask |= LU_AFXS_MASK_NORMALS;
+}
+
+void LuAfxsCreateData::setSegments(std::vector<int32_t>&& segments) {
+  if (takeArray(m_plane.segments, segments)) m_mask |= LU_AFXS_MASK_SEGMENTS;
+}
+
+void LuAfxsCreateData::setAuxCtrlPos(std::vector<uint32_t>&& positions,
+                                     std::vector<uint32_t>&& counts) {
+  if (positions.empty() || counts.empty()) return;
+  if (!auxGroupsFit(counts.data(), counts.size(), positions.size())) return;
+  takeArray(m_plane.auxCtrlPos, positions);
+  takeArray(m_plane.auxCtrlCounts, counts);
+  deriveAuxGroups();
+}
+
+void LuAfxsCreateData::setResPoints(std::vector<LuVec3>&& points) {
+  if (takeArray(m_plane.resPoints, points)) m_mask |= LU_AFXS_MASK_RESPOINTS;
+}
+
+void LuAfxsCreateData::setDistances(std::vector<double>&& values) {
+  if (takeArray(m_plane.distances, values)) m_mask |= LU_AFXS_MASK_DISTANCES;
 }
 
 bool LuAfxsCreateData::flush() { return flushFrom(m_plane); }

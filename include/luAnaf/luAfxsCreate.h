@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <map>
 #include <string>
+#include <vector>
 
 #include <luAnaf/luAfxsBaseLink.h>
 #include <luAnaf/luAfxsRecords.h>
@@ -177,6 +178,19 @@ public:
   void setResPoints(const double (*points)[3], size_t count);
   void setDistances(const double* values, size_t count);
 
+  // The same, taking the caller's vector instead of copying it: the data
+  // object's own array is swapped with it and the argument comes back empty
+  // (keeping the room of an earlier record's array, so a client that refills
+  // it record after record reuses memory). An empty vector changes nothing;
+  // refused aux groups leave both arguments as they were. The arrays and
+  // mask bits are the same as the copying setters give.
+  void setPoints(std::vector<LuVec3>&& points);
+  void setNormals(std::vector<LuVec3>&& normals);
+  void setSegments(std::vector<int32_t>&& segments);
+  void setAuxCtrlPos(std::vector<uint32_t>&& positions, std::vector<uint32_t>&& counts);
+  void setResPoints(std::vector<LuVec3>&& points);
+  void setDistances(std::vector<double>&& values);
+
   // Writes the record. False when the link is not OK, nothing is set, or a
   // write failed (reported once, the link then turns not OK). Field blocks
   // that would end past 4 GiB are refused with 0xc41b0013 before the record
@@ -199,6 +213,12 @@ protected:
   // flush with the arrays (and plane and subset ids) of `plane` instead of
   // this object's own; flush() is flushFrom(plane()).
   bool flushFrom(const LuAfxsPlane& plane);
+  // Whether groups of these sizes lie inside positionCount positions, each
+  // starting at a position (the rule setAuxCtrlPos checks before it copies).
+  static bool auxGroupsFit(const uint32_t* counts, size_t groupCount, size_t positionCount);
+  // The aux offsets and firsts from the plane's aux positions and counts;
+  // sets the aux bit.
+  void deriveAuxGroups();
 
   LuAfxsPlane m_plane;
   uint32_t m_mask = 0;

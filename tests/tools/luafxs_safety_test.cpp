@@ -620,6 +620,21 @@ TEST_F(FullDiskTest, DumpLeavesThePreviousOutput) {
   EXPECT_EQ(snapshot(), before);
 }
 
+// Every format is written in chunks as it is formatted: a chunk that does
+// not fit ends the dump and leaves the previous output.
+TEST_F(FullDiskTest, DumpInEveryFormatLeavesThePreviousOutput) {
+  MOUNT_OR_SKIP("256k");
+  writeBig("a.afxs", 4, 5000, 1);
+  for (const char* format : {"xyz", "ply", "ply-binary", "json"}) {
+    writePrevious("mnt/out.txt");
+    auto before = snapshot();
+    Outcome r = run("dump " + q("a.afxs") + " --format " + format + " -o " + q("mnt/out.txt"));
+    EXPECT_EQ(r.code, 1) << format;
+    EXPECT_THAT(r.err, HasSubstr("No space left on device")) << format;
+    EXPECT_EQ(snapshot(), before) << format;
+  }
+}
+
 TEST_F(FullDiskTest, PlotLeavesThePreviousOutput) {
   MOUNT_OR_SKIP("256k");
   writeBig("a.afxs", 1, 5000, 1);
