@@ -43,7 +43,15 @@ size_t WindowSource::readAt(uint64_t at, void* data, size_t size) {
 
 HeaderStreamBuf::int_type HeaderStreamBuf::underflow() {
   if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
-  const size_t n = m_source.readAt(m_consumed, m_buffer, sizeof m_buffer);
+  if (m_ended) return traits_type::eof();
+  size_t n = m_source.readAt(m_consumed, m_buffer, sizeof m_buffer);
+  if (luio::kTextModeEndByte >= 0) {
+    const void* end = std::memchr(m_buffer, luio::kTextModeEndByte, n);
+    if (end != nullptr) {
+      n = static_cast<size_t>(static_cast<const char*>(end) - m_buffer);
+      m_ended = true;
+    }
+  }
   if (n == 0) return traits_type::eof();
   m_consumed += n;
   setg(m_buffer, m_buffer, m_buffer + n);

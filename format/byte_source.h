@@ -67,6 +67,8 @@ private:
 
 // A read-only stream buffer over a source from its first byte, so that the
 // header can be parsed as words; tellg() gives the offset of the next byte.
+// It reads as the reader's text-mode header stream does: where the platform's
+// text mode ends the input at a byte (Ctrl-Z on Windows), so does this.
 class HeaderStreamBuf final : public std::streambuf {
 public:
   explicit HeaderStreamBuf(ByteSource& source) : m_source(source) {
@@ -82,6 +84,7 @@ private:
   ByteSource& m_source;
   char m_buffer[16384];
   uint64_t m_consumed = 0;  // bytes of the source read into the buffer so far
+  bool m_ended = false;     // the text mode's end byte was met
 };
 
 }  // namespace afxs

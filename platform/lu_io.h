@@ -36,6 +36,15 @@ inline std::filesystem::path nativePath(const std::wstring& path) {
 #endif
 }
 
+// The byte at which a stream opened in text mode ends its input: Ctrl-Z
+// under the Windows C runtime's text mode, none elsewhere (-1). Code that
+// reads a file as bytes where the reader uses a text-mode stream stops there.
+#if defined(_WIN32)
+inline constexpr int kTextModeEndByte = 0x1A;
+#else
+inline constexpr int kTextModeEndByte = -1;
+#endif
+
 // Opens a regular file ("rb", "r+b" or "w+b") and takes its lock: shared
 // for "rb", exclusive otherwise (luio::FileLock), held until close. Never
 // waits: a FIFO, a device or a folder is refused at once (errno EINVAL or
