@@ -115,15 +115,17 @@ void BM_WriterFileMoveIn(benchmark::State& state) {
   fs::remove(file);
 }
 
-// The same number of bytes, in chunks of one record's size, with plain stdio.
-void BM_RawFwrite(benchmark::State& state) {
+// The same number of bytes as the writer's file, with plain stdio, in
+// chunks of `chunkSize` bytes (0: one record's size).
+void rawFwrite(benchmark::State& state, size_t chunkSize, const char* name) {
   const uint32_t planes = static_cast<uint32_t>(state.range(0));
   const PlaneInput in = makeInput(static_cast<size_t>(state.range(1)));
-  const fs::path reference = benchDir("write") / "reference.afxs";
+  const fs::path reference = benchDir("write") / (std::string(name) + ".afxs");
   const uint64_t total = writeWithLink(reference, planes, in);
   fs::remove(reference);
-  const std::vector<char> chunk(static_cast<size_t>(total / (uint64_t{planes} * kSubsets)), 'x');
-  const fs::path file = benchDir("write") / "raw.bin";
+  if (chunkSize == 0) chunkSize = static_cast<size_t>(total / (uint64_t{planes} * kSubsets));
+  const std::vector<char> chunk(chunkSize, 'x');
+  const fs::path file = benchDir("write") / (std::string(name) + ".bin");
   for (auto _ : state) {
     state.PauseTiming();
     fs::remove(file);
@@ -135,25 +137,11 @@ void BM_RawFwrite(benchmark::State& state) {
   fs::remove(file);
 }
 
-// The same number of bytes in 1 MiB chunks.
-void BM_RawFwrite1MiB(benchmark::State& state) {
-  const uint32_t planes = static_cast<uint32_t>(state.range(0));
-  const PlaneInput in = makeInput(static_cast<size_t>(state.range(1)));
-  const fs::path reference = benchDir("write") / "reference_1mib.afxs";
-  const uint64_t total = writeWithLink(reference, planes, in);
-  fs::remove(reference);
-  const std::vector<char> chunk(size_t{1} << 20, 'x');
-  const fs::path file = benchDir("write") / "raw_1mib.bin";
-  for (auto _ : state) {
-    state.PauseTiming();
-    fs::remove(file);
-    state.ResumeTiming();
-    if (!fwriteInChunks(file, total, chunk)) state.SkipWithError("fwrite failed");
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(total * state.iterations()));
-  state.counters["file_MB"] = static_cast<double>(total) / 1e6;
-  fs::remove(file);
-}
+// In chunks of one record's size.
+void BM_RawFwrite(benchmark::State& state) { rawFwrite(state, 0, "raw"); }
+
+// In 1 MiB chunks.
+void BM_RawFwrite1MiB(benchmark::State& state) { rawFwrite(state, size_t{1} << 20, "raw_1mib"); }
 
 // Only the copies into the data objects that the writer's interface makes
 // (each set call keeps its own copy), without any file: the part of the

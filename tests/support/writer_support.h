@@ -124,4 +124,19 @@ protected:
   }
 };
 
+// A writer test with a created link on "out.afxs", ready for data.
+class CreatedLinkTest : public WriterTest {
+protected:
+  void SetUp() override {
+    WriterTest::SetUp();
+    link = makeLink();
+    ASSERT_TRUE(link->create(false));
+  }
+  void TearDown() override {
+    link.reset();
+    WriterTest::TearDown();
+  }
+  std::unique_ptr<ProbeLink> link;
+};
+
 }  // namespace lutest

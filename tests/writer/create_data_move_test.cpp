@@ -9,19 +9,7 @@
 namespace lutest {
 namespace {
 
-class CreateDataMoveTest : public WriterTest {
-protected:
-  void SetUp() override {
-    WriterTest::SetUp();
-    link = makeLink();
-    ASSERT_TRUE(link->create(false));
-  }
-  void TearDown() override {
-    link.reset();
-    WriterTest::TearDown();
-  }
-  std::unique_ptr<ProbeLink> link;
-};
+class CreateDataMoveTest : public CreatedLinkTest {};
 
 void expectSamePlane(const LuAfxsPlane& a, const LuAfxsPlane& b) {
   auto same = [](const std::vector<LuVec3>& x, const std::vector<LuVec3>& y) {

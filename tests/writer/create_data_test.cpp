@@ -9,17 +9,8 @@
 namespace lutest {
 namespace {
 
-class CreateDataTest : public WriterTest {
+class CreateDataTest : public CreatedLinkTest {
 protected:
-  void SetUp() override {
-    WriterTest::SetUp();
-    link = makeLink();
-    ASSERT_TRUE(link->create(false));
-  }
-  void TearDown() override {
-    link.reset();
-    WriterTest::TearDown();
-  }
   // The one plane-subset record of the file.
   afxstest::Record onlySubsetRecord() {
     auto file = decode();
@@ -29,8 +20,6 @@ protected:
     ADD_FAILURE() << "no plane-subset record";
     return {};
   }
-
-  std::unique_ptr<ProbeLink> link;
 };
 
 TEST_F(CreateDataTest, NewDataHoldsItsIdsAndNoMask) {
