@@ -79,7 +79,8 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
     afxs::FailOnDamage reporter;
     afxs::SubsetChainBounds bounds(m_link->m_fileSize);  // over every plane's chain
     afxs::BodyBudget budget(m_link->m_fileSize);
-    for (const auto& [planeId, firstSubsetField] : m_link->m_planeIndex) {
+    for (const auto& entry : m_link->m_planeIndex) {
+      const uint32_t planeId = entry.first;
       FILE* f = m_link->getPlaneRecord(planeId);
       if (!f) afxs::fail();
       const uint32_t first = afxs::getU32(f);
