@@ -126,6 +126,12 @@ bool LuAfxsUserData::load(unsigned long mask) {
   }
 }
 
+void LuAfxsUserData::release() {
+  afxs::recycleArrays(m_plane);
+  m_state = 0;
+  m_loadedFields.clear();
+}
+
 // Walks the field blocks of one record from the stream's position up to the
 // end mark, whose kind must match. Intended: a block with a byte count of 0
 // is damage, whether it is loaded or stepped over.

@@ -132,6 +132,11 @@ public:
   // first call reads the record's field directory. False on damage or a
   // failed open; fields loaded before stay. Does not close the file.
   bool load(unsigned long mask);
+  // Frees the arrays of every loaded field (to the array cache when it is
+  // on) and marks them not loaded, so a later load reads them again; the
+  // field directory stays. Results attached and not flushed are dropped.
+  // Lets a client go through a large file one record at a time.
+  void release();
   // Attach results; a count of 0 changes nothing. Values set here are never
   // overwritten by a later load.
   void setDistances(const double* values, size_t count);
