@@ -31,7 +31,13 @@ namespace fs = std::filesystem;
 
 constexpr uint32_t kSubsets = 2;
 constexpr size_t kPoints = 5000;
-constexpr uint32_t kIndexRecords = 100000;
+// Records of the index file: 100,000, or LUANAF_READ_BENCH_INDEX_RECORDS
+// (an even number) to see how the index scales.
+uint32_t indexRecords() {
+  const char* env = std::getenv("LUANAF_READ_BENCH_INDEX_RECORDS");
+  if (env && std::atoi(env) > 1) return static_cast<uint32_t>(std::atoi(env)) / 2 * 2;
+  return 100000;
+}
 
 uint32_t planeCount() {
   const char* env = std::getenv("LUANAF_READ_BENCH_PLANES");
@@ -68,7 +74,7 @@ const fs::path& pointsFile() {
 
 const fs::path& indexFile() {
   static const fs::path file =
-      writtenOnce("index.afxs", kIndexRecords / 2, 2, 1, LU_AFXS_MASK_POINTS);
+      writtenOnce("index.afxs", indexRecords() / 2, 2, 1, LU_AFXS_MASK_POINTS);
   return file;
 }
 
@@ -182,9 +188,9 @@ void BM_OpenAndIndex(benchmark::State& state) {
   for (auto _ : state) {
     LuAfxsUserLink link(file.wstring().c_str());
     LuAfxsUserDataSet set(link);
-    if (!set.load(0) || set.size() != kIndexRecords) state.SkipWithError("index failed");
+    if (!set.load(0) || set.size() != indexRecords()) state.SkipWithError("index failed");
   }
-  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kIndexRecords);
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * indexRecords());
 }
 BENCHMARK(BM_OpenAndIndex)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -194,7 +200,7 @@ void BM_RawFreadIndexFile(benchmark::State& state) {
   const size_t size = fs::file_size(file);
   for (auto _ : state)
     if (!luanafbench::freadFresh(file, size)) state.SkipWithError("short read");
-  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kIndexRecords);
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * indexRecords());
 }
 BENCHMARK(BM_RawFreadIndexFile)->Unit(benchmark::kMillisecond)->UseRealTime();
 

@@ -17,13 +17,14 @@
 namespace {
 
 // Reads a block's data, whose byte count was checked, into a member array,
-// sized from the array cache. An array whose read fails is left empty, so
-// nothing stale from an earlier owner of its memory is ever seen.
-template <typename T>
-void readArray(FILE* stream, std::vector<T>& v, uint32_t count) {
+// sized from the array cache, with `read(data, size)` (which throws on a
+// short read). An array whose read fails is left empty, so nothing stale
+// from an earlier owner of its memory is ever seen.
+template <typename T, typename Read>
+void readArray(Read& read, std::vector<T>& v, uint32_t count) {
   afxs::sizeForOverwrite(v, count / sizeof(T));
   try {
-    afxs::getBytes(stream, v.data(), count);
+    read(v.data(), count);
   } catch (...) {
     v.clear();
     throw;
@@ -35,34 +36,56 @@ static_assert(sizeof(int32_t) == afxs::kIndexSize && sizeof(uint32_t) == afxs::k
 static_assert(sizeof(double) == afxs::kDistanceSize);
 
 // The body of one block to be read whose identifier and byte count have been
-// read and checked: reads the data into its member of `plane` (the results
-// link into `resultsOffset`).
-void readFieldBody(FILE* stream, uint32_t id, uint32_t count, LuAfxsPlane& plane,
+// read and checked: reads the data with `read` into its member of `plane`
+// (the results link into `resultsOffset`).
+template <typename Read>
+void readFieldBody(Read& read, uint32_t id, uint32_t count, LuAfxsPlane& plane,
                    uint32_t& resultsOffset) {
   switch (id) {
     case afxs::kFieldResultsLink:
-      resultsOffset = afxs::getU32(stream);
-      return;
+      return read(&resultsOffset, sizeof resultsOffset);
     case afxs::kFieldPoints:
-      return readArray(stream, plane.points, count);
+      return readArray(read, plane.points, count);
     case afxs::kFieldNormals:
-      return readArray(stream, plane.normals, count);
+      return readArray(read, plane.normals, count);
     case afxs::kFieldSegments:
-      return readArray(stream, plane.segments, count);
+      return readArray(read, plane.segments, count);
     case afxs::kFieldResPoints:
-      return readArray(stream, plane.resPoints, count);
+      return readArray(read, plane.resPoints, count);
     case afxs::kFieldDistances:
-      return readArray(stream, plane.distances, count);
+      return readArray(read, plane.distances, count);
     case afxs::kFieldAuxPos:
-      return readArray(stream, plane.auxCtrlPos, count);
+      return readArray(read, plane.auxCtrlPos, count);
     case afxs::kFieldAuxOffsets:
-      return readArray(stream, plane.auxCtrlOffsets, count);
+      return readArray(read, plane.auxCtrlOffsets, count);
     case afxs::kFieldAuxCounts:
-      return readArray(stream, plane.auxCtrlCounts, count);
+      return readArray(read, plane.auxCtrlCounts, count);
     default:
       afxs::fail();  // 3 (auxCtrlFirst) and unknown identifiers are never loaded
   }
 }
+
+// A stream read from where it stands onwards as a source of bytes: a read
+// at the position the stream reached is a plain read, one further on moves
+// the stream there first (as stepping over a block does).
+class StreamOnwards final : public afxs::ByteSource {
+public:
+  StreamOnwards(FILE* stream, uint64_t at) : m_stream(stream), m_at(at) {}
+  size_t readAt(uint64_t at, void* data, size_t size) override {
+    if (at != m_at) {
+      if (at < m_at || luio::seek(m_stream, static_cast<int64_t>(at - m_at), SEEK_CUR) != 0)
+        return 0;
+      m_at = at;
+    }
+    const size_t got = luio::read(data, 1, size, m_stream);
+    m_at += got;
+    return got;
+  }
+
+private:
+  FILE* m_stream;
+  uint64_t m_at;
+};
 
 // Checks the byte count of a block of a record of `kind` as a load of `mask`
 // does; false (after `reporter` threw) never returns.
@@ -97,16 +120,10 @@ bool LuAfxsUserData::load(unsigned long mask) {
       m_fileState = 0;
       m_state = 0;
       m_loadedFields.clear();
-      if (m_recordOffset != 0) {
-        FILE* f = m_link->openFile(m_recordOffset, false);
-        if (!f) afxs::fail();
-        loadRecordData(f, LU_AFXS_REC_PLANE_SUBSET, static_cast<long>(mask));
-      }
-      if (m_resultsOffset != 0) {
-        FILE* f = m_link->openFile(static_cast<long>(m_resultsOffset), false);
-        if (!f) afxs::fail();
-        loadRecordData(f, LU_AFXS_REC_RESULTS, static_cast<long>(mask));
-      }
+      if (m_recordOffset != 0)
+        loadRecordFrom(static_cast<long>(m_recordOffset), LU_AFXS_REC_PLANE_SUBSET, mask);
+      if (m_resultsOffset != 0)
+        loadRecordFrom(static_cast<long>(m_resultsOffset), LU_AFXS_REC_RESULTS, mask);
       m_recordLoaded = true;
       return true;
     }
@@ -126,17 +143,43 @@ bool LuAfxsUserData::load(unsigned long mask) {
   }
 }
 
+void LuAfxsUserData::release() {
+  afxs::recycleArrays(m_plane);
+  m_state = 0;
+  m_loadedFields.clear();
+}
+
+// Walks the record at `offset` from the data set's window while the set
+// walks the file, else from the link's stream.
+void LuAfxsUserData::loadRecordFrom(long offset, long kind, unsigned long mask) {
+  if (m_recordSource != nullptr) {
+    if (offset < 0) afxs::fail();
+    return loadRecordData(*m_recordSource, static_cast<uint64_t>(offset), kind,
+                          static_cast<long>(mask));
+  }
+  FILE* f = m_link->openFile(offset, false);
+  if (!f) afxs::fail();
+  loadRecordData(f, kind, static_cast<long>(mask));
+}
+
 // Walks the field blocks of one record from the stream's position up to the
-// end mark, whose kind must match. Intended: a block with a byte count of 0
-// is damage, whether it is loaded or stepped over.
+// end mark. The stream's position is asked once; each block's place follows
+// from the counts read.
 void LuAfxsUserData::loadRecordData(FILE* stream, long kind, long mask) {
+  const uint64_t at = static_cast<uint64_t>(afxs::position(stream));
+  StreamOnwards source(stream, at);
+  loadRecordData(source, at, kind, mask);
+}
+
+// Walks the field blocks of one record from `at` up to the end mark, whose
+// kind must match. Intended: a block with a byte count of 0 is damage,
+// whether it is loaded or stepped over. Each block's identifier and the
+// word behind it (its byte count, or the record kind behind the end mark)
+// come in one read.
+void LuAfxsUserData::loadRecordData(afxs::ByteSource& source, uint64_t at, long kind, long mask) {
   const uint64_t fileSize = m_link->m_fileSize;
-  // The stream's position is asked once; each block's place follows from
-  // the counts read. Each block's identifier and the word behind it (its
-  // byte count, or the record kind behind the end mark) come in one read.
-  uint64_t at = static_cast<uint64_t>(afxs::position(stream));
   uint32_t words[2] = {0, 0};
-  size_t got = luio::read(words, 1, sizeof words, stream);
+  size_t got = source.readAt(at, words, sizeof words);
   if (got < 4) afxs::fail();
   afxs::FailOnDamage reporter;
   while (words[0] != afxs::kEndMark) {
@@ -151,20 +194,22 @@ void LuAfxsUserData::loadRecordData(FILE* stream, long kind, long mask) {
     if (m_bodyBudget != nullptr && !m_bodyBudget->charge(count)) afxs::fail();
     const afxs::BlockUse use = checkedUse(static_cast<uint32_t>(kind), id, count, countAt,
                                           static_cast<uint32_t>(mask), fileSize);
+    const uint64_t dataAt = countAt + 4;
+    auto read = [&source, dataAt](void* data, size_t size) {
+      if (!source.readExactly(dataAt, data, size)) afxs::fail();
+    };
     if (use == afxs::BlockUse::ResultsLink) {
-      readFieldBody(stream, id, count, m_plane, m_resultsOffset);
+      readFieldBody(read, id, count, m_plane, m_resultsOffset);
     } else {
       m_fileState |= afxs::fieldMaskBit(id);  // 0 for identifiers the table lacks
       if (use == afxs::BlockUse::Read) {
-        readFieldBody(stream, id, count, m_plane, m_resultsOffset);
+        readFieldBody(read, id, count, m_plane, m_resultsOffset);
         m_state |= afxs::fieldMaskBit(id);
         m_loadedFields.insert(id);
-      } else {
-        afxs::seekBy(stream, count);
       }
     }
-    at = countAt + 4 + count;
-    got = luio::read(words, 1, sizeof words, stream);
+    at = dataAt + count;
+    got = source.readAt(at, words, sizeof words);
     if (got < 4) afxs::fail();
   }
   if (got < sizeof words) afxs::fail();
@@ -181,7 +226,8 @@ void LuAfxsUserData::loadFieldData(FILE* stream, long id) {
   // Only fields of the directory that the mask asks for come here.
   checkedUse(LU_AFXS_REC_PLANE_SUBSET, field, count, countWord, LU_AFXS_MASK_ALL,
              m_link->m_fileSize);
-  readFieldBody(stream, field, count, m_plane, m_resultsOffset);
+  auto read = [stream](void* data, size_t size) { afxs::getBytes(stream, data, size); };
+  readFieldBody(read, field, count, m_plane, m_resultsOffset);
 }
 
 void LuAfxsUserData::setDistances(const double* values, size_t count) {

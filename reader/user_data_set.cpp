@@ -2,6 +2,7 @@
 // as LuAfxsUserData objects, in the order the plane and subset chains lead
 // to them, and the removal of field groups by rewriting the file.
 #include <cerrno>
+#include <limits>
 #include <string>
 
 #include <luAnaf/luAfxsDataSet.h>
@@ -74,17 +75,41 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
   private:
     LuAfxsUserLink& m_link;
   };
+  // The same stream as the link reads it (a failed open or seek reported as
+  // such), for the records' bodies.
+  class LinkSource final : public afxs::ByteSource {
+  public:
+    explicit LinkSource(LuAfxsUserLink& link) : m_link(link) {}
+    size_t readAt(uint64_t at, void* data, size_t size) override {
+      if (at > static_cast<uint64_t>(std::numeric_limits<long>::max())) return 0;
+      FILE* f = m_link.openFile(static_cast<long>(at), false);
+      return f == nullptr ? 0 : luio::read(data, 1, size, f);
+    }
+
+  private:
+    LuAfxsUserLink& m_link;
+  };
   try {
-    StreamSource file(*m_link);
+    // An index (a load of no field data) reads the plane records' links,
+    // the subset heads and the records' field lists, all small reads,
+    // through two windows of the file: a read per window instead of a seek
+    // and a read per record. A load of arrays reads straight from the
+    // stream, where a window would add a seek per block.
+    const bool index = mask == 0;
+    StreamSource stream(*m_link);
+    afxs::WindowSource streamWindow(stream);
+    LinkSource link(*m_link);
+    afxs::WindowSource linkWindow(link);
+    afxs::ByteSource& heads = index ? static_cast<afxs::ByteSource&>(streamWindow) : stream;
+    afxs::ByteSource& records = index ? static_cast<afxs::ByteSource&>(linkWindow) : link;
     afxs::FailOnDamage reporter;
     afxs::SubsetChainBounds bounds(m_link->m_fileSize);  // over every plane's chain
     afxs::BodyBudget budget(m_link->m_fileSize);
     for (const auto& entry : m_link->m_planeIndex) {
       const uint32_t planeId = entry.first;
-      FILE* f = m_link->getPlaneRecord(planeId);
-      if (!f) afxs::fail();
-      const uint32_t first = afxs::getU32(f);
-      afxs::walkSubsetChain(file, first, bounds, reporter, [&](const afxs::SubsetHead& head) {
+      uint32_t first = 0;
+      if (!records.u32At(entry.second, first)) afxs::fail();
+      afxs::walkSubsetChain(heads, first, bounds, reporter, [&](const afxs::SubsetHead& head) {
         auto* data = new LuAfxsUserData(
             *m_link, static_cast<long>(head.offset) + afxs::kSubsetFirstFieldOffset, planeId,
             head.subsetId);
@@ -95,8 +120,10 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
           throw;
         }
         data->m_bodyBudget = &budget;
+        if (index) data->m_recordSource = &linkWindow;
         const bool loaded = data->load(mask);
         data->m_bodyBudget = nullptr;
+        data->m_recordSource = nullptr;
         if (!loaded) afxs::fail();
         return true;
       });

@@ -259,13 +259,15 @@ bool writePly(std::FILE* file, const std::vector<const LuAfxsPlane*>& planes, ui
   return text.finish();
 }
 
-bool writeJson(std::FILE* out, const std::string& file,
-               const std::vector<const LuAfxsPlane*>& planes, uint32_t mask) {
+bool writeJson(std::FILE* out, const std::string& file, size_t count,
+               const std::function<const LuAfxsPlane*(size_t)>& planeAt, uint32_t mask) {
   // One plane a line: readable, and still one JSON document.
   bool ok = put(out, fmt::format("{{\"file\": {}, \"fields\": {}, \"planes\": [",
                                  nlohmann::json(file).dump(), maskNameList(mask).dump()));
-  for (size_t i = 0; i < planes.size() && ok; ++i)
-    ok = put(out, (i == 0 ? "\n" : ",\n") + planeJson(*planes[i], mask).dump());
+  for (size_t i = 0; i < count && ok; ++i) {
+    const LuAfxsPlane* plane = planeAt(i);
+    ok = plane != nullptr && put(out, (i == 0 ? "\n" : ",\n") + planeJson(*plane, mask).dump());
+  }
   return ok && put(out, "\n]}\n");
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,10 +29,12 @@ bool writeCsv(std::FILE* file, const std::vector<const LuAfxsPlane*>& planes, ui
 // properties of the fields of mask that some plane holds.
 bool writePly(std::FILE* file, const std::vector<const LuAfxsPlane*>& planes, uint32_t mask,
               bool binary);
-// The JSON document of the planes, written to out one plane at a time (one
-// plane a line), so that no text of the whole file is ever held. False when
-// a write failed.
-bool writeJson(std::FILE* out, const std::string& file,
-               const std::vector<const LuAfxsPlane*>& planes, uint32_t mask);
+// The JSON document of `count` planes, written to out one plane at a time
+// (one plane a line), so that no text of the whole file is ever held. Plane
+// i is asked of planeAt just before it is written, so a caller can load each
+// record then and release it at the next call; a null plane ends the
+// document unfinished. False when a write failed or a plane was null.
+bool writeJson(std::FILE* out, const std::string& file, size_t count,
+               const std::function<const LuAfxsPlane*(size_t)>& planeAt, uint32_t mask);
 
 }  // namespace luafxs

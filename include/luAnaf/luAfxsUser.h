@@ -16,6 +16,7 @@ class LuAfxsUserData;
 class LuAfxsUserDataSet;
 namespace afxs {
 class BodyBudget;
+class ByteSource;
 }
 class LuAfxsCreateLink;
 
@@ -132,6 +133,11 @@ public:
   // first call reads the record's field directory. False on damage or a
   // failed open; fields loaded before stay. Does not close the file.
   bool load(unsigned long mask);
+  // Frees the arrays of every loaded field (to the array cache when it is
+  // on) and marks them not loaded, so a later load reads them again; the
+  // field directory stays. Results attached and not flushed are dropped.
+  // Lets a client go through a large file one record at a time.
+  void release();
   // Attach results; a count of 0 changes nothing. Values set here are never
   // overwritten by a later load.
   void setDistances(const double* values, size_t count);
@@ -153,7 +159,11 @@ protected:
   LuAfxsUserData(LuAfxsUserLink& link, long recordOffset, unsigned long planeId,
                  unsigned long subsetId);
   virtual ~LuAfxsUserData();
+  void loadRecordFrom(long offset, long kind, unsigned long mask);
   void loadRecordData(FILE* stream, long kind, long mask);
+  // The same walk of the record whose first block starts at `at`, read from
+  // `source`.
+  void loadRecordData(afxs::ByteSource& source, uint64_t at, long kind, long mask);
   void loadFieldData(FILE* stream, long id);
 
   LuAfxsPlane m_plane;
@@ -168,4 +178,7 @@ protected:
   // While a data set loads the file: the bytes of record bodies its load may
   // still walk (records overlapping each other cannot make it quadratic).
   afxs::BodyBudget* m_bodyBudget = nullptr;
+  // While a data set's first load walks the file: where the record is read
+  // from (the data set's window over the file); else the link's stream.
+  afxs::ByteSource* m_recordSource = nullptr;
 };

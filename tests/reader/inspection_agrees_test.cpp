@@ -39,9 +39,27 @@ protected:
     EXPECT_EQ(loadable, loads) << name << ": the inspection says "
                                << (loadable ? "loadable" : "not loadable") << ", the reader "
                                << (loads ? "loads it" : "fails");
+    expectIndexAgreement(bytes, name);
     ++m_files;
     if (loads) ++m_loadable;
     capture().clear();
+  }
+
+  // An index (a load of no field, read through the data set's windows)
+  // decides like a load whose mask names no field (read from the stream).
+  void expectIndexAgreement(const std::vector<uint8_t>& bytes, const std::string& name) {
+    const fs::path file = path("case.afxs");
+    bool verdicts[2] = {false, false};
+    const unsigned long masks[2] = {0, 64};
+    for (int i = 0; i < 2; ++i) {
+      writeBytes(file, bytes);
+      LuAfxsUserLink link(file.wstring().c_str());
+      LuAfxsUserDataSet set(link);
+      verdicts[i] = set.load(masks[i]);
+    }
+    EXPECT_EQ(verdicts[0], verdicts[1])
+        << name << ": the index " << (verdicts[0] ? "loads" : "fails") << ", the stream walk "
+        << (verdicts[1] ? "loads" : "fails");
   }
 
   static std::vector<fs::path> filesUnder(const fs::path& folder) {

@@ -84,6 +84,27 @@ TEST_F(UserDataTest, LoadOfZeroReadsOnlyDirectoryResultsLinkAndFileState) {
   EXPECT_EQ(ProbeUserData::resultsOffsetOf(d), 0u);
 }
 
+TEST_F(UserDataTest, ReleaseFreesTheFieldsAndALaterLoadReadsThemAgain) {
+  LuAfxsUserLink link(writeOne(1 | 2 | 4).c_str());
+  ProbeDataSet set(link);
+  ASSERT_TRUE(set.load(1 | 4));
+  LuAfxsUserData& d = first(set);
+  d.release();
+  EXPECT_EQ(d.state(), 0u);
+  EXPECT_EQ(d.fileState(), 7u);
+  EXPECT_EQ(d.getPlaneData().points.capacity(), 0u);
+  EXPECT_EQ(d.getPlaneData().normals.capacity(), 0u);
+  ASSERT_TRUE(d.load(1 | 4));
+  EXPECT_EQ(d.state(), 5u);
+  ASSERT_EQ(d.getPlaneData().points.size(), m_plane.points.size());
+  EXPECT_EQ(d.getPlaneData().points[3].z, m_plane.points[3].z);
+  ASSERT_EQ(d.getPlaneData().normals.size(), m_plane.normals.size());
+  EXPECT_EQ(d.getPlaneData().normals[5].y, m_plane.normals[5].y);
+  EXPECT_EQ(d.getPlaneData().planeId, 3u);
+  EXPECT_EQ(d.getPlaneData().subsetId, 1u);
+  set.closefile();
+}
+
 TEST_F(UserDataTest, EmptySegmentsBlockFailsEvenALoadOfPoints) {
   std::wstring file = buildOne({pointsBlock(0, kTwoPoints), i32Block(2, {})});
   LuAfxsUserLink link(file.c_str());
