@@ -14,11 +14,12 @@ mkdir -p "$logs"
 # The test-side bulk loops (a thousand random files, every truncation offset)
 # run at a reduced count under valgrind; the sanitizer build runs them in full.
 export LUANAF_TEST_QUICK=1
+export SUPPRESSIONS="$here/scripts/valgrind.supp"
 run_one() {
   local exe="$1" logs="$2" name
   name="$(basename "$exe")"
   if valgrind --tool=memcheck --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite,indirect \
-      --track-origins=no --soname-synonyms=somalloc=nouserintercepts --quiet "$exe" --gtest_brief=1 >"$logs/$name.log" 2>&1; then
+      --track-origins=no --soname-synonyms=somalloc=nouserintercepts --suppressions="$SUPPRESSIONS" --quiet "$exe" --gtest_brief=1 >"$logs/$name.log" 2>&1; then
     echo "valgrind clean: $name"
   else
     echo "VALGRIND FAILED: $name"; tail -n 40 "$logs/$name.log"; return 1
