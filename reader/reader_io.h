@@ -3,10 +3,15 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <utility>
 
+#include "format/byte_source.h"
 #include "format/coding.h"
 #include "format/io_error.h"
 #include "format/visited_offsets.h"
+#include "platform/lu_io.h"
 
 namespace afxs {
 
@@ -23,5 +28,22 @@ inline void requireInFile(uint64_t at, uint64_t count, uint64_t fileSize) {
 inline bool alreadyAt(FILE* f, int64_t offset, bool readOnly) {
   return readOnly && luio::tell(f) == offset;
 }
+
+// The link's stream as a source of bytes: `open(at)` gives the stream
+// positioned at `at` (reporting a failed open or seek itself) or null, and
+// the read then comes up short.
+template <class Open>
+class LinkStreamSource final : public ByteSource {
+public:
+  explicit LinkStreamSource(Open open) : m_open(std::move(open)) {}
+  size_t readAt(uint64_t at, void* data, size_t size) override {
+    if (at > static_cast<uint64_t>(std::numeric_limits<long>::max())) return 0;
+    FILE* f = m_open(static_cast<long>(at));
+    return f == nullptr ? 0 : luio::read(data, 1, size, f);
+  }
+
+private:
+  Open m_open;
+};
 
 }  // namespace afxs

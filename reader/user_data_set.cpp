@@ -75,20 +75,6 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
   private:
     LuAfxsUserLink& m_link;
   };
-  // The same stream as the link reads it (a failed open or seek reported as
-  // such), for the records' bodies.
-  class LinkSource final : public afxs::ByteSource {
-  public:
-    explicit LinkSource(LuAfxsUserLink& link) : m_link(link) {}
-    size_t readAt(uint64_t at, void* data, size_t size) override {
-      if (at > static_cast<uint64_t>(std::numeric_limits<long>::max())) return 0;
-      FILE* f = m_link.openFile(static_cast<long>(at), false);
-      return f == nullptr ? 0 : luio::read(data, 1, size, f);
-    }
-
-  private:
-    LuAfxsUserLink& m_link;
-  };
   try {
     // An index (a load of no field data) reads the plane records' links,
     // the subset heads and the records' field lists, all small reads,
@@ -98,7 +84,8 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
     const bool index = mask == 0;
     StreamSource stream(*m_link);
     afxs::WindowSource streamWindow(stream);
-    LinkSource link(*m_link);
+    LuAfxsUserLink& owner = *m_link;
+    afxs::LinkStreamSource link([&owner](long at) { return owner.openFile(at, false); });
     afxs::WindowSource linkWindow(link);
     afxs::ByteSource& heads = index ? static_cast<afxs::ByteSource&>(streamWindow) : stream;
     afxs::ByteSource& records = index ? static_cast<afxs::ByteSource&>(linkWindow) : link;

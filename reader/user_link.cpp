@@ -169,24 +169,10 @@ bool LuAfxsUserLink::scanRecords() {
   m_fileExists = true;
   luio::FileStatus st;
   m_fileSize = luio::status(m_filePath, st) ? st.size : 0;
-  // The link's stream as a source of bytes: openFile reports a failed open
-  // or seek, and the read then comes up short.
-  class LinkSource final : public afxs::ByteSource {
-  public:
-    explicit LinkSource(LuAfxsUserLink& link) : m_link(link) {}
-    size_t readAt(uint64_t at, void* data, size_t size) override {
-      if (at > static_cast<uint64_t>(std::numeric_limits<long>::max())) return 0;
-      FILE* f = m_link.openFile(static_cast<long>(at), false);
-      return f == nullptr ? 0 : luio::read(data, 1, size, f);
-    }
-
-  private:
-    LuAfxsUserLink& m_link;
-  };
   try {
     // The chain's small reads are served from one window of the file, so a
     // scan costs a seek and a read per window instead of per record.
-    LinkSource file(*this);
+    afxs::LinkStreamSource file([this](long at) { return openFile(at, false); });
     afxs::WindowSource window(file);
     afxs::FailOnDamage reporter;
     uint32_t lastNextField = 0;
