@@ -280,6 +280,16 @@ bool LuAfxsUserData::flush() {
   return true;
 }
 
+bool LuAfxsUserData::hasUnflushedResults() const {
+  return m_recordLoaded && m_resultsOffset == 0 &&
+         (m_state & (LU_AFXS_MASK_RESPOINTS | LU_AFXS_MASK_DISTANCES)) != 0;
+}
+
+uint32_t LuAfxsUserData::resultsLinkBlock() const {
+  auto link = m_fieldDirectory.find(afxs::kFieldResultsLink);
+  return link == m_fieldDirectory.end() ? 0 : link->second;
+}
+
 // Result points and distances (bits 16 and 32) are deliberately never copied:
 // a rewritten file carries none.
 bool LuAfxsUserData::copy(LuAfxsCreateLink& link, unsigned long mask) {

@@ -194,6 +194,25 @@ LuAfxsUserDataSet::iterator LuAfxsUserDataSet::find(unsigned long planeId, unsig
   return m_dataList.end();
 }
 
+bool LuAfxsUserDataSet::flushResults() {
+  LuAfxsUserLink::ResultsMark mark = m_link->resultsMark();
+  std::vector<LuAfxsUserData*> flushed;
+  for (LuAfxsUserData* data : m_dataList) {
+    if (!data->hasUnflushedResults()) continue;
+    const uint32_t linkBlock = data->resultsLinkBlock();
+    if (linkBlock != 0 && data->flush()) {
+      mark.linkBlocks.push_back(linkBlock);
+      flushed.push_back(data);
+      continue;
+    }
+    // Taken back, the records are as before: results in memory, none in the file.
+    if (m_link->takeBackResults(mark))
+      for (LuAfxsUserData* done : flushed) done->m_resultsOffset = 0;
+    return false;
+  }
+  return true;
+}
+
 void LuAfxsUserDataSet::closefile() { m_link->closeFile(true); }
 
 void LuAfxsUserDataSet::clear(bool keepOpen) {

@@ -383,10 +383,46 @@ bool LuAfxsUserLink::appendLinkedRecord(luafxs_records_en kind,
     const uint32_t noNext = 0;
     if (restored && chainTouched)
       restored = luio::writeAt(f, m_lastNextField, &noNext, sizeof noNext) == 0;
-    if (restored) luio::truncate(f, static_cast<int64_t>(before.size));
+    if (restored) restored = luio::truncate(f, static_cast<int64_t>(before.size)) == 0;
+    // Put back, the file is this link's own again (its time moved on).
+    if (restored) rememberFile(f);
     luio::relock(f, luio::LockMode::Shared);
     return false;
   }
+}
+
+LuAfxsUserLink::ResultsMark LuAfxsUserLink::resultsMark() const {
+  ResultsMark mark;
+  mark.lastNextField = m_lastNextField;
+  mark.fileSize = m_fileSize;
+  mark.seenSize = m_seenSize;
+  return mark;
+}
+
+bool LuAfxsUserLink::takeBackResults(const ResultsMark& mark) {
+  if (mark.linkBlocks.empty()) return true;
+  if (!m_fileExists || mark.lastNextField == 0) return false;
+  FILE* f = openFile(0, true);  // exclusive, as for the appends
+  luio::FileStatus now;
+  if (f == nullptr || !luio::status(f, now) || !fileIsAsSeen(nullptr) ||
+      !luio::sameState(now, seenState(m_seenDevice, m_seenIndex, m_seenSize, m_seenModified))) {
+    if (f != nullptr) luio::relock(f, luio::LockMode::Shared);
+    return false;
+  }
+  bool restored = true;
+  for (auto at = mark.linkBlocks.rbegin(); restored && at != mark.linkBlocks.rend(); ++at)
+    restored = luio::writeAt(f, *at, kNoResultsBlock, sizeof kNoResultsBlock) == 0;
+  const uint32_t noNext = 0;
+  if (restored) restored = luio::writeAt(f, mark.lastNextField, &noNext, sizeof noNext) == 0;
+  if (restored) {
+    m_lastNextField = mark.lastNextField;  // nothing leads past it any more
+    restored = luio::truncate(f, static_cast<int64_t>(mark.seenSize)) == 0;
+  }
+  if (restored) m_fileSize = mark.fileSize;
+  rememberFile(f);
+  m_fileModified = true;
+  luio::relock(f, luio::LockMode::Shared);
+  return restored;
 }
 
 bool LuAfxsUserLink::fileIsAsSeen(FILE* file) const {

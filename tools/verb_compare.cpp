@@ -58,7 +58,8 @@ Comparison compareFiles(const LoadedFile& measured, const LoadedFile& nominal) {
   return c;
 }
 
-// Appends the results to the measured file through its own records.
+// Appends the results to the measured file through its own records, all
+// or nothing: a failed append takes back the ones before it.
 bool appendResults(LoadedFile& measured, const Comparison& c) {
   if (!measured.link->verify(false) || !measured.link->fileWritable()) {
     error(measured.path, "is read-only; give -o OUT.afxs to write the results into a new file");
@@ -72,20 +73,29 @@ bool appendResults(LoadedFile& measured, const Comparison& c) {
       return false;
     }
   size_t i = 0;
+  size_t due = 0;
   for (LuAfxsUserData* data : *measured.set) {
     const LuAfxsPlaneDeviation& dev = c.deviations[i++];
     if (dev.count == 0) continue;
     data->setResPoints(reinterpret_cast<const double(*)[3]>(dev.resultPoints.data()),
                        dev.resultPoints.size());
     data->setDistances(dev.distances.data(), dev.distances.size());
-    if (!data->flush()) {
-      error(measured.path, fmt::format("the results of plane {} subset {} could not be appended",
-                                       dev.planeId, dev.subsetId));
-      return false;
-    }
+    ++due;
   }
+  const bool appended = measured.set->flushResults();
   measured.set->closefile();
-  return true;
+  if (appended) return true;
+  size_t pending = 0;
+  for (LuAfxsUserData* data : *measured.set)
+    if (data->hasUnflushedResults()) ++pending;
+  if (pending == due)
+    error(measured.path, "the results could not be appended; the file is as it was");
+  else
+    error(measured.path, fmt::format("the results could not be appended; {} of {} records hold "
+                                     "them now (the file was changed meanwhile, or could not be "
+                                     "put back)",
+                                     due - pending, due));
+  return false;
 }
 
 bool writeCopy(const std::wstring& path, LoadedFile& measured, const Comparison& c) {

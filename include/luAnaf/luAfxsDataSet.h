@@ -48,6 +48,19 @@ public:
   // file may stay); so does a cameras record that cannot be read, which the
   // rewrite would otherwise drop.
   bool remove(unsigned long mask);
+  // Appends the results (result points, distances) of every record given
+  // new ones with setResPoints / setDistances, all or nothing: each record
+  // goes out as LuAfxsUserData::flush writes it, and when one append fails
+  // (a full disk, a write error) the appends before it are taken back, the
+  // file is as it was before the call, and false is returned; the records
+  // keep their results in memory (hasUnflushedResults), so a later call can
+  // try again. Only when the file was changed by another process meanwhile,
+  // or a write of the taking back fails too, do the appends made so far
+  // stay (each complete; those records no longer report unflushed results).
+  // Records without new results are left alone; true when every append
+  // reached the system (or none was due). A process killed during the call
+  // leaves a whole file, with results on the records appended so far.
+  bool flushResults();
   // The first record of the plane and subset, or end().
   iterator find(unsigned long planeId, unsigned long subsetId);
   size_t size() const { return m_dataList.size(); }

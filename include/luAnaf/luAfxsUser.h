@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <luAnaf/luAfxsBaseLink.h>
 #include <luAnaf/luAfxsRecords.h>
@@ -17,7 +18,7 @@ class LuAfxsUserDataSet;
 namespace afxs {
 class BodyBudget;
 class ByteSource;
-}
+}  // namespace afxs
 class LuAfxsCreateLink;
 
 // A handle on one existing file. Construction only stores the path; all file
@@ -88,6 +89,22 @@ protected:
   bool appendLinkedRecord(luafxs_records_en kind,
                           const std::function<void(FILE*, uint32_t)>& writeBody,
                           uint32_t linkBlockAt);
+  // Where the file stood before a run of results appends: what
+  // takeBackResults needs to undo every append of the run.
+  struct ResultsMark {
+    uint32_t lastNextField = 0;
+    uint64_t fileSize = 0;
+    uint64_t seenSize = 0;
+    std::vector<uint32_t> linkBlocks;  // of the records given results, in order
+  };
+  ResultsMark resultsMark() const;
+  // Undoes the results appends since `mark` (whose linkBlocks name them), in
+  // an order that cannot leave a link to a missing record: each link block
+  // goes back to "no results" (last first), the chain ends where it ended,
+  // and only then are the appended bytes cut off. Refused, and false, when
+  // the file changed since this link last wrote it; false when a write
+  // fails (the file then still holds some of the results, each complete).
+  bool takeBackResults(const ResultsMark& mark);
   // Whether the file (the open stream's, and the one at the path) is the
   // one this link read or last wrote: same device and index, same size and
   // modification time to the nanosecond where the platform keeps them.
@@ -146,6 +163,9 @@ public:
   // and links it from this record, once per record. False when the record
   // already has results, nothing is attached, or a write failed.
   bool flush();
+  // Whether results are attached and not yet in the file (what flush, or
+  // the data set's flushResults, would append).
+  bool hasUnflushedResults() const;
   // Writes this record's points, segments, normals and aux groups (those in
   // mask) as a new record through a writer link. Result points and distances
   // are never copied.
@@ -165,6 +185,8 @@ protected:
   // `source`.
   void loadRecordData(afxs::ByteSource& source, uint64_t at, long kind, long mask);
   void loadFieldData(FILE* stream, long id);
+  // The offset of this record's results link block (0 when it has none).
+  uint32_t resultsLinkBlock() const;
 
   LuAfxsPlane m_plane;
   LuAfxsUserLink* m_link;

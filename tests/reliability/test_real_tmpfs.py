@@ -197,3 +197,38 @@ def test_python_write_at_every_fill_level(tmpfs, tmp_path):
         return only_files(tmpfs.path, []) or "failed as before"
 
     assert_sweep(*sweep(tmpfs, prepare, python_write, judge))
+
+
+def test_tool_compare_in_place_at_every_fill_level(tmpfs, tmp_path):
+    source = write_sample(tmp_path / "source.afxs", 8, 120)
+    nominal = write_sample(tmp_path / "nominal.afxs", 8, 90)
+    original = source.read_bytes()
+    reference = tmp_path / "reference.afxs"
+    shutil.copyfile(source, reference)
+    assert luafxs("compare", reference, nominal).returncode == 0
+    after = digest(reference)
+    target = tmpfs.path / "scan.afxs"
+
+    def prepare():
+        shutil.copyfile(source, target)
+
+    def compare_in_place():
+        return luafxs("compare", target, nominal)
+
+    def judge(done):
+        stray = only_files(tmpfs.path, ["scan.afxs"])
+        if done.returncode == 0:
+            if digest(target) != after or not validates(target):
+                return "compare reported success, the results are not all in the file"
+            return stray or "succeeded complete"
+        # All or nothing: a failed comparison leaves the very bytes it found.
+        if target.read_bytes() != original:
+            return "compare failed (exit %d) and the file changed: %s" % (
+                done.returncode,
+                done.stderr.strip().splitlines()[-1:],
+            )
+        if "the file is as it was" not in done.stderr:
+            return "compare failed without saying the file is as it was: %s" % done.stderr.strip()
+        return stray or "failed as before"
+
+    assert_sweep(*sweep(tmpfs, prepare, compare_in_place, judge))
