@@ -48,8 +48,10 @@ rewrites a file (:func:`write`, :func:`unify`, :func:`remove_fields`):
   gives the output's name a new file: other hard links to the old one keep
   the old contents.
 
-Appending results (:meth:`Subset.flush`) writes into the open file itself, as
-the library does; it refuses a read-only file and checks the lengths first.
+Appending results (:meth:`Subset.flush`, one subset; :meth:`File.flush_results`,
+every subset with new results, all or nothing) writes into the open file
+itself, as the library does; it refuses a read-only file and checks the
+lengths first.
 
 Beside this surface, the library's own classes are available under their C++
 names (LuAfxsCreateLink, LuAfxsCreateData, LuAfxsUserLink, LuAfxsUserDataSet,
@@ -467,6 +469,19 @@ class File:
 
     def __len__(self):
         return len(self._f)
+
+    def flush_results(self):
+        """Appends the results attached with :meth:`Subset.set_results` to
+        every subset that has new ones, all or nothing.
+
+        When one subset's append fails (a full disk, a write error) the ones
+        before it are taken back and the file has exactly its old bytes;
+        the results stay attached, so a later call can try again. Raises
+        Error (:class:`PermissionError` for a read-only file); only when
+        another process changed the file meanwhile, or putting it back failed
+        too, do some subsets keep their (complete) results, and the message
+        says how many. Subsets without new results are left alone."""
+        self._f.flush_results()
 
     def __getitem__(self, index):
         if isinstance(index, _builtins.slice):

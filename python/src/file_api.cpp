@@ -188,6 +188,29 @@ public:
     raiseError(what, m_path, cap.reports);
   }
 
+  // Every record's attached results at once, all or nothing.
+  void flushResults() {
+    requireOpen();
+    if (!m_link->fileWritable()) raiseError("the file is read-only", m_path, {}, EACCES);
+    std::vector<bool> pending(m_records.size());
+    for (size_t i = 0; i < m_records.size(); ++i) pending[i] = m_records[i]->hasUnflushedResults();
+    Capture cap;
+    const bool flushed = m_set->flushResults();
+    size_t written = 0;
+    for (size_t i = 0; i < m_records.size(); ++i) {
+      if (!pending[i] || m_records[i]->hasUnflushedResults()) continue;
+      m_flushed[i] = true;
+      ++written;
+    }
+    if (flushed) return;
+    if (written == 0)
+      raiseError("cannot write the results; the file is as it was", m_path, cap.reports);
+    raiseError("cannot write the results; " + std::to_string(written) +
+                   " records hold them now (the file was changed meanwhile, or could not be put "
+                   "back)",
+               m_path, cap.reports);
+  }
+
   py::ssize_t find(uint32_t planeId, uint32_t subsetId) const {
     for (size_t i = 0; i < m_records.size(); ++i) {
       const LuAfxsPlane& p = m_records[i]->getPlaneData();
@@ -533,6 +556,7 @@ void bindFileApi(py::module_& m) {
       .def("set_results", &PyFile::setResults, py::arg("index"), py::arg("res_points"),
            py::arg("distances"))
       .def("flush", &PyFile::flush, py::arg("index"))
+      .def("flush_results", &PyFile::flushResults)
       .def("find", &PyFile::find, py::arg("plane_id"), py::arg("subset_id"));
 
   m.def("write", &writeFile, py::arg("path"), py::arg("header"), py::arg("planes"),

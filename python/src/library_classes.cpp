@@ -297,6 +297,7 @@ void bindLibraryClasses(py::module_& m) {
             }
           },
           py::arg("link"), py::arg("mask"))
+      .def("hasUnflushedResults", &LuAfxsUserData::hasUnflushedResults)
       .def("state", &LuAfxsUserData::state)
       .def("fileState", &LuAfxsUserData::fileState)
       .def(
@@ -353,6 +354,17 @@ void bindLibraryClasses(py::module_& m) {
                                                                                   s.end());
           },
           py::keep_alive<0, 1>())
+      .def(
+          "flushResults",
+          [](LuAfxsUserDataSet& s) {
+            for (LuAfxsUserData* d : s)
+              if (d->hasUnflushedResults()) checkResultsAgainstPoints(*d);
+            Capture cap;
+            if (!s.flushResults()) raiseError("writing results", linkPath(s), cap.reports);
+          },
+          "Appends the attached results of every record, all or nothing; raises luanaf.Error "
+          "when a write failed (the file is then as it was) and luanaf.DataError when results "
+          "are not one per point.")
       .def("closefile", &LuAfxsUserDataSet::closefile)
       .def("link", &LuAfxsUserDataSet::link, py::return_value_policy::reference_internal);
 

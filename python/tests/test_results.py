@@ -111,3 +111,46 @@ def test_flush_after_close_raises(plain_file):
     f.close()
     with pytest.raises(ValueError, match="closed"):
         f[0].flush()
+
+
+def test_flush_results_writes_every_subset_with_new_results(plain_file):
+    with luanaf.open(plain_file) as f:
+        f[0].set_results(res_points=RES, distances=DIST)
+        f[1].set_results(distances=DIST * 2)
+        f.flush_results()
+        f.flush_results()  # nothing new: nothing to do
+        with pytest.raises(luanaf.Error, match="already has results"):
+            f[0].flush()
+    with luanaf.open(plain_file) as f:
+        assert f[0].file_state == 3 | 48
+        assert f[1].file_state == 3 | 32
+        np.testing.assert_array_equal(f[0].res_points, RES)
+        np.testing.assert_array_equal(f[1].distances, DIST * 2)
+
+
+def test_flush_results_refuses_a_read_only_file(plain_file):
+    set_read_only(plain_file)
+    before = plain_file.read_bytes()
+    try:
+        with luanaf.open(plain_file) as f:
+            f[0].set_results(distances=DIST)
+            with pytest.raises(PermissionError):
+                f.flush_results()
+        assert plain_file.read_bytes() == before
+    finally:
+        restore_writable(plain_file)
+
+
+def test_library_set_flush_results_is_all_or_nothing_per_call(plain_file):
+    link = luanaf.LuAfxsUserLink(str(plain_file))
+    data_set = luanaf.LuAfxsUserDataSet(link)
+    data_set.load(3)
+    records = list(data_set)
+    records[0].setDistances(DIST)
+    records[1].setDistances(DIST)
+    assert records[0].hasUnflushedResults() and records[1].hasUnflushedResults()
+    data_set.flushResults()
+    assert not records[0].hasUnflushedResults() and not records[1].hasUnflushedResults()
+    data_set.closefile()
+    with luanaf.open(plain_file) as f:
+        np.testing.assert_array_equal(f[1].distances, DIST)
