@@ -64,11 +64,12 @@ def write_sections(folder, sections, planes, points):
 
 def timed(command):
     """Wall-clock seconds of the run, and of its work alone when it says so
-    (the Dask example: the time after its cluster was up)."""
+    (the Dask example: the time after its cluster was up and its workers had
+    imported the module)."""
     started = time.perf_counter()
     run = subprocess.run(command, check=True, capture_output=True, text=True)
     wall = time.perf_counter() - started
-    work = re.search(r"\(([0-9.]+) s after the cluster was up\)", run.stdout)
+    work = re.search(r"\(([0-9.]+) s of work once the cluster was up and warm\)", run.stdout)
     return wall, float(work.group(1)) if work else wall
 
 
