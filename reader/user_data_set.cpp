@@ -3,6 +3,8 @@
 // to them, and the removal of field groups by rewriting the file.
 #include <cerrno>
 #include <limits>
+#include <memory>
+#include <new>
 #include <string>
 
 #include <luAnaf/luAfxsDataSet.h>
@@ -15,6 +17,7 @@
 #include "format/io_error.h"
 #include "platform/lu_io.h"
 #include "reader/reader_io.h"
+#include "reader/record_arena.h"
 
 namespace {
 
@@ -97,15 +100,8 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
       uint32_t first = 0;
       if (!records.u32At(entry.second, first)) afxs::fail();
       afxs::walkSubsetChain(heads, first, bounds, reporter, [&](const afxs::SubsetHead& head) {
-        auto* data = new LuAfxsUserData(
-            *m_link, static_cast<long>(head.offset) + afxs::kSubsetFirstFieldOffset, planeId,
-            head.subsetId);
-        try {
-          push_back(data);
-        } catch (...) {
-          delete data;
-          throw;
-        }
+        LuAfxsUserData* data = newRecord(
+            static_cast<long>(head.offset) + afxs::kSubsetFirstFieldOffset, planeId, head.subsetId);
         data->m_bodyBudget = &budget;
         if (index) data->m_recordSource = &linkWindow;
         const bool loaded = data->load(mask);
@@ -215,9 +211,36 @@ bool LuAfxsUserDataSet::flushResults() {
 
 void LuAfxsUserDataSet::closefile() { m_link->closeFile(true); }
 
+// Made in the set's arena and entered at the end of the list; a failure
+// leaves neither object nor entry behind.
+LuAfxsUserData* LuAfxsUserDataSet::newRecord(long recordOffset, uint32_t planeId,
+                                             uint32_t subsetId) {
+  if (!m_records)
+    m_records =
+        std::make_shared<afxs::RecordArena>(sizeof(LuAfxsUserData), alignof(LuAfxsUserData));
+  auto* data =
+      ::new (m_records->allocate()) LuAfxsUserData(*m_link, recordOffset, planeId, subsetId);
+  try {
+    push_back(data);
+  } catch (...) {
+    data->~LuAfxsUserData();
+    throw;
+  }
+  return data;
+}
+
+// Objects of the arena are destroyed in place and their storage goes with
+// the arena; any other object was a heap object of its own.
 void LuAfxsUserDataSet::clear(bool keepOpen) {
-  for (LuAfxsUserData* data : m_dataList) delete data;
+  for (LuAfxsUserData* data : m_dataList) {
+    if (m_records && m_records->holds(data)) {
+      data->~LuAfxsUserData();
+    } else {
+      delete data;
+    }
+  }
   m_dataList.clear();
+  m_records.reset();
   m_link->closeFile(!keepOpen);
 }
 

@@ -182,8 +182,11 @@ bool LuAfxsUserLink::scanRecords() {
           lastNextField = record.offset + afxs::kNextFieldOffset;
           if (record.kind == LU_AFXS_REC_PLANE) {
             // An existing key is kept: of two plane records
-            // of one number, the first wins.
-            m_planeIndex.emplace(record.planeId, record.offset + afxs::kPlaneFirstSubsetOffset);
+            // of one number, the first wins. Planes come in ascending
+            // order in a file as the writer makes it, so each goes in at
+            // the end without a search.
+            m_planeIndex.emplace_hint(m_planeIndex.end(), record.planeId,
+                                      record.offset + afxs::kPlaneFirstSubsetOffset);
           } else if (record.kind == LU_AFXS_REC_CAMERAS) {
             m_recordIndex.emplace(LU_AFXS_REC_CAMERAS, record.offset + afxs::kCamerasBodyOffset);
           }

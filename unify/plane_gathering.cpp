@@ -126,9 +126,14 @@ bool LuAfxsUserDataSet::UnifyMultiplePlanesBySubsetAndFlush(PlaneLists& planeLis
     length = std::max(length, list->size());
   }
 
+  // One group and one blended plane serve every position: their storage is
+  // reused instead of being allocated and freed (and its pages faulted in
+  // again) position by position.
+  PlaneList group;
+  group.reserve(listCount);
+  LuAfxsPlane blendedPlane;
   for (size_t position = 0; position < length; ++position) {
-    PlaneList group;
-    group.reserve(listCount);
+    group.clear();
     uint32_t expectedPlaneId = 0xFFFFFFFF;
     for (size_t k = 0; k < listCount; ++k) {
       if (cursors[k] == ends[k]) continue;
@@ -145,7 +150,7 @@ bool LuAfxsUserDataSet::UnifyMultiplePlanesBySubsetAndFlush(PlaneLists& planeLis
         return false;
       }
     }
-    if (!XSectionsUnify(group, createLink)) {
+    if (!XSectionsUnifyInto(group, createLink, blendedPlane)) {
       writeLogF(5, __LINE__, afxs::kUserSource, luEnvBuildDate(),
                 L"LuAfxsUserDataSet::UnifyMultiplePlanesBySubsetAndFlush()- XSectionsUnify Failed");
       luunify::listener().positionSkipped(
@@ -162,6 +167,13 @@ bool LuAfxsUserDataSet::UnifyMultiplePlanesBySubsetAndFlush(PlaneLists& planeLis
 // blend itself failed; the position is then lost from the output.
 bool LuAfxsUserDataSet::XSectionsUnify(PlaneList& group, LuAfxsCreateLink& createLink) {
   LuAfxsPlane blendedPlane;
+  return XSectionsUnifyInto(group, createLink, blendedPlane);
+}
+
+// The blend overwrites every list of `blendedPlane` before it uses it, so a
+// plane left from an earlier position serves as well as an empty one.
+bool LuAfxsUserDataSet::XSectionsUnifyInto(PlaneList& group, LuAfxsCreateLink& createLink,
+                                           LuAfxsPlane& blendedPlane) {
   bool blended = false;
   bool result = true;
   if (m_bSupportXSBlending) {

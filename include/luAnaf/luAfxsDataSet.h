@@ -5,11 +5,16 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <luAnaf/luAfxsCreate.h>
 #include <luAnaf/luAfxsUser.h>
+
+namespace afxs {
+class RecordArena;
+}
 
 class LUANAF_API LuAfxsUserDataSet {
 public:
@@ -97,6 +102,9 @@ public:
 protected:
   void clear(bool keepOpen);
   void push_back(LuAfxsUserData* const& data);
+  // A data object for the record whose first field block is at `recordOffset`,
+  // entered at the end of the list.
+  LuAfxsUserData* newRecord(long recordOffset, uint32_t planeId, uint32_t subsetId);
   LuAfxsHeader getHeader();
   unsigned int getSubsetsIds(std::vector<unsigned int>& ids);
   unsigned int getCurrentSubsetsPlanes(std::vector<const LuAfxsPlane*>* planes,
@@ -113,6 +121,10 @@ protected:
   static bool UnifyMultiplePlanesBySubsetAndFlush(PlaneLists& planeLists,
                                                   LuAfxsCreateLink& createLink);
   static bool XSectionsUnify(PlaneList& group, LuAfxsCreateLink& createLink);
+  // The same with the blended plane's storage given by the caller (its
+  // contents are overwritten), so that a walk reuses one plane throughout.
+  static bool XSectionsUnifyInto(PlaneList& group, LuAfxsCreateLink& createLink,
+                                 LuAfxsPlane& blendedPlane);
   static bool FlushPlaneToFileLink(const LuAfxsPlane* plane, LuAfxsCreateLink& createLink);
 
   // ---- Diagnostic point dumps.
@@ -179,6 +191,10 @@ protected:
   LuAfxsUserLink* m_link;
   bool m_loaded = false;
   DataList m_dataList;
+  // Where the first load puts the data objects it makes (shared by shallow
+  // copies, as the objects are); an object pushed from elsewhere is a heap
+  // object of its own.
+  std::shared_ptr<afxs::RecordArena> m_records;
 
   // ---- Unification registry (process-wide, unguarded: one thread at a time).
   static std::map<uint32_t, std::vector<LuAfxsUserDataSet*>> m_MapXSId2DataSet;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <luAnaf/luAfxsBaseLink.h>
+#include <luAnaf/luAfxsFieldDirectory.h>
 #include <luAnaf/luAfxsRecords.h>
 
 class LuAfxsUserData;
@@ -196,7 +197,7 @@ protected:
   uint32_t m_fileState = 0;
   int32_t m_recordOffset = 0;
   uint32_t m_resultsOffset = 0;
-  std::map<uint32_t, uint32_t> m_fieldDirectory;  // id -> offset of its count word
+  LuAfxsFieldDirectory m_fieldDirectory;  // id -> offset of its count word
   // While a data set loads the file: the bytes of record bodies its load may
   // still walk (records overlapping each other cannot make it quadratic).
   afxs::BodyBudget* m_bodyBudget = nullptr;

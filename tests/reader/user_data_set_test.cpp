@@ -268,6 +268,64 @@ TEST_F(UserDataSetTest, ClearDeletesEntriesAndClosesUnlessKeptOpen) {
   EXPECT_EQ(link.file(), nullptr);
 }
 
+// A data object that counts the heap deletes it goes through.
+class CountedUserData : public ProbeUserData {
+public:
+  using ProbeUserData::ProbeUserData;
+  static void operator delete(void* object) {
+    ++deletes;
+    ::operator delete(object);
+  }
+  static inline int deletes = 0;
+};
+
+TEST_F(UserDataSetTest, ClearDeletesAnEntryPushedFromElsewhereAndDestroysTheLoadedOnes) {
+  ProbeUserLink link(writeFile(1).c_str());
+  CountedUserData::deletes = 0;
+  {
+    ProbeDataSet set(link);
+    ASSERT_TRUE(set.load(1));
+    set.push_back(new CountedUserData(link, 0, 7, 7));
+    EXPECT_EQ(set.size(), 5u);
+    EXPECT_NE(set.find(7, 7), set.end());
+    set.clear(false);
+    EXPECT_EQ(CountedUserData::deletes, 1);
+    // A load after a clear makes its objects anew.
+    ASSERT_TRUE(set.load(1));
+    EXPECT_EQ(ids(set), (Ids{{1, 1}, {1, 2}, {2, 1}, {2, 2}}));
+    set.push_back(new CountedUserData(link, 0, 8, 8));
+  }
+  EXPECT_EQ(CountedUserData::deletes, 2);
+}
+
+TEST_F(UserDataSetTest, ManyRecordsLoadInChainOrderAndIndexOnly) {
+  // More records than fit the first block of the set's storage.
+  std::vector<std::pair<LuAfxsPlane, uint32_t>> planes;
+  uint32_t seed = 1;
+  for (uint32_t plane = 0; plane < 150; ++plane)
+    for (uint32_t subset : {2u, 1u}) planes.push_back({randomPlane(plane, subset, 2, seed++), 1});
+  LuAfxsHeader h;
+  h.numPlanes = 150;
+  ASSERT_TRUE(writeWithWriter(wpath("many.afxs"), h, {}, planes));
+  LuAfxsUserLink link(wpath("many.afxs").c_str());
+  ProbeDataSet set(link);
+  ASSERT_TRUE(set.load(0));
+  ASSERT_EQ(set.size(), 300u);
+  Ids expected;
+  for (const auto& entry : planes) expected.push_back({entry.first.planeId, entry.first.subsetId});
+  EXPECT_EQ(ids(set), expected);
+  for (const LuAfxsUserData* d : set) {
+    EXPECT_EQ(d->state(), 0u);
+    EXPECT_EQ(d->fileState(), 1u);
+    EXPECT_TRUE(d->getPlaneData().points.empty());
+  }
+  ASSERT_TRUE(set.load(1));
+  auto it = set.find(149, 1);
+  ASSERT_NE(it, set.end());
+  EXPECT_EQ((*it)->getPlaneData().points.size(), 2u);
+  EXPECT_EQ((*it)->getPlaneData().points[1].x, planes.back().first.points[1].x);
+}
+
 TEST_F(UserDataSetTest, RemoveOfAbsentGroupLeavesFileAsItWas) {
   writeFile(1 | 2 | 16);
   std::vector<uint8_t> before = readBytes(path("set.afxs"));

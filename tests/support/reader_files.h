@@ -121,14 +121,14 @@ public:
   ~ProbeUserData() override = default;
   bool recordLoaded() const { return m_recordLoaded; }
   uint32_t resultsOffset() const { return m_resultsOffset; }
-  const std::map<uint32_t, uint32_t>& fieldDirectory() const { return m_fieldDirectory; }
+  const LuAfxsFieldDirectory& fieldDirectory() const { return m_fieldDirectory; }
   const std::set<uint32_t>& loadedFields() const { return m_loadedFields; }
   // The same state of any record, reached through member pointers (a record
   // made by a data set is not a ProbeUserData and must not be cast to one).
   static uint32_t resultsOffsetOf(const LuAfxsUserData& d) {
     return d.*(&ProbeUserData::m_resultsOffset);
   }
-  static const std::map<uint32_t, uint32_t>& fieldDirectoryOf(const LuAfxsUserData& d) {
+  static const LuAfxsFieldDirectory& fieldDirectoryOf(const LuAfxsUserData& d) {
     return d.*(&ProbeUserData::m_fieldDirectory);
   }
 };

@@ -212,6 +212,39 @@ TEST_F(PlaneGatheringTest, XSectionsUnifyWithBlendingOffWritesEveryPlaneOfTheGro
   EXPECT_THAT(readOutput("out.afxs").value(), ElementsAre(arc(3, 1), arc(3, 2), arc(3, 3)));
 }
 
+TEST_F(PlaneGatheringTest, WalkWithBlendingOnWritesWhatEachPositionBlendedAloneWrites) {
+  // A large blend first, then a smaller one: the walk reuses the blended
+  // plane of the first position for the second.
+  auto arcOf = [](uint32_t plane, uint32_t subset, double start, size_t points) {
+    ArcSpec spec;
+    spec.startDeg = start;
+    spec.endDeg = start + 130.0;
+    spec.points = points;
+    return makeArcPlane(plane, subset, spec);
+  };
+  const LuAfxsPlane p0 = arcOf(0, 1, 0, 80), q0 = arcOf(0, 2, 120, 80);
+  const LuAfxsPlane p1 = arcOf(1, 1, 0, 40), q1 = arcOf(1, 2, 120, 40);
+  LuAfxsUserDataSet::SupportXSectionBlending(true);
+
+  UnifyProbe::PlaneList first{&p0, &p1}, second{&q0, &q1};
+  UnifyProbe::PlaneLists lists{&first, &second};
+  auto walked = openOutput("walked.afxs");
+  EXPECT_FALSE(UnifyProbe::UnifyMultiplePlanesBySubsetAndFlush(lists, *walked));
+  walked->closeFile(true);
+  EXPECT_EQ(countLogged(0,
+                        L"LuAfxsUserDataSet::UnifyMultiplePlanesBySubsetAndFlush()- "
+                        L"LuAfxsCreateData:: BlendXSections Succeeded"),
+            2u);
+
+  auto alone = openOutput("alone.afxs");
+  UnifyProbe::PlaneList group0{&p0, &q0}, group1{&p1, &q1};
+  EXPECT_TRUE(UnifyProbe::XSectionsUnify(group0, *alone));
+  EXPECT_TRUE(UnifyProbe::XSectionsUnify(group1, *alone));
+  alone->closeFile(true);
+  EXPECT_EQ(readBytes(path("walked.afxs")), readBytes(path("alone.afxs")));
+  EXPECT_EQ(readOutput("walked.afxs").value().size(), 2u);
+}
+
 TEST_F(PlaneGatheringTest, FlushPlaneToFileLinkWritesPlaneUnderItsOwnIds) {
   ArcSpec spec;
   spec.normals = false;
