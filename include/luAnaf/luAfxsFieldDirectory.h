@@ -13,6 +13,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -77,6 +78,10 @@ public:
     return {const_iterator(this, kSlots + static_cast<size_t>(at - m_others.begin())), entered};
   }
 
+  std::pair<const_iterator, bool> insert(const value_type& entry) {
+    return emplace(entry.first, entry.second);
+  }
+
   const_iterator find(uint32_t id) const {
     if (id < kSlots) return hasSlot(id) ? const_iterator(this, id) : end();
     auto at = std::lower_bound(m_others.begin(), m_others.end(), id, idBelow);
@@ -99,6 +104,18 @@ public:
   void clear() {
     m_present = 0;
     m_others.clear();
+  }
+
+  // The same entries as an ordered map, for code written against one.
+  operator std::map<uint32_t, uint32_t>() const { return {begin(), end()}; }
+  friend bool operator==(const LuAfxsFieldDirectory& a, const LuAfxsFieldDirectory& b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin());
+  }
+  friend bool operator==(const LuAfxsFieldDirectory& a, const std::map<uint32_t, uint32_t>& b) {
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](const value_type& x, const auto& y) {
+             return x.first == y.first && x.second == y.second;
+           });
   }
 
 private:

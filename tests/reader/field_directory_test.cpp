@@ -1,6 +1,7 @@
 // The field directory of a record: an ordered map of identifier -> offset,
 // flat for the identifiers of the field table, with a sorted list beside
 // for any other identifier.
+#include <map>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -99,6 +100,28 @@ TEST(FieldDirectoryTest, ClearEmptiesItAndCopiesAreIndependent) {
   directory.emplace(0, 24);
   EXPECT_EQ(directory.at(0), 24u);
   EXPECT_EQ(copy.at(0), 8u);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(FieldDirectoryTest, ReadsAndComparesLikeTheOrderedMapItStandsFor) {
+  LuAfxsFieldDirectory directory;
+  directory.insert({9, 90});
+  directory.emplace(2, 20);
+  directory.emplace(31, 310);
+  directory.insert({2, 99});  // kept: the first position wins
+  const std::map<uint32_t, uint32_t> asMap = directory;
+  EXPECT_EQ(asMap, (std::map<uint32_t, uint32_t>{{2, 20}, {9, 90}, {31, 310}}));
+  EXPECT_TRUE(directory == asMap);
+  EXPECT_FALSE(directory == (std::map<uint32_t, uint32_t>{{2, 20}, {9, 90}}));
+  EXPECT_FALSE(directory == (std::map<uint32_t, uint32_t>{{2, 21}, {9, 90}, {31, 310}}));
+  LuAfxsFieldDirectory same;
+  for (const auto& [id, offset] : asMap) same.emplace(id, offset);
+  EXPECT_TRUE(directory == same);
+  same.emplace(3, 30);
+  EXPECT_FALSE(directory == same);
 }
 
 }  // namespace
