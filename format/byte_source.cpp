@@ -61,7 +61,7 @@ size_t PositionedSource::readAt(uint64_t at, void* data, size_t size) {
     std::memcpy(out + done, m_window, got);
     return done + got;
   }
-  const luio::ReadPiece pieces[2] = {{out + done, rest}, {m_window, kWindow}};
+  const luio::ReadPiece pieces[2] = {{out + done, rest}, {m_window, kReadAhead}};
   const size_t got = luio::readAt(m_stream, from, pieces, 2);
   if (got <= rest) return done + got;
   m_start = from + rest;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+#include <optional>
 #include <utility>
 
 #include "format/byte_source.h"
@@ -44,6 +45,29 @@ public:
 
 private:
   Open m_open;
+};
+
+// The reads of a load of arrays: positioned reads (afxs::PositionedSource)
+// of the stream that `stream()` gives, while it gives one (a stream open for
+// reading only, without an error), else the reads of `fallback`. The window
+// stays with the stream, so the heads behind one record's blocks come with
+// its last block.
+template <class Stream>
+class ReadOnlyStreamSource final : public ByteSource {
+public:
+  ReadOnlyStreamSource(Stream stream, ByteSource& fallback)
+      : m_stream(std::move(stream)), m_fallback(fallback) {}
+  size_t readAt(uint64_t at, void* data, size_t size) override {
+    FILE* f = m_stream();
+    if (f == nullptr) return m_fallback.readAt(at, data, size);
+    if (!m_positioned || m_positioned->stream() != f) m_positioned.emplace(f);
+    return m_positioned->readAt(at, data, size);
+  }
+
+private:
+  Stream m_stream;
+  ByteSource& m_fallback;
+  std::optional<PositionedSource> m_positioned;
 };
 
 }  // namespace afxs
