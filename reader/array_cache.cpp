@@ -13,13 +13,16 @@
 #include <luAnaf/luAfxsArrayCache.h>
 
 #include "format/plane_arrays.h"
+#include "platform/lu_pages.h"
 
 namespace afxs {
 namespace {
 
 constexpr size_t kDefaultLimit = size_t{256} << 20;
-// Smaller arrays are left to the allocator, which reuses them well.
-constexpr size_t kSmallestKept = size_t{32} << 10;
+// Smaller arrays are left to the allocator: zero-filling a reused one costs
+// about as little as keeping it on a shelf. From 8 KiB on, taking a kept
+// array saves the zero-fill of its whole size.
+constexpr size_t kSmallestKept = size_t{8} << 10;
 
 template <typename T>
 using Shelf = std::multimap<size_t, std::vector<T>>;
@@ -171,6 +174,55 @@ void giveBack(std::vector<T>& v) noexcept {
   std::vector<T>().swap(v);
 }
 
+// Arrays of fewer bytes are not faulted in ahead: their few pages are not
+// worth the system calls.
+constexpr size_t kSmallestPrefaulted = size_t{16} << 10;
+// After an array whose memory was already in use, the next 1, 3, 7, ... 31
+// arrays are not asked about.
+constexpr unsigned kLongestSkip = 31;
+
+// Whether a new array's memory is worth faulting in with one call: memory
+// the allocator has just taken from the system (a first load) is, memory
+// it reuses is in use already. Asking costs a system call, so after memory
+// in use the question is put to fewer arrays (one of 2, 4, ... 32) until
+// untouched memory is seen again. One per thread: loads on several threads
+// see their own allocations.
+class PrefaultPolicy {
+public:
+  bool worthIt(const void* data, size_t bytes) {
+    if (bytes < kSmallestPrefaulted) return false;
+    if (m_toSkip > 0) {
+      --m_toSkip;
+      return false;
+    }
+    if (luio::untouched(data, bytes)) {
+      m_skip = 0;
+      return true;
+    }
+    m_skip = std::min(2 * m_skip + 1, kLongestSkip);
+    m_toSkip = m_skip;
+    return false;
+  }
+
+private:
+  unsigned m_skip = 0;
+  unsigned m_toSkip = 0;
+};
+
+thread_local PrefaultPolicy t_prefault;
+
+// Gives `v` room for `count` elements in a new array: its old elements are
+// not kept (the caller overwrites them all), and its old array goes to the
+// cache like a destroyed record's. Untouched memory is faulted in with one
+// system call instead of a page fault per page during the zero-fill.
+template <typename T>
+void growForOverwrite(std::vector<T>& v, size_t count) {
+  giveBack(v);
+  v.reserve(count);
+  const size_t bytes = count * sizeof(T);
+  if (t_prefault.worthIt(v.data(), bytes)) luio::prefault(v.data(), bytes);
+}
+
 }  // namespace
 
 template <typename T>
@@ -182,6 +234,7 @@ void sizeForOverwrite(std::vector<T>& v, size_t count) {
       v.swap(kept);
     }
   }
+  if (v.capacity() < count) growForOverwrite(v, count);
   // Shrinking keeps the elements it leaves; only growth zero-fills.
   v.resize(count);
 }
