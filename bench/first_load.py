@@ -3,7 +3,7 @@
 new process per repetition, the variants alternating, medians reported.
 
     /usr/bin/python3 bench/first_load.py build/release/bench/first_load \
-        [--other OTHER_FIRST_LOAD] [--planes 200,100] [--reps 5] [--json OUT.json]
+        [--other OTHER_FIRST_LOAD ...] [--planes 200,100] [--reps 5] [--json OUT.json]
 
 Each file (PLANES x 2 subsets x 5,000 points, every field) is written once by
 the program into a temporary folder and read once before the runs, so every
@@ -11,8 +11,9 @@ read comes from the page cache. For each repetition every variant runs once,
 in a rotated order. Two times are kept per run: the timed part as the
 program measures it (wall clock, and user + system time from getrusage) and
 the whole child process as the system accounts it (os.wait4: start, file
-check, load, exit). With --other, a second build of the program runs every
-library variant too, alternating with the first (an A/B of two libraries).
+check, load, exit). With --other, another build of the program (or several)
+runs every library variant too, alternating with the first (an A/B of
+libraries), labelled with the name of the program's folder.
 --json writes the medians in the shape of Google Benchmark's JSON output, so
 that bench/report.py shows them beside the other figures. Standard library
 only.
@@ -83,10 +84,10 @@ def median(runs, key):
     return statistics.median(r[key] for r in runs)
 
 
-def measure(programs, path, reps):
+def measure(programs, path, reps, chosen):
     """Medians per (program label, variant) over `reps` alternating rounds."""
-    jobs = [(label, program, v) for label, program in programs for v in LOADS]
-    jobs += [(programs[0][0], programs[0][1], v) for v in FLOORS]
+    jobs = [(label, program, v) for label, program in programs for v in LOADS if v in chosen]
+    jobs += [(programs[0][0], programs[0][1], v) for v in FLOORS if v in chosen]
     runs = {(label, v): [] for label, _, v in jobs}
     for rep in range(reps):
         shift = rep % len(jobs)
@@ -115,6 +116,8 @@ def print_tables(planes, size, figures, labels):
     print("| load | floor | program | of floor (real) | of floor (CPU) |")
     print("|---|---|---|---|---|")
     for text, lib, floor, floor_text in PAIRS:
+        if (base, floor) not in figures or (base, lib) not in figures:
+            continue
         fl = figures[(base, floor)]
         for label in labels:
             f = figures[(label, lib)]
@@ -137,15 +140,20 @@ def benchmark_entries(planes, figures):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("program", help="the first_load program of the build to measure")
-    parser.add_argument("--other", help="a first_load program of another build (A/B)")
+    parser.add_argument("--other", action="append", default=[],
+                        help="a first_load program of another build (A/B); may be repeated")
     parser.add_argument("--planes", default="200,100", help="planes of each file, comma-separated")
     parser.add_argument("--reps", type=int, default=5, help="repetitions (at least 5 for medians)")
+    parser.add_argument("--variants", default=",".join(LOADS + FLOORS),
+                        help="the variants to run, comma-separated (default: all)")
     parser.add_argument("--dir", help="folder for the files (default: a temporary one)")
     parser.add_argument("--json", help="write the medians here, as Google Benchmark JSON")
     args = parser.parse_args()
     programs = [("new", os.path.abspath(args.program))]
-    if args.other:
-        programs.append(("other", os.path.abspath(args.other)))
+    for other in args.other:
+        # Named after the program's folder: the build it belongs to.
+        label = os.path.basename(os.path.dirname(os.path.abspath(other))) or "other"
+        programs.append((label, os.path.abspath(other)))
     folder = tempfile.mkdtemp(prefix="luanaf-first-load-", dir=args.dir)
     entries = []
     try:
@@ -154,7 +162,7 @@ def main():
             path = os.path.join(folder, f"planes{planes}.afxs")
             subprocess.run([programs[0][1], "write", path, str(planes)], check=True)
             warm(path)
-            figures = summary(measure(programs, path, args.reps))
+            figures = summary(measure(programs, path, args.reps, args.variants.split(",")))
             print_tables(planes, os.path.getsize(path), figures, [p[0] for p in programs])
             entries += benchmark_entries(planes, figures)
             os.remove(path)
