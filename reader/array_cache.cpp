@@ -177,36 +177,39 @@ void giveBack(std::vector<T>& v) noexcept {
 // Arrays of fewer bytes are not faulted in ahead: their few pages are not
 // worth the system calls.
 constexpr size_t kSmallestPrefaulted = size_t{16} << 10;
-// After an array whose memory was already in use, the next 1, 3, 7, ... 31
-// arrays are not asked about.
+// Runs of arrays decided without asking: after memory in use, the next 1,
+// 3, 7, ... 31 arrays are not faulted in; after untouched memory, the next
+// 1, 3, 7 are, unasked.
 constexpr unsigned kLongestSkip = 31;
+constexpr unsigned kLongestTrust = 7;
 
 // Whether a new array's memory is worth faulting in with one call: memory
 // the allocator has just taken from the system (a first load) is, memory
-// it reuses is in use already. Asking costs a system call, so after memory
-// in use the question is put to fewer arrays (one of 2, 4, ... 32) until
-// untouched memory is seen again. One per thread: loads on several threads
-// see their own allocations.
+// it reuses is in use already (faulting it in again costs more than it
+// saves). Asking costs a system call too, so the answer is trusted for a
+// run of arrays that doubles while the answers agree: a load in fresh
+// memory asks for one array in 8, one in reused memory for one in 32. One
+// per thread: loads on several threads see their own allocations.
 class PrefaultPolicy {
 public:
   bool worthIt(const void* data, size_t bytes) {
     if (bytes < kSmallestPrefaulted) return false;
-    if (m_toSkip > 0) {
-      --m_toSkip;
-      return false;
+    if (m_unasked > 0) {
+      --m_unasked;
+      return m_untouched;
     }
-    if (luio::untouched(data, bytes)) {
-      m_skip = 0;
-      return true;
-    }
-    m_skip = std::min(2 * m_skip + 1, kLongestSkip);
-    m_toSkip = m_skip;
-    return false;
+    const bool untouched = luio::untouched(data, bytes);
+    if (untouched != m_untouched) m_run = 0;
+    m_untouched = untouched;
+    m_run = std::min(2 * m_run + 1, untouched ? kLongestTrust : kLongestSkip);
+    m_unasked = m_run;
+    return untouched;
   }
 
 private:
-  unsigned m_skip = 0;
-  unsigned m_toSkip = 0;
+  bool m_untouched = false;
+  unsigned m_run = 0;
+  unsigned m_unasked = 0;
 };
 
 thread_local PrefaultPolicy t_prefault;
