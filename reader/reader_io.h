@@ -47,6 +47,13 @@ private:
   Open m_open;
 };
 
+// `stream` if positioned reads may go to its file: a stream open for
+// reading only, without an error (one open for writing may still hold bytes
+// of its own); else null.
+inline FILE* readOnlyStream(FILE* stream, bool openForWrite) {
+  return stream != nullptr && !openForWrite && !luio::error(stream) ? stream : nullptr;
+}
+
 // The reads of a load of arrays: positioned reads (afxs::PositionedSource)
 // of the stream that `stream()` gives, while it gives one (a stream open for
 // reading only, without an error), else the reads of `fallback`. The window

@@ -89,11 +89,7 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
     afxs::LinkStreamSource link([&owner](long at) { return owner.openFile(at, false); });
     afxs::WindowSource linkWindow(link);
     afxs::ReadOnlyStreamSource positioned(
-        [&owner]() -> FILE* {
-          FILE* f = owner.m_file;
-          return f != nullptr && !owner.m_fileOpenForWrite && !luio::error(f) ? f : nullptr;
-        },
-        link);
+        [&owner] { return afxs::readOnlyStream(owner.m_file, owner.m_fileOpenForWrite); }, link);
     afxs::ByteSource& heads = index ? static_cast<afxs::ByteSource&>(streamWindow) : positioned;
     afxs::ByteSource& records = index ? static_cast<afxs::ByteSource&>(linkWindow) : positioned;
     afxs::FailOnDamage reporter;

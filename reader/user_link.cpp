@@ -175,11 +175,7 @@ bool LuAfxsUserLink::scanRecords() {
     // once the stream is open for reading only, else a seek and a read.
     afxs::LinkStreamSource stream([this](long at) { return openFile(at, false); });
     afxs::ReadOnlyStreamSource file(
-        [this]() -> FILE* {
-          return m_file != nullptr && !m_fileOpenForWrite && !luio::error(m_file) ? m_file
-                                                                                  : nullptr;
-        },
-        stream);
+        [this] { return afxs::readOnlyStream(m_file, m_fileOpenForWrite); }, stream);
     afxs::WindowSource window(file);
     afxs::FailOnDamage reporter;
     uint32_t lastNextField = 0;
