@@ -96,6 +96,19 @@ def row(label, lib, floor, floor_name):
             f"{floor_name} | {ratio(floor, lib, 'real')} | {ratio(floor, lib, 'cpu')} |")
 
 
+# The loads of bench/first_load.py beside their floors.
+FRESH_PAIRS = [
+    ("first load, cache on", "load", "fread_fresh", "fread into fresh memory"),
+    ("first load, cache on", "load", "fread_1mib", "fread, one reused 1 MiB buffer"),
+    ("first load, cache off", "load_nocache", "fread_fresh", "fread into fresh memory"),
+    ("repeated load, cache on", "repeat", "fread_1mib", "fread, one reused 1 MiB buffer"),
+    ("repeated load, cache on", "repeat", "fread_warm", "fread into written buffers"),
+    ("repeated load, cache off", "repeat_nocache", "fread_1mib", "fread, one reused 1 MiB buffer"),
+    ("points only, first load", "points", "fread_points", "fread of the points, fresh buffers"),
+    ("points only, repeated", "points_repeat", "fread_points", "fread of the points, fresh buffers"),
+]
+
+
 def size_of(name, key):
     m = re.search(key + r":(\d+)", name)
     return int(m.group(1)) if m else 0
@@ -199,6 +212,23 @@ def main():
                        f"{ms(b['cpu'])} | {ms(c['real']) if c else '–'} / "
                        f"{ms(c['cpu']) if c else '–'} | {ratio(b, a, 'real')} / "
                        f"{ratio(b, a, 'cpu')} | {ratio(c, a, 'real')} / {ratio(c, a, 'cpu')} |")
+        out.append("")
+
+    fresh = find(results, r"FirstLoad/planes:\d+/[a-z_0-9]+")
+    if fresh:
+        out.append("## Loads in fresh processes (bench/first_load.py, medians)")
+        out.append("")
+        out.append("| planes | load | luAnaf ms (real / CPU) | floor ms (real / CPU) | floor | "
+                   "of floor (real) | of floor (CPU) |")
+        out.append("|---|---|---|---|---|---|---|")
+        for planes in sorted({size_of(n, "planes") for n, _ in fresh}):
+            def pick(variant):
+                return results.get(f"FirstLoad/planes:{planes}/{variant}")
+            for label, lib, floor, floor_name in FRESH_PAIRS:
+                a, b = pick(lib), pick(floor)
+                if a is None or b is None:
+                    continue
+                out.append(f"| {planes} | " + row(label, a, b, floor_name)[2:])
         out.append("")
 
     blends = find(results, r"BM_Blend/points:\d+/sameWay:\d.*")

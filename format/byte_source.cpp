@@ -41,6 +41,34 @@ size_t WindowSource::readAt(uint64_t at, void* data, size_t size) {
   return got;
 }
 
+size_t PositionedSource::readAt(uint64_t at, void* data, size_t size) {
+  auto* out = static_cast<uint8_t*>(data);
+  size_t done = 0;
+  if (at >= m_start && at - m_start < m_filled) {
+    const size_t inWindow = static_cast<size_t>(at - m_start);
+    done = std::min(size, m_filled - inWindow);
+    std::memcpy(out, m_window + inWindow, done);
+    if (done == size) return size;
+  }
+  const uint64_t from = at + done;
+  const size_t rest = size - done;
+  m_start = from;
+  m_filled = 0;
+  if (rest <= kWindow) {
+    const luio::ReadPiece window{m_window, kWindow};
+    m_filled = luio::readAt(m_stream, from, &window, 1);
+    const size_t got = std::min(rest, m_filled);
+    std::memcpy(out + done, m_window, got);
+    return done + got;
+  }
+  const luio::ReadPiece pieces[2] = {{out + done, rest}, {m_window, kReadAhead}};
+  const size_t got = luio::readAt(m_stream, from, pieces, 2);
+  if (got <= rest) return done + got;
+  m_start = from + rest;
+  m_filled = got - rest;
+  return size;
+}
+
 HeaderStreamBuf::int_type HeaderStreamBuf::underflow() {
   if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
   if (m_ended) return traits_type::eof();

@@ -65,6 +65,30 @@ private:
   size_t m_filled = 0;
 };
 
+// The file of a stream opened read-only, read at absolute offsets with
+// positioned reads (luio::readAt) that neither move the stream nor go
+// through its buffer. A read larger than the window goes straight into the
+// caller's memory, and the same system call reads the next kReadAhead bytes
+// into the window: the small reads that follow (the next block's identifier
+// and count, a small block, the end mark and the next record's head) come
+// from there. So a record of large blocks costs one system call per block
+// and no copy through a buffer; a read of the window's size or less refills
+// the whole window.
+class PositionedSource final : public ByteSource {
+public:
+  static constexpr size_t kWindow = 4 * 1024;
+  static constexpr size_t kReadAhead = 512;
+  explicit PositionedSource(FILE* stream) : m_stream(stream) {}
+  FILE* stream() const { return m_stream; }
+  size_t readAt(uint64_t at, void* data, size_t size) override;
+
+private:
+  FILE* m_stream;
+  uint64_t m_start = 0;
+  size_t m_filled = 0;
+  uint8_t m_window[kWindow];
+};
+
 // A read-only stream buffer over a source from its first byte, so that the
 // header can be parsed as words; tellg() gives the offset of the next byte.
 // It reads as the reader's text-mode header stream does: where the platform's

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -260,6 +262,76 @@ bool writeGather(FILE* file, const Piece* pieces, size_t count) {
   ok = bytes < kGatherThreshold ? writeEach(file, pieces, good) : writeGathered(file, pieces, good);
 #endif
   return ok && good == count;
+}
+
+namespace {
+
+#if defined(_WIN32)
+// The runtime has no positioned read: the descriptor is moved, read from
+// piece by piece and put back where the stream's buffer expects it.
+size_t readPiecesAt(int fd, uint64_t offset, const ReadPiece* pieces, size_t count) {
+  const __int64 at = _lseeki64(fd, 0, SEEK_CUR);
+  if (at < 0) return 0;
+  size_t total = 0;
+  if (_lseeki64(fd, static_cast<__int64>(offset), SEEK_SET) == static_cast<__int64>(offset)) {
+    for (size_t i = 0; i < count; ++i) {
+      char* bytes = static_cast<char*>(pieces[i].data);
+      size_t left = pieces[i].size;
+      while (left != 0) {
+        const unsigned int ask = static_cast<unsigned int>(std::min<size_t>(left, size_t{1} << 30));
+        const int got = _read(fd, bytes, ask);
+        if (got <= 0) break;
+        bytes += got;
+        left -= static_cast<size_t>(got);
+        total += static_cast<size_t>(got);
+      }
+      if (left != 0) break;
+    }
+  }
+  if (_lseeki64(fd, at, SEEK_SET) != at) return 0;
+  return total;
+}
+#else
+// preadv, resumed after a short read until the pieces are full, the file
+// ends or a read fails.
+size_t readPiecesAt(int fd, uint64_t offset, const ReadPiece* pieces, size_t count) {
+  // A load reads two pieces at a time: no allocation for a few.
+  iovec few[4];
+  std::vector<iovec> many;
+  if (count > std::size(few)) many.resize(count);
+  iovec* rest = many.empty() ? few : many.data();
+  size_t pieceCount = 0;
+  for (size_t i = 0; i < count; ++i)
+    if (pieces[i].size != 0) rest[pieceCount++] = {pieces[i].data, pieces[i].size};
+  size_t total = 0;
+  size_t first = 0;
+  while (first < pieceCount) {
+    const int n = static_cast<int>(std::min<size_t>(pieceCount - first, 512));
+    const ssize_t got = ::preadv(fd, rest + first, n, static_cast<off_t>(offset + total));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    total += static_cast<size_t>(got);
+    size_t done = static_cast<size_t>(got);
+    while (first < pieceCount && done >= rest[first].iov_len) done -= rest[first++].iov_len;
+    if (done != 0) {
+      rest[first].iov_base = static_cast<char*>(rest[first].iov_base) + done;
+      rest[first].iov_len -= done;
+    }
+  }
+  return total;
+}
+#endif
+
+}  // namespace
+
+size_t readAt(FILE* file, uint64_t offset, const ReadPiece* pieces, size_t count) {
+  if (injectFault(LuIoOp::Read)) return 0;
+  if (offset > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return 0;
+#if defined(_WIN32)
+  return readPiecesAt(_fileno(file), offset, pieces, count);
+#else
+  return readPiecesAt(fileno(file), offset, pieces, count);
+#endif
 }
 
 int seek(FILE* file, int64_t offset, int origin) {

@@ -77,6 +77,18 @@ struct Piece {
 // gathered write, so the bytes are not copied into the buffer first.
 // Returns true when every piece was written.
 bool writeGather(FILE* file, const Piece* pieces, size_t count);
+// One piece of a scattered read.
+struct ReadPiece {
+  void* data;
+  size_t size;
+};
+// Reads the file's bytes from `offset` on into the pieces in order, as far
+// as the file goes, without moving the stream or using its buffer: one
+// positioned, scattered read where the platform has one (preadv; on Windows
+// the descriptor is moved, read and put back). For a stream opened
+// read-only. Counts as one read for the fault seam. Returns the bytes read:
+// fewer than the pieces hold at the end of the file or on a failed read.
+size_t readAt(FILE* file, uint64_t offset, const ReadPiece* pieces, size_t count);
 // -1 on failure, as ftell.
 int64_t tell(FILE* file);
 // 0 on success, as fclose; the stream is closed (and its lock given up)

@@ -13,13 +13,16 @@
 #include <luAnaf/luAfxsArrayCache.h>
 
 #include "format/plane_arrays.h"
+#include "platform/lu_pages.h"
 
 namespace afxs {
 namespace {
 
 constexpr size_t kDefaultLimit = size_t{256} << 20;
-// Smaller arrays are left to the allocator, which reuses them well.
-constexpr size_t kSmallestKept = size_t{32} << 10;
+// Smaller arrays are left to the allocator: zero-filling a reused one costs
+// about as little as keeping it on a shelf. From 8 KiB on, taking a kept
+// array saves the zero-fill of its whole size.
+constexpr size_t kSmallestKept = size_t{8} << 10;
 
 template <typename T>
 using Shelf = std::multimap<size_t, std::vector<T>>;
@@ -171,6 +174,58 @@ void giveBack(std::vector<T>& v) noexcept {
   std::vector<T>().swap(v);
 }
 
+// Arrays of fewer bytes are not faulted in ahead: their few pages are not
+// worth the system calls.
+constexpr size_t kSmallestPrefaulted = size_t{16} << 10;
+// Runs of arrays decided without asking: after memory in use, the next 1,
+// 3, 7, ... 31 arrays are not faulted in; after untouched memory, the next
+// 1, 3, 7 are, unasked.
+constexpr unsigned kLongestSkip = 31;
+constexpr unsigned kLongestTrust = 7;
+
+// Whether a new array's memory is worth faulting in with one call: memory
+// the allocator has just taken from the system (a first load) is, memory
+// it reuses is in use already (faulting it in again costs more than it
+// saves). Asking costs a system call too, so the answer is trusted for a
+// run of arrays that doubles while the answers agree: a load in fresh
+// memory asks for one array in 8, one in reused memory for one in 32. One
+// per thread: loads on several threads see their own allocations.
+class PrefaultPolicy {
+public:
+  bool worthIt(const void* data, size_t bytes) {
+    if (bytes < kSmallestPrefaulted) return false;
+    if (m_unasked > 0) {
+      --m_unasked;
+      return m_untouched;
+    }
+    const bool untouched = luio::untouched(data, bytes);
+    if (untouched != m_untouched) m_run = 0;
+    m_untouched = untouched;
+    m_run = std::min(2 * m_run + 1, untouched ? kLongestTrust : kLongestSkip);
+    m_unasked = m_run;
+    return untouched;
+  }
+
+private:
+  bool m_untouched = false;
+  unsigned m_run = 0;
+  unsigned m_unasked = 0;
+};
+
+thread_local PrefaultPolicy t_prefault;
+
+// Gives `v` room for `count` elements in a new array: its old elements are
+// not kept (the caller overwrites them all), and its old array goes to the
+// cache like a destroyed record's. Untouched memory is faulted in with one
+// system call instead of a page fault per page during the zero-fill.
+template <typename T>
+void growForOverwrite(std::vector<T>& v, size_t count) {
+  giveBack(v);
+  v.reserve(count);
+  const size_t bytes = count * sizeof(T);
+  if (t_prefault.worthIt(v.data(), bytes)) luio::prefault(v.data(), bytes);
+}
+
 }  // namespace
 
 template <typename T>
@@ -182,6 +237,7 @@ void sizeForOverwrite(std::vector<T>& v, size_t count) {
       v.swap(kept);
     }
   }
+  if (v.capacity() < count) growForOverwrite(v, count);
   // Shrinking keeps the elements it leaves; only growth zero-fills.
   v.resize(count);
 }

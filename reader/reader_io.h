@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+#include <optional>
 #include <utility>
 
 #include "format/byte_source.h"
@@ -44,6 +45,36 @@ public:
 
 private:
   Open m_open;
+};
+
+// `stream` if positioned reads may go to its file: a stream open for
+// reading only, without an error (one open for writing may still hold bytes
+// of its own); else null.
+inline FILE* readOnlyStream(FILE* stream, bool openForWrite) {
+  return stream != nullptr && !openForWrite && !luio::error(stream) ? stream : nullptr;
+}
+
+// The reads of a load of arrays: positioned reads (afxs::PositionedSource)
+// of the stream that `stream()` gives, while it gives one (a stream open for
+// reading only, without an error), else the reads of `fallback`. The window
+// stays with the stream, so the heads behind one record's blocks come with
+// its last block.
+template <class Stream>
+class ReadOnlyStreamSource final : public ByteSource {
+public:
+  ReadOnlyStreamSource(Stream stream, ByteSource& fallback)
+      : m_stream(std::move(stream)), m_fallback(fallback) {}
+  size_t readAt(uint64_t at, void* data, size_t size) override {
+    FILE* f = m_stream();
+    if (f == nullptr) return m_fallback.readAt(at, data, size);
+    if (!m_positioned || m_positioned->stream() != f) m_positioned.emplace(f);
+    return m_positioned->readAt(at, data, size);
+  }
+
+private:
+  Stream m_stream;
+  ByteSource& m_fallback;
+  std::optional<PositionedSource> m_positioned;
 };
 
 }  // namespace afxs

@@ -150,12 +150,19 @@ void LuAfxsUserData::release() {
 }
 
 // Walks the record at `offset` from the data set's window while the set
-// walks the file, else from the link's stream.
+// walks the file, else from the link's stream: with positioned reads
+// straight into the arrays while the stream is open for reading only, else
+// through the stream from `offset` on.
 void LuAfxsUserData::loadRecordFrom(long offset, long kind, unsigned long mask) {
   if (m_recordSource != nullptr) {
     if (offset < 0) afxs::fail();
     return loadRecordData(*m_recordSource, static_cast<uint64_t>(offset), kind,
                           static_cast<long>(mask));
+  }
+  FILE* open = afxs::readOnlyStream(m_link->m_file, m_link->m_fileOpenForWrite);
+  if (open != nullptr && offset >= 0) {
+    afxs::PositionedSource source(open);
+    return loadRecordData(source, static_cast<uint64_t>(offset), kind, static_cast<long>(mask));
   }
   FILE* f = m_link->openFile(offset, false);
   if (!f) afxs::fail();

@@ -82,16 +82,19 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
     // An index (a load of no field data) reads the plane records' links,
     // the subset heads and the records' field lists, all small reads,
     // through two windows of the file: a read per window instead of a seek
-    // and a read per record. A load of arrays reads straight from the
-    // stream, where a window would add a seek per block.
+    // and a read per record. A load of arrays reads with positioned reads
+    // while the stream is open for reading only: each block straight into
+    // its array, with the heads that follow it in the same read.
     const bool index = mask == 0;
     StreamSource stream(*m_link);
     afxs::WindowSource streamWindow(stream);
     LuAfxsUserLink& owner = *m_link;
     afxs::LinkStreamSource link([&owner](long at) { return owner.openFile(at, false); });
     afxs::WindowSource linkWindow(link);
-    afxs::ByteSource& heads = index ? static_cast<afxs::ByteSource&>(streamWindow) : stream;
-    afxs::ByteSource& records = index ? static_cast<afxs::ByteSource&>(linkWindow) : link;
+    afxs::ReadOnlyStreamSource positioned(
+        [&owner] { return afxs::readOnlyStream(owner.m_file, owner.m_fileOpenForWrite); }, link);
+    afxs::ByteSource& heads = index ? static_cast<afxs::ByteSource&>(streamWindow) : positioned;
+    afxs::ByteSource& records = index ? static_cast<afxs::ByteSource&>(linkWindow) : positioned;
     afxs::FailOnDamage reporter;
     afxs::SubsetChainBounds bounds(m_link->m_fileSize);  // over every plane's chain
     afxs::BodyBudget budget(m_link->m_fileSize);
@@ -103,7 +106,7 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
         LuAfxsUserData* data = newRecord(
             static_cast<long>(head.offset) + afxs::kSubsetFirstFieldOffset, planeId, head.subsetId);
         data->m_bodyBudget = &budget;
-        if (index) data->m_recordSource = &linkWindow;
+        data->m_recordSource = index ? static_cast<afxs::ByteSource*>(&linkWindow) : &positioned;
         const bool loaded = data->load(mask);
         data->m_bodyBudget = nullptr;
         data->m_recordSource = nullptr;

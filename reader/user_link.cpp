@@ -171,8 +171,11 @@ bool LuAfxsUserLink::scanRecords() {
   m_fileSize = luio::status(m_filePath, st) ? st.size : 0;
   try {
     // The chain's small reads are served from one window of the file, so a
-    // scan costs a seek and a read per window instead of per record.
-    afxs::LinkStreamSource file([this](long at) { return openFile(at, false); });
+    // scan costs a read per window instead of per record: a positioned read
+    // once the stream is open for reading only, else a seek and a read.
+    afxs::LinkStreamSource stream([this](long at) { return openFile(at, false); });
+    afxs::ReadOnlyStreamSource file(
+        [this] { return afxs::readOnlyStream(m_file, m_fileOpenForWrite); }, stream);
     afxs::WindowSource window(file);
     afxs::FailOnDamage reporter;
     uint32_t lastNextField = 0;

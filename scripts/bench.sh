@@ -25,7 +25,7 @@ start=$(date +%s)
 
 echo "== release build of the benchmarks ($build)"
 cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DLUANAF_BUILD_BENCH=ON >/dev/null
-programs=(write_bench read_bench blend_bench unify_bench)
+programs=(write_bench read_bench blend_bench unify_bench first_load)
 if grep -q 'EXECUTABLE target hdf5_bench' "$build/build.ninja" 2>/dev/null; then
   programs+=(hdf5_bench)
 fi
@@ -51,12 +51,14 @@ if [ "$quick" = 1 ]; then
   unify_sizes=(1 10 100 1000)
   unify_main=()
   hdf5_planes=100
+  first_load_planes=100
 else
   export LUANAF_BENCH_FULL=1
   write_size='planes:1000/'
   unify_sizes=(1 10 100 1000)
   unify_main=(--full)
   hdf5_planes=1000
+  first_load_planes=200,100
 fi
 
 run write_writer write_bench --benchmark_filter="BM_WriterFile/$write_size"
@@ -65,6 +67,13 @@ run write_raw write_bench --benchmark_filter="BM_RawFwrite/$write_size"
 run write_raw_1mib write_bench --benchmark_filter="BM_RawFwrite1MiB/$write_size"
 run write_copies write_bench --benchmark_filter="BM_BufferOnly/$write_size"
 run read read_bench
+# Loads in fresh processes, one process per load, alternating (medians of
+# at least 5).
+echo "== first_load"
+reps="${LUANAF_BENCH_REPS:-5}"
+/usr/bin/python3 "$here/bench/first_load.py" "$bin/first_load" --planes "$first_load_planes" \
+  --reps "$(( reps < 5 ? 5 : reps ))" --json "$out/first_load.json" >"$out/first_load.txt" 2>&1 ||
+  { echo "first_load failed:"; tail -20 "$out/first_load.txt"; exit 1; }
 run blend blend_bench --benchmark_filter='BM_Blend'
 run unify unify_bench "${unify_main[@]}"
 for planes in "${unify_sizes[@]}"; do

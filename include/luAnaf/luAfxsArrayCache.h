@@ -3,7 +3,7 @@
 // A load reads every field of a plane-subset record into arrays of its own.
 // Fresh memory is the larger part of a load's cost: the system hands it out
 // page by page and zero-fills each page. So when a loaded record is
-// destroyed (with its data set), its large arrays (32 KiB and more) are kept
+// destroyed (with its data set), its large arrays (8 KiB and more) are kept
 // in one process-wide cache, up to a limit in bytes, and later loads take
 // them instead of fresh memory. Loading a series of files one after another
 // then costs about half as much from the second file on.

@@ -1,8 +1,8 @@
 // The array cache: off unless turned on, so that a client that destroyed
 // every data set holds nothing more than before its first load; when on, a destroyed data set's
 // large arrays serve the next load, which sees only its own file's values; the limit bounds what is
-// kept and turns the cache off; small arrays are left to the allocator; a failed read never shows
-// an array's earlier contents; loads on several threads share it.
+// kept and turns the cache off; arrays under 8 KiB are left to the allocator; a failed read never
+// shows an array's earlier contents; loads on several threads share it.
 #include <luAnaf/luAnaf.h>
 #include "platform/lu_io_fault.h"
 
@@ -143,6 +143,15 @@ TEST_F(ArrayCacheTest, AnArrayMoreThanTwiceTheSizeIsNotTaken) {
 TEST_F(ArrayCacheTest, SmallArraysAreNotKept) {
   loadAndCheck(writeFile("small.afxs", 4, 50, 50));
   EXPECT_EQ(luAfxsArrayCacheBytes(), 0u);
+}
+
+// 400 points: 9,600 bytes of points, normals and result points, which are
+// kept; the aux arrays (1,600 bytes) are not.
+TEST_F(ArrayCacheTest, ArraysOfEightKiBAndMoreAreKept) {
+  loadAndCheck(writeFile("eight.afxs", 2, 400, 55));
+  const size_t points = 400 * sizeof(LuVec3);
+  EXPECT_GE(luAfxsArrayCacheBytes(), 2 * 3 * points);
+  EXPECT_LT(luAfxsArrayCacheBytes(), 2 * 3 * points + 2 * 3 * 1600);
 }
 
 TEST_F(ArrayCacheTest, TheCacheNeverHoldsMoreThanItsLimit) {
