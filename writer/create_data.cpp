@@ -126,15 +126,13 @@ void LuAfxsCreateData::deriveAuxGroups() {
   const uint32_t* counts = m_plane.auxCtrlCounts.data();
   uint32_t* offsets = m_plane.auxCtrlOffsets.data();
   uint32_t* first = m_plane.auxCtrlFirst.data();
-  // The stored offsets are an exclusive prefix sum computed in u32; each
-  // group's first position is looked up in a second pass, whose steps do
-  // not wait for one another.
+  // The stored offsets are an exclusive prefix sum computed in u32.
   uint32_t offset = 0;
   for (size_t i = 0; i < groupCount; ++i) {
     offsets[i] = offset;
+    first[i] = positions[offset];
     offset += counts[i];
   }
-  for (size_t i = 0; i < groupCount; ++i) first[i] = positions[offsets[i]];
   m_mask |= LU_AFXS_MASK_AUX;
 }
 
