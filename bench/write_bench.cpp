@@ -11,6 +11,8 @@
 // buffers cost fresh pages (page faults) or reuse freed ones.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <utility>
@@ -137,8 +139,51 @@ void rawFwrite(benchmark::State& state, size_t chunkSize, const char* name) {
   fs::remove(file);
 }
 
+// The writer's own file, its bytes held in memory, with plain stdio in
+// chunks of `chunkSize` bytes (0: one record's size). Like the client
+// records of BM_WriterFileMoveIn, the bytes are distinct and rewritten
+// before each timing (they stay in the caches as far as those reach),
+// where rawFwrite sends one small chunk that stays in the caches.
+void rawFwriteFileBytes(benchmark::State& state, size_t chunkSize, const char* name) {
+  const uint32_t planes = static_cast<uint32_t>(state.range(0));
+  const PlaneInput in = makeInput(static_cast<size_t>(state.range(1)));
+  const fs::path reference = benchDir("write") / (std::string(name) + ".afxs");
+  const uint64_t total = writeWithLink(reference, planes, in);
+  std::vector<char> original(static_cast<size_t>(total));
+  FILE* f = std::fopen(reference.string().c_str(), "rb");
+  const bool read = f != nullptr && std::fread(original.data(), 1, original.size(), f) == total;
+  if (f != nullptr) std::fclose(f);
+  fs::remove(reference);
+  if (!read) state.SkipWithError("the reference file could not be read");
+  if (chunkSize == 0) chunkSize = static_cast<size_t>(total / (uint64_t{planes} * kSubsets));
+  std::vector<char> bytes(original.size());
+  const fs::path file = benchDir("write") / (std::string(name) + ".bin");
+  for (auto _ : state) {
+    state.PauseTiming();
+    fs::remove(file);
+    std::copy(original.begin(), original.end(), bytes.begin());
+    state.ResumeTiming();
+    FILE* out = std::fopen(file.string().c_str(), "wb");
+    bool ok = out != nullptr;
+    for (size_t at = 0; ok && at < bytes.size(); at += chunkSize) {
+      const size_t n = std::min(chunkSize, bytes.size() - at);
+      ok = std::fwrite(bytes.data() + at, 1, n, out) == n;
+    }
+    if (out == nullptr || std::fclose(out) != 0 || !ok) state.SkipWithError("fwrite failed");
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(total * state.iterations()));
+  state.counters["file_MB"] = static_cast<double>(total) / 1e6;
+  fs::remove(file);
+}
+
 // In chunks of one record's size.
 void BM_RawFwrite(benchmark::State& state) { rawFwrite(state, 0, "raw"); }
+
+// The file's own bytes, in chunks of one record's size and of 1 MiB.
+void BM_RawFwriteFileBytes(benchmark::State& state) { rawFwriteFileBytes(state, 0, "raw_bytes"); }
+void BM_RawFwriteFileBytes1MiB(benchmark::State& state) {
+  rawFwriteFileBytes(state, size_t{1} << 20, "raw_bytes_1mib");
+}
 
 // In 1 MiB chunks.
 void BM_RawFwrite1MiB(benchmark::State& state) { rawFwrite(state, size_t{1} << 20, "raw_1mib"); }
@@ -173,6 +218,8 @@ BENCHMARK(BM_WriterFile)->Apply(sizes);
 BENCHMARK(BM_WriterFileMoveIn)->Apply(sizes);
 BENCHMARK(BM_RawFwrite)->Apply(sizes);
 BENCHMARK(BM_RawFwrite1MiB)->Apply(sizes);
+BENCHMARK(BM_RawFwriteFileBytes)->Apply(sizes);
+BENCHMARK(BM_RawFwriteFileBytes1MiB)->Apply(sizes);
 BENCHMARK(BM_BufferOnly)->Apply(sizes);
 
 }  // namespace

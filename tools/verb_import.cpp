@@ -9,6 +9,7 @@
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -263,16 +264,17 @@ bool writeImported(const std::wstring& path, std::vector<ImportedPlane>& planes)
   header.normal[2] = 1;
   link.setHeader(header);
   if (!link.create(true)) return false;
+  // The planes' arrays are handed over to the records, not copied: they are
+  // not used again once written.
   for (ImportedPlane& ip : planes) {
-    const LuAfxsPlane& p = ip.plane;
+    LuAfxsPlane& p = ip.plane;
     LuAfxsCreateData data(link, p.planeId, p.subsetId);
-    data.setPoints(reinterpret_cast<const double(*)[3]>(p.points.data()), p.points.size());
-    data.setNormals(reinterpret_cast<const double(*)[3]>(p.normals.data()), p.normals.size());
-    data.setSegments(p.segments.data(), p.segments.size());
-    data.setAuxCtrlPos(ip.auxPositions.data(), ip.auxPositions.size(), ip.auxCounts.data(),
-                       ip.auxCounts.size());
-    data.setResPoints(reinterpret_cast<const double(*)[3]>(p.resPoints.data()), p.resPoints.size());
-    data.setDistances(p.distances.data(), p.distances.size());
+    data.setPoints(std::move(p.points));
+    data.setNormals(std::move(p.normals));
+    data.setSegments(std::move(p.segments));
+    data.setAuxCtrlPos(std::move(ip.auxPositions), std::move(ip.auxCounts));
+    data.setResPoints(std::move(p.resPoints));
+    data.setDistances(std::move(p.distances));
     if (!data.flush()) return false;
   }
   link.release();
@@ -306,13 +308,13 @@ int runImport(const ImportArgs& args) {
     return kExitBad;
   }
   file.addCompanion(file.tempPath() + L".tmp");
+  uint64_t points = 0;
+  for (const ImportedPlane& p : planes) points += p.plane.points.size();
   if (!writeImported(file.tempPath(), planes)) {
     error(args.output, "the contours could not be written; nothing was written");
     return kExitBad;
   }
   if (!commitOutput(file, args.output)) return kExitBad;
-  uint64_t points = 0;
-  for (const ImportedPlane& p : planes) points += p.plane.points.size();
   fmt::print("wrote {}: {} plane subsets, {} points\n", args.output, planes.size(), points);
   return kExitOk;
 }

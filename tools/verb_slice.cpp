@@ -4,6 +4,7 @@
 // partial scans of the mesh seen from two directions instead.
 #include <cmath>
 #include <filesystem>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -38,10 +39,11 @@ struct SlicedFile {
   uint32_t subset = 0;
   std::vector<LuAfxsContour> contours;
   LuAfxsSliceReport report;
+  uint64_t points = 0;  // counted before the contours' arrays go to the file
 };
 
-bool writeContours(const std::wstring& path, const LuAfxsPlaneFamily& family,
-                   const SlicedFile& sliced) {
+// The contours' arrays are handed over to the records, not copied.
+bool writeContours(const std::wstring& path, const LuAfxsPlaneFamily& family, SlicedFile& sliced) {
   LuAfxsCreateLink link(path.c_str());
   LuAfxsHeader header;
   header.version = 1;
@@ -53,11 +55,11 @@ bool writeContours(const std::wstring& path, const LuAfxsPlaneFamily& family,
   header.distBwPlanes = family.spacing;
   link.setHeader(header);
   if (!link.create(true)) return false;
-  for (const LuAfxsContour& c : sliced.contours) {
+  for (LuAfxsContour& c : sliced.contours) {
     LuAfxsCreateData data(link, c.planeId, sliced.subset);
-    data.setPoints(reinterpret_cast<const double(*)[3]>(c.points.data()), c.points.size());
-    data.setNormals(reinterpret_cast<const double(*)[3]>(c.normals.data()), c.normals.size());
-    data.setSegments(c.segments.data(), c.segments.size());
+    data.setPoints(std::move(c.points));
+    data.setNormals(std::move(c.normals));
+    data.setSegments(std::move(c.segments));
     if (!data.flush()) return false;
   }
   link.release();
@@ -65,7 +67,7 @@ bool writeContours(const std::wstring& path, const LuAfxsPlaneFamily& family,
   return link.isOK();
 }
 
-bool writeSliced(const LuAfxsPlaneFamily& family, const SlicedFile& sliced) {
+bool writeSliced(const LuAfxsPlaneFamily& family, SlicedFile& sliced) {
   LuAfxsOutputFile file(widen(sliced.path));
   if (!file.ok()) {
     error(sliced.path, describe(file.creationProblem()) + "; nothing was written");
@@ -100,12 +102,10 @@ bool chooseFamily(const SliceArgs& args, const MeshData& mesh, LuAfxsPlaneFamily
 }
 
 nlohmann::json reportJson(const SlicedFile& s) {
-  uint64_t points = 0;
-  for (const LuAfxsContour& c : s.contours) points += c.points.size();
   return {{"output", s.path},
           {"subset", s.subset},
           {"planesCut", s.contours.size()},
-          {"points", points},
+          {"points", s.points},
           {"closedPolylines", s.report.closedPolylines},
           {"openPolylines", s.report.openPolylines},
           {"droppedPolylines", s.report.droppedPolylines},
@@ -123,10 +123,10 @@ int runSlice(const SliceArgs& args) {
   }
   std::vector<SlicedFile> files;
   if (args.viewSplit < 0) {
-    files.push_back({args.output, args.subset, {}, {}});
+    files.push_back({args.output, args.subset, {}, {}, 0});
   } else {
-    files.push_back({viewPath(args.output, 1), args.subset, {}, {}});
-    files.push_back({viewPath(args.output, 2), args.subset + 1, {}, {}});
+    files.push_back({viewPath(args.output, 1), args.subset, {}, {}, 0});
+    files.push_back({viewPath(args.output, 2), args.subset + 1, {}, {}, 0});
   }
   for (const SlicedFile& f : files)
     if (!outputAllowed(f.path, {args.mesh})) return kExitBad;
@@ -158,8 +158,10 @@ int runSlice(const SliceArgs& args) {
       return kExitBad;
     }
   }
-  for (const SlicedFile& f : files)
+  for (SlicedFile& f : files) {
+    for (const LuAfxsContour& c : f.contours) f.points += c.points.size();
     if (!writeSliced(family, f)) return kExitBad;
+  }
   if (args.json) {
     nlohmann::json out = {{"mesh", args.mesh},
                           {"vertices", mesh.vertices.size()},

@@ -108,26 +108,29 @@ void LuAfxsCreateData::setAuxCtrlPos(const uint32_t* positions, size_t positionC
 
 bool LuAfxsCreateData::auxGroupsFit(const uint32_t* counts, size_t groupCount,
                                     size_t positionCount) {
-  uint64_t start = 0;
-  for (size_t i = 0; i < groupCount; ++i) {
-    if (start >= positionCount) return false;
-    start += counts[i];
-  }
-  return start <= positionCount;
+  if (groupCount == 0) return true;
+  // The group starts only grow, so every start lies inside the positions
+  // when the last one does; one sum (which the compiler vectorises) checks
+  // them all.
+  uint64_t lastStart = 0;
+  for (size_t i = 0; i + 1 < groupCount; ++i) lastStart += counts[i];
+  return lastStart < positionCount && lastStart + counts[groupCount - 1] <= positionCount;
 }
 
 void LuAfxsCreateData::deriveAuxGroups() {
   const size_t groupCount = m_plane.auxCtrlCounts.size();
-  const uint32_t* positions = m_plane.auxCtrlPos.data();
-  const uint32_t* counts = m_plane.auxCtrlCounts.data();
   // Filled in place, so the spare arrays' room is reused.
   m_plane.auxCtrlOffsets.resize(groupCount);
   m_plane.auxCtrlFirst.resize(groupCount);
+  const uint32_t* positions = m_plane.auxCtrlPos.data();
+  const uint32_t* counts = m_plane.auxCtrlCounts.data();
+  uint32_t* offsets = m_plane.auxCtrlOffsets.data();
+  uint32_t* first = m_plane.auxCtrlFirst.data();
+  // The stored offsets are an exclusive prefix sum computed in u32.
   uint32_t offset = 0;
   for (size_t i = 0; i < groupCount; ++i) {
-    // The stored offsets are an exclusive prefix sum computed in u32.
-    m_plane.auxCtrlOffsets[i] = offset;
-    m_plane.auxCtrlFirst[i] = positions[offset];
+    offsets[i] = offset;
+    first[i] = positions[offset];
     offset += counts[i];
   }
   m_mask |= LU_AFXS_MASK_AUX;
