@@ -145,6 +145,12 @@ def main():
         if moved and mib:
             out.append(row("write, arrays handed over, against 1 MiB chunks", moved, mib,
                            "fwrite, 1 MiB chunks"))
+        for floor_name, label in (("BM_RawFwriteFileBytes", "record-sized chunks"),
+                                  ("BM_RawFwriteFileBytes1MiB", "1 MiB chunks")):
+            own = results.get(name.replace("BM_WriterFile", floor_name))
+            if moved and own:
+                out.append(row(f"write, arrays handed over, against the file's bytes ({label})",
+                               moved, own, f"fwrite of the file's own bytes from memory, {label}"))
         copies = results.get(name.replace("BM_WriterFile", "BM_BufferOnly"))
         if copies:
             # The writer's time less what its set calls spend copying the

@@ -212,6 +212,17 @@ bool writeEach(FILE* file, const Piece* pieces, size_t count) {
 }
 
 #if !defined(_WIN32)
+// Steps past `done` bytes of the pieces from `first` on, after a short
+// gathered read or write: whole pieces are left behind, a partly done one
+// is cut to what remains.
+void stepPast(iovec* pieces, size_t count, size_t& first, size_t done) {
+  while (first < count && done >= pieces[first].iov_len) done -= pieces[first++].iov_len;
+  if (done != 0) {
+    pieces[first].iov_base = static_cast<char*>(pieces[first].iov_base) + done;
+    pieces[first].iov_len -= done;
+  }
+}
+
 // Flushes the stream and writes the pieces with writev, resuming after short
 // writes; the descriptor's position then stands behind them, where the
 // stream goes on.
@@ -228,12 +239,7 @@ bool writeGathered(FILE* file, const Piece* pieces, size_t count) {
     ssize_t written = ::writev(fd, rest.data() + first, n);
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return false;
-    size_t done = static_cast<size_t>(written);
-    while (first < rest.size() && done >= rest[first].iov_len) done -= rest[first++].iov_len;
-    if (done != 0) {
-      rest[first].iov_base = static_cast<char*>(rest[first].iov_base) + done;
-      rest[first].iov_len -= done;
-    }
+    stepPast(rest.data(), rest.size(), first, static_cast<size_t>(written));
   }
   return true;
 }
@@ -311,12 +317,7 @@ size_t readPiecesAt(int fd, uint64_t offset, const ReadPiece* pieces, size_t cou
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
     total += static_cast<size_t>(got);
-    size_t done = static_cast<size_t>(got);
-    while (first < pieceCount && done >= rest[first].iov_len) done -= rest[first++].iov_len;
-    if (done != 0) {
-      rest[first].iov_base = static_cast<char*>(rest[first].iov_base) + done;
-      rest[first].iov_len -= done;
-    }
+    stepPast(rest, pieceCount, first, static_cast<size_t>(got));
   }
   return total;
 }

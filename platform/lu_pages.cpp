@@ -49,16 +49,21 @@ bool untouched(const void* data, size_t size) {
   if (!g_populateWorks || !wholePages(data, size, first, end)) return false;
   unsigned char resident = 0;
   static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-  if (::mincore(reinterpret_cast<void*>(first), page, &resident) != 0) return false;
-  return (resident & 1) == 0;
+  const int callerErrno = errno;
+  const bool asked = ::mincore(reinterpret_cast<void*>(first), page, &resident) == 0;
+  errno = callerErrno;
+  return asked && (resident & 1) == 0;
 }
 
 bool prefault(void* data, size_t size) {
 #if defined(MADV_POPULATE_WRITE)
   uintptr_t first = 0, end = 0;
   if (!g_populateWorks || !wholePages(data, size, first, end)) return false;
+  // A refusal is no error of the caller's: errno stays as it was.
+  const int callerErrno = errno;
   if (::madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE) == 0) return true;
   if (errno == EINVAL) g_populateWorks = false;
+  errno = callerErrno;
   return false;
 #else
   (void)data;

@@ -65,6 +65,8 @@ run write_writer write_bench --benchmark_filter="BM_WriterFile/$write_size"
 run write_movein write_bench --benchmark_filter="BM_WriterFileMoveIn/$write_size"
 run write_raw write_bench --benchmark_filter="BM_RawFwrite/$write_size"
 run write_raw_1mib write_bench --benchmark_filter="BM_RawFwrite1MiB/$write_size"
+run write_raw_bytes write_bench --benchmark_filter="BM_RawFwriteFileBytes/$write_size"
+run write_raw_bytes_1mib write_bench --benchmark_filter="BM_RawFwriteFileBytes1MiB/$write_size"
 run write_copies write_bench --benchmark_filter="BM_BufferOnly/$write_size"
 run read read_bench
 # Loads in fresh processes, one process per load, alternating (medians of
