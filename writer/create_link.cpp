@@ -123,7 +123,6 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
                                             m_header.distBwPlanes));
     m_stateLineOffset = afxs::offset32(m_file);
     putHeaderLine(m_file, LuStrFrmt::format(headerLineFormat(afxs::kLineState), 0u));
-    m_stateOnFile.value = 0;
     putHeaderLine(m_file, LuStrFrmt::format("%s", headerLineFormat(afxs::kLineHeaderEnd)));
     m_atEnd = true;
     // A file kept open has its header handed to the system now; a closed
@@ -241,8 +240,13 @@ void LuAfxsCreateLink::closeFile(bool close) {
   if (m_file == nullptr) return;
   if (m_stateDirty) {
     m_stateDirty = false;
-    // A line that holds the state word already is left as it stands.
-    if (m_stateOnFile.value != int64_t{m_state}) rewriteStateLine();
+    try {
+      patchHeaderLine(m_file, m_stateLineOffset,
+                      LuStrFrmt::format(afxs::headerLineFormat(afxs::kLineState), m_state));
+    } catch (...) {
+      afxs::report(afxs::kErrCloseState, afxs::kCreateSource, m_path);
+      m_ok = false;
+    }
   }
   if (!close && m_keepOpen) return;
   // The stream's last buffered bytes go out with the close: a failed close
@@ -250,20 +254,7 @@ void LuAfxsCreateLink::closeFile(bool close) {
   // has failed already.
   const int closed = luio::close(m_file);
   m_file = nullptr;
-  m_stateOnFile.value = -1;
   if (closed != 0 && m_ok) {
-    afxs::report(afxs::kErrCloseState, afxs::kCreateSource, m_path);
-    m_ok = false;
-  }
-}
-
-void LuAfxsCreateLink::rewriteStateLine() {
-  m_stateOnFile.value = -1;
-  try {
-    patchHeaderLine(m_file, m_stateLineOffset,
-                    LuStrFrmt::format(afxs::headerLineFormat(afxs::kLineState), m_state));
-    m_stateOnFile.value = m_state;
-  } catch (...) {
     afxs::report(afxs::kErrCloseState, afxs::kCreateSource, m_path);
     m_ok = false;
   }

@@ -57,8 +57,7 @@ public:
   // empty. A record that would end past 4 GiB (offsets are u32) is refused
   // with 0xc41b0004 before anything is written.
   bool createCamerasRecord();
-  // Rewrites the STATE line if the state word changed (a line that holds it
-  // already is left alone), then closes the file
+  // Rewrites the STATE line if the state word changed, then closes the file
   // unless close is false and the link keeps it open. A failed close (its
   // last buffered bytes did not reach the system) is reported as a failed
   // STATE rewrite (0xc41b0006) and turns the link not OK.
@@ -114,9 +113,6 @@ protected:
   // turns not OK), when any of that fails. Used before a rewrite replaces
   // the file it was made from.
   bool closeDurably();
-  // Writes the STATE line with the state word over its place in the open
-  // file; a failure is reported with 0xc41b0006 and turns the link not OK.
-  void rewriteStateLine();
 
   LuAfxsHeader m_header;
   LuAfxsCamerasTable m_cameras;
@@ -150,22 +146,6 @@ protected:
     SpareArrays& operator=(const SpareArrays&) noexcept { return *this; }
   };
   SpareArrays m_spareArrays;
-
-  // The value the STATE line holds in the file this link keeps open, as
-  // this link wrote it: a record that leaves the state word as it was does
-  // not rewrite the line with the same bytes. Unknown (-1) while the file is
-  // closed (it may change meanwhile) and after a failed rewrite; a copy of a
-  // link starts without it, and so does a link assigned from another.
-  struct StateOnFile {
-    int64_t value = -1;
-    StateOnFile() = default;
-    StateOnFile(const StateOnFile&) noexcept {}
-    StateOnFile& operator=(const StateOnFile&) noexcept {
-      value = -1;
-      return *this;
-    }
-  };
-  StateOnFile m_stateOnFile;
 };
 
 // Buffers the data of one plane in one subset and writes it as one

@@ -197,47 +197,6 @@ TEST_F(CreateLinkTest, KeepOpenKeepsTheFileOpenBetweenRecords) {
   EXPECT_EQ(link->file(), nullptr);
 }
 
-// A kept-open file's STATE line is written when a record changes the state
-// word and left alone when a record leaves it as it was (the same bytes,
-// one write fewer).
-TEST_F(CreateLinkTest, KeptOpenFileRewritesTheStateLineOnlyWhenTheStateChanges) {
-  auto link = makeLink();
-  ASSERT_TRUE(link->create(true));
-  ASSERT_TRUE(flushPlane(*link, 0, 1, 3, LU_AFXS_MASK_ALL));
-  luIoResetCounts();
-  ASSERT_TRUE(flushPlane(*link, 0, 2, 3, 7));  // 63 -> 7
-  const uint64_t changed = luIoCallCount(LuIoOp::Write);
-  luIoResetCounts();
-  ASSERT_TRUE(flushPlane(*link, 0, 3, 3, 7));  // stays 7
-  const uint64_t unchanged = luIoCallCount(LuIoOp::Write);
-  EXPECT_EQ(changed, unchanged + 1);
-  link->closeFile(true);
-  auto file = decode();
-  ASSERT_TRUE(file.ok) << file.error;
-  EXPECT_EQ(file.state, 7u);
-  EXPECT_NE(file.headerText.find("STATE 0x00000007\n"), std::string::npos);
-}
-
-// A file closed between records gets its STATE line with every record,
-// whatever the line held: the file may have changed while it was closed.
-TEST_F(CreateLinkTest, ReopenedFileRewritesTheStateLineWithEveryRecord) {
-  auto link = makeLink();
-  ASSERT_TRUE(link->create(true));
-  ASSERT_TRUE(flushPlane(*link, 0, 1, 3, 7));
-  luIoResetCounts();
-  ASSERT_TRUE(flushPlane(*link, 0, 2, 3, 7));
-  const uint64_t keptOpen = luIoCallCount(LuIoOp::Write);
-  link->closeFile(true);
-  ASSERT_TRUE(link->create(false));  // a new plane: the same records as above
-  ASSERT_TRUE(flushPlane(*link, 5, 1, 3, 7));
-  luIoResetCounts();
-  ASSERT_TRUE(flushPlane(*link, 5, 2, 3, 7));
-  EXPECT_EQ(luIoCallCount(LuIoOp::Write), keptOpen + 1);
-  auto file = decode();
-  ASSERT_TRUE(file.ok) << file.error;
-  EXPECT_EQ(file.state, 7u);
-}
-
 TEST_F(CreateLinkTest, CloseFileWithoutCloseKeepsAKeptFileOpen) {
   auto link = makeLink();
   ASSERT_TRUE(link->create(true));
