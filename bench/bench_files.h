@@ -84,23 +84,29 @@ inline void fill(LuAfxsCreateData& data, const PlaneInput& in, uint32_t mask) {
   if (mask & LU_AFXS_MASK_RESPOINTS) data.setResPoints(raw(in.resPoints), n);
 }
 
+// Gives a new file's link the benchmarks' header for `planes` planes and,
+// when asked, a table of two cameras.
+inline void setUpLink(LuAfxsCreateLink& link, uint32_t planes, bool cameras) {
+  LuAfxsHeader header;
+  header.version = 1;
+  header.normal[2] = 1;
+  header.numPlanes = planes;
+  header.distBwPlanes = 0.5;
+  link.setHeader(header);
+  if (cameras) {
+    LuAfxsCamerasTable table;
+    table.cameras = {{1000, 0, 250}, {-1000, 0, 250}};
+    link.setCameras(table);
+  }
+}
+
 // Writes planes x subsets records of the input's field groups of `mask`,
 // with a table of two cameras when asked; the file's size, 0 on failure.
 inline uint64_t writeFile(const fs::path& file, uint32_t planes, uint32_t subsets,
                           const PlaneInput& in, uint32_t mask, bool cameras) {
   {
     LuAfxsCreateLink link(file.wstring().c_str());
-    LuAfxsHeader header;
-    header.version = 1;
-    header.normal[2] = 1;
-    header.numPlanes = planes;
-    header.distBwPlanes = 0.5;
-    link.setHeader(header);
-    if (cameras) {
-      LuAfxsCamerasTable table;
-      table.cameras = {{1000, 0, 250}, {-1000, 0, 250}};
-      link.setCameras(table);
-    }
+    setUpLink(link, planes, cameras);
     if (!link.create(true)) return 0;
     for (uint32_t plane = 0; plane < planes; ++plane) {
       for (uint32_t subset = 1; subset <= subsets; ++subset) {

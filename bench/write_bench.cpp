@@ -83,15 +83,7 @@ void BM_WriterFileMoveIn(benchmark::State& state) {
     state.ResumeTiming();
     {
       LuAfxsCreateLink link(file.wstring().c_str());
-      LuAfxsHeader header;
-      header.version = 1;
-      header.normal[2] = 1;
-      header.numPlanes = planes;
-      header.distBwPlanes = 0.5;
-      link.setHeader(header);
-      LuAfxsCamerasTable table;
-      table.cameras = {{1000, 0, 250}, {-1000, 0, 250}};
-      link.setCameras(table);
+      setUpLink(link, planes, true);
       bool ok = link.create(true);
       for (uint32_t plane = 0; plane < planes && ok; ++plane) {
         for (uint32_t subset = 1; subset <= kSubsets && ok; ++subset) {

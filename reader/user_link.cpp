@@ -342,18 +342,49 @@ luio::FileStatus seenState(uint64_t device, uint64_t index, uint64_t size, int64
 // The results link block of a plane-subset record without results.
 constexpr uint32_t kNoResultsBlock[2] = {4, 0};
 
+// How far putBack got.
+enum class PutBack { Failed, Unchained, Done };
+
+// Puts the file back behind results records appended at its end, in an
+// order that never leaves a link to a missing record: each link block of
+// `linkBlocks` names no results again (the last first), the chain ends at
+// `lastNextField` again (when the appends touched it), and only then, with
+// nothing leading to them, are the bytes from `size` on cut off. Stops at
+// the first failed write: Unchained when only the cut failed.
+PutBack putBack(FILE* f, const uint32_t* linkBlocks, size_t count, bool chainTouched,
+                uint32_t lastNextField, uint64_t size) {
+  for (size_t i = count; i-- > 0;)
+    if (luio::writeAt(f, linkBlocks[i], kNoResultsBlock, sizeof kNoResultsBlock) != 0)
+      return PutBack::Failed;
+  const uint32_t noNext = 0;
+  if (chainTouched && luio::writeAt(f, lastNextField, &noNext, sizeof noNext) != 0)
+    return PutBack::Failed;
+  if (luio::truncate(f, static_cast<int64_t>(size)) != 0) return PutBack::Unchained;
+  return PutBack::Done;
+}
+
 }  // namespace
+
+FILE* LuAfxsUserLink::openForUpdateAsSeen(uint64_t& size) {
+  FILE* f = openFile(0, true);  // exclusive: one writer at a time
+  luio::FileStatus now;
+  if (f != nullptr && luio::status(f, now) && fileIsAsSeen(nullptr) &&
+      luio::sameState(now, seenState(m_seenDevice, m_seenIndex, m_seenSize, m_seenModified))) {
+    size = now.size;
+    return f;
+  }
+  if (f != nullptr) luio::relock(f, luio::LockMode::Shared);
+  return nullptr;
+}
 
 bool LuAfxsUserLink::appendLinkedRecord(luafxs_records_en kind,
                                         const std::function<void(FILE*, uint32_t)>& writeBody,
                                         uint32_t linkBlockAt) {
   if (!m_fileExists || m_lastNextField == 0) return false;
-  FILE* f = openFile(0, true);  // exclusive: one writer at a time
-  luio::FileStatus before;
-  if (f == nullptr || !luio::status(f, before) || !fileIsAsSeen(nullptr) ||
-      !luio::sameState(before, seenState(m_seenDevice, m_seenIndex, m_seenSize, m_seenModified))) {
+  uint64_t sizeBefore = 0;
+  FILE* f = openForUpdateAsSeen(sizeBefore);
+  if (f == nullptr) {
     afxs::report(afxs::kErrUserNewRecord, afxs::kUserSource, m_filePath);
-    if (f != nullptr) luio::relock(f, luio::LockMode::Shared);
     return false;
   }
   bool chainTouched = false;
@@ -381,17 +412,10 @@ bool LuAfxsUserLink::appendLinkedRecord(luafxs_records_en kind,
     return true;
   } catch (...) {
     afxs::report(afxs::kErrUserNewRecord, afxs::kUserSource, m_filePath);
-    // The links go back first; the appended bytes are cut off only when
-    // nothing leads to them any more.
-    bool restored = true;
-    if (recordTouched)
-      restored = luio::writeAt(f, linkBlockAt, kNoResultsBlock, sizeof kNoResultsBlock) == 0;
-    const uint32_t noNext = 0;
-    if (restored && chainTouched)
-      restored = luio::writeAt(f, m_lastNextField, &noNext, sizeof noNext) == 0;
-    if (restored) restored = luio::truncate(f, static_cast<int64_t>(before.size)) == 0;
+    const PutBack done =
+        putBack(f, &linkBlockAt, recordTouched ? 1 : 0, chainTouched, m_lastNextField, sizeBefore);
     // Put back, the file is this link's own again (its time moved on).
-    if (restored) rememberFile(f);
+    if (done == PutBack::Done) rememberFile(f);
     luio::relock(f, luio::LockMode::Shared);
     return false;
   }
@@ -408,27 +432,17 @@ LuAfxsUserLink::ResultsMark LuAfxsUserLink::resultsMark() const {
 bool LuAfxsUserLink::takeBackResults(const ResultsMark& mark) {
   if (mark.linkBlocks.empty()) return true;
   if (!m_fileExists || mark.lastNextField == 0) return false;
-  FILE* f = openFile(0, true);  // exclusive, as for the appends
-  luio::FileStatus now;
-  if (f == nullptr || !luio::status(f, now) || !fileIsAsSeen(nullptr) ||
-      !luio::sameState(now, seenState(m_seenDevice, m_seenIndex, m_seenSize, m_seenModified))) {
-    if (f != nullptr) luio::relock(f, luio::LockMode::Shared);
-    return false;
-  }
-  bool restored = true;
-  for (auto at = mark.linkBlocks.rbegin(); restored && at != mark.linkBlocks.rend(); ++at)
-    restored = luio::writeAt(f, *at, kNoResultsBlock, sizeof kNoResultsBlock) == 0;
-  const uint32_t noNext = 0;
-  if (restored) restored = luio::writeAt(f, mark.lastNextField, &noNext, sizeof noNext) == 0;
-  if (restored) {
-    m_lastNextField = mark.lastNextField;  // nothing leads past it any more
-    restored = luio::truncate(f, static_cast<int64_t>(mark.seenSize)) == 0;
-  }
-  if (restored) m_fileSize = mark.fileSize;
+  uint64_t size = 0;
+  FILE* f = openForUpdateAsSeen(size);
+  if (f == nullptr) return false;
+  const PutBack done = putBack(f, mark.linkBlocks.data(), mark.linkBlocks.size(), true,
+                               mark.lastNextField, mark.seenSize);
+  if (done != PutBack::Failed) m_lastNextField = mark.lastNextField;  // nothing leads past it
+  if (done == PutBack::Done) m_fileSize = mark.fileSize;
   rememberFile(f);
   m_fileModified = true;
   luio::relock(f, luio::LockMode::Shared);
-  return restored;
+  return done == PutBack::Done;
 }
 
 bool LuAfxsUserLink::fileIsAsSeen(FILE* file) const {

@@ -38,14 +38,6 @@ bool outputAllowed(const std::string& output, const std::vector<std::string>& in
 
 bool isStandardOutput(const std::string& path) { return path.empty() || path == "-"; }
 
-bool writeStandardOutput(const std::string& text) {
-  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
-    if (g_stdoutErrno == 0) g_stdoutErrno = errno != 0 ? errno : EIO;
-    return false;
-  }
-  return true;
-}
-
 bool commitOutput(LuAfxsOutputFile& file, const std::string& shownPath) {
   LuAfxsOutputProblem problem;
   if (file.commit(problem)) return true;

@@ -70,18 +70,6 @@ private:
 
 constexpr size_t kFailuresShown = 5;
 
-std::string failureText(const LuAfxsUnifyFailure& f) {
-  if (f.code == 0) return narrow(f.what);
-  return fmt::format("error {} ({} line {}) on {}", hex32(f.code), narrow(f.what), f.line,
-                     narrow(f.path));
-}
-
-std::string skipText(const LuAfxsUnifySkip& s) {
-  if (s.planeId < 0) return fmt::format("position {} left out: {}", s.position, narrow(s.reason));
-  return fmt::format("position {} (plane {}) left out: {}", s.position, s.planeId,
-                     narrow(s.reason));
-}
-
 std::string warningText(const LuAfxsUnifyWarning& w, uint32_t loadMode) {
   if (w.kind == LuAfxsUnifyWarningKind::LoadModeWithoutResultPoints)
     return fmt::format(
@@ -96,8 +84,10 @@ void takeSummary(const LuAfxsUnifySummary& from, uint32_t loadMode, UnifySummary
   to.planesWritten = from.planesWritten;
   to.planesBlended = from.planesBlended;
   to.positionsSkipped = from.skipped.size();
-  for (const LuAfxsUnifyFailure& f : from.failures) to.failures.push_back(failureText(f));
-  for (const LuAfxsUnifySkip& s : from.skipped) to.failures.push_back(skipText(s));
+  for (const LuAfxsUnifyFailure& f : from.failures)
+    to.failures.push_back(narrow(luAfxsUnifyFailureText(f)));
+  for (const LuAfxsUnifySkip& s : from.skipped)
+    to.failures.push_back(narrow(luAfxsUnifySkipText(s)));
   for (const LuAfxsUnifyWarning& w : from.warnings) to.warnings.push_back(warningText(w, loadMode));
 }
 

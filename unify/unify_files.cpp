@@ -20,6 +20,7 @@
 namespace {
 
 using luunify::InputFacts;
+using luunify::refuse;
 
 // Counts the events of one run into the summary.
 class Counter final : public luunify::UnifyListener {
@@ -94,13 +95,13 @@ struct DataSets {
 };
 
 // The output carries the first input's header, its version (0 without a
-// version line) and its cameras.
-void writeFirstInputsHeader(const InputFacts& first, LuAfxsCreateLink& out) {
+// version line) and its cameras, read through the link it was loaded with.
+void writeFirstInputsHeader(const InputFacts& first, LuAfxsUserLink& firstLink,
+                            LuAfxsCreateLink& out) {
   LuAfxsHeader header = first.inspection.header;
   header.version = first.inspection.hasVersion ? first.inspection.version : 0;
   out.setHeader(header);
-  LuAfxsUserLink camerasLink(first.path.c_str());
-  if (camerasLink.verify(false)) out.setCameras(camerasLink.getCameras());
+  out.setCameras(firstLink.getCameras());
 }
 
 // Runs the driver on `temp`; false when it did not run to its end.
@@ -122,7 +123,7 @@ bool runDriver(const std::vector<InputFacts>& facts, std::vector<uint32_t> ids,
   luunify::ScopedListener listening(counter);
   {
     LuAfxsCreateLink out(temp.c_str());
-    writeFirstInputsHeader(facts.front(), out);
+    writeFirstInputsHeader(facts.front(), *data.links.front(), out);
     LuAfxsUserDataSet::SupportXSectionBlending(options.blend);
     LuAfxsUserDataSet::SetCurrentXSId(options.xsId);
     data.registered = true;
@@ -133,19 +134,11 @@ bool runDriver(const std::vector<InputFacts>& facts, std::vector<uint32_t> ids,
   return !counter.driverFailed && reports.count == 0 && LuFileExist(temp.c_str());
 }
 
-void fail(LuAfxsUnifySummary& summary, LuAfxsUnifyStatus status, const std::wstring& path,
-          const std::wstring& message, int errnum = 0) {
-  summary.status = status;
-  summary.problemPath = path;
-  summary.message = message;
-  summary.errnum = errnum;
-}
-
 bool outputAllowed(const std::vector<std::wstring>& inputs, const std::wstring& output,
                    LuAfxsUnifySummary& summary) {
   LuAfxsOutputProblem problem;
   if (luAfxsCheckOutput(luAfxsResolveOutput(output), inputs, problem)) return true;
-  fail(summary, LuAfxsUnifyStatus::OutputRefused, output, problem.reason, problem.errnum);
+  refuse(summary, LuAfxsUnifyStatus::OutputRefused, output, problem.reason, problem.errnum);
   return false;
 }
 
@@ -155,29 +148,29 @@ void unifyInto(LuAfxsOutputFile& file, const std::vector<InputFacts>& facts,
                LuAfxsUnifySummary& summary) {
   Counter counter(summary, options);
   if (!runDriver(facts, summary.outputIds, file.tempPath(), options, counter, summary)) {
-    fail(summary, LuAfxsUnifyStatus::Incomplete, output,
-         L"the unification failed; nothing was written");
+    refuse(summary, LuAfxsUnifyStatus::Incomplete, output,
+           L"the unification failed; nothing was written");
     return;
   }
   if (options.blend) luunify::warnAfterBlending(facts, counter.blendedPlanes, summary);
   const LuAfxsInspection written = luAfxsInspect(file.tempPath(), true);
   if (!written.opened || !written.clean()) {
-    fail(summary, LuAfxsUnifyStatus::OutputDamaged, output,
-         L"the unified file would be damaged" +
-             (written.problems.empty()
-                  ? std::wstring()
-                  : L" (" + luio::widen(written.problems.front().message) + L")") +
-             L"; nothing was written");
+    refuse(summary, LuAfxsUnifyStatus::OutputDamaged, output,
+           L"the unified file would be damaged" +
+               (written.problems.empty()
+                    ? std::wstring()
+                    : L" (" + luio::widen(written.problems.front().message) + L")") +
+               L"; nothing was written");
     return;
   }
   if (options.keepGoing && !options.keepGoing()) {
-    fail(summary, LuAfxsUnifyStatus::Cancelled, output, L"cancelled; nothing was written");
+    refuse(summary, LuAfxsUnifyStatus::Cancelled, output, L"cancelled; nothing was written");
     return;
   }
   LuAfxsOutputProblem problem;
   if (!file.commit(problem)) {
-    fail(summary, LuAfxsUnifyStatus::NotCommitted, output,
-         problem.reason + L"; nothing was written", problem.errnum);
+    refuse(summary, LuAfxsUnifyStatus::NotCommitted, output,
+           problem.reason + L"; nothing was written", problem.errnum);
     return;
   }
   summary.status = LuAfxsUnifyStatus::Written;
@@ -199,8 +192,8 @@ LuAfxsUnifySummary unifyFiles(const std::vector<std::wstring>& inputs,
 
   LuAfxsOutputFile file(output);
   if (!file.ok()) {
-    fail(summary, LuAfxsUnifyStatus::OutputRefused, output,
-         file.creationProblem().reason + L"; nothing was written", file.creationProblem().errnum);
+    refuse(summary, LuAfxsUnifyStatus::OutputRefused, output,
+           file.creationProblem().reason + L"; nothing was written", file.creationProblem().errnum);
     return summary;
   }
   // A rewrite of the temporary by the library goes through "%s.tmp".
@@ -218,10 +211,25 @@ LuAfxsUnifySummary luAfxsUnifyFiles(const std::vector<std::wstring>& inputs,
     return unifyFiles(inputs, ids, output, options);
   } catch (const std::exception& e) {
     LuAfxsUnifySummary summary;
-    fail(summary, LuAfxsUnifyStatus::Incomplete, output,
-         L"the unification failed (" + luio::widen(e.what()) + L"); nothing was written");
+    refuse(summary, LuAfxsUnifyStatus::Incomplete, output,
+           L"the unification failed (" + luio::widen(e.what()) + L"); nothing was written");
     return summary;
   }
+}
+
+std::wstring luAfxsUnifyFailureText(const LuAfxsUnifyFailure& failure) {
+  if (failure.code == 0) return failure.what;
+  std::wstring code = L"0x";
+  for (int shift = 28; shift >= 0; shift -= 4)
+    code += L"0123456789ABCDEF"[(failure.code >> shift) & 0xF];
+  return L"error " + code + L" (" + failure.what + L" line " + std::to_wstring(failure.line) +
+         L") on " + failure.path;
+}
+
+std::wstring luAfxsUnifySkipText(const LuAfxsUnifySkip& skip) {
+  std::wstring text = L"position " + std::to_wstring(skip.position);
+  if (skip.planeId >= 0) text += L" (plane " + std::to_wstring(skip.planeId) + L")";
+  return text + L" left out: " + skip.reason;
 }
 
 const char* luAfxsUnifyStatusName(LuAfxsUnifyStatus status) {

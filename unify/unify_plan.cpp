@@ -9,15 +9,15 @@
 
 namespace luunify {
 
-namespace {
-
 void refuse(LuAfxsUnifySummary& summary, LuAfxsUnifyStatus status, const std::wstring& path,
-            const std::wstring& message, int errnum = 0) {
+            const std::wstring& message, int errnum) {
   summary.status = status;
   summary.problemPath = path;
   summary.message = message;
   summary.errnum = errnum;
 }
+
+namespace {
 
 std::wstring number(uint64_t value) { return std::to_wstring(value); }
 

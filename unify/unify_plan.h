@@ -20,6 +20,11 @@ struct InputFacts {
 
 // Refuses (false, with status and message set) no inputs, an id list of
 // another length, a load mode that is not a field mask with points in it.
+// Marks the summary refused: its status, the path at fault, why, and the
+// system's error number where one applies.
+void refuse(LuAfxsUnifySummary& summary, LuAfxsUnifyStatus status, const std::wstring& path,
+            const std::wstring& message, int errnum = 0);
+
 bool argumentsFit(const std::vector<std::wstring>& inputs, const std::vector<uint32_t>& ids,
                   const LuAfxsUnifyOptions& options, LuAfxsUnifySummary& summary);
 

@@ -139,3 +139,9 @@ LUANAF_API LuAfxsUnifySummary luAfxsUnifyFiles(const std::vector<std::wstring>& 
 
 // "written", "bad arguments", "input refused", ... for a status.
 LUANAF_API const char* luAfxsUnifyStatusName(LuAfxsUnifyStatus status);
+// A failure as one line: "error 0xC41B0014 (<what> line <n>) on <path>", or
+// `what` alone for a driver that ended early (code 0).
+LUANAF_API std::wstring luAfxsUnifyFailureText(const LuAfxsUnifyFailure& failure);
+// A left-out position as one line: "position <p> (plane <n>) left out: <reason>"
+// (without the plane when it is unknown).
+LUANAF_API std::wstring luAfxsUnifySkipText(const LuAfxsUnifySkip& skip);

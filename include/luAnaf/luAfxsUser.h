@@ -90,6 +90,10 @@ protected:
   bool appendLinkedRecord(luafxs_records_en kind,
                           const std::function<void(FILE*, uint32_t)>& writeBody,
                           uint32_t linkBlockAt);
+  // Opens the file for update, holding its lock exclusively, when it is the
+  // one this link read or last wrote (fileIsAsSeen); `size` gets its size.
+  // Null otherwise, the lock back to shared.
+  FILE* openForUpdateAsSeen(uint64_t& size);
   // Where the file stood before a run of results appends: what
   // takeBackResults needs to undo every append of the run.
   struct ResultsMark {

@@ -432,29 +432,11 @@ bool removeFields(const std::wstring& path, uint32_t mask) {
 
 // ---- unify ------------------------------------------------------------------
 
-std::string hex32(uint32_t value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08x", value);
-  return text;
-}
-
-// One failure as the luafxs tool prints it.
-std::string failureText(const LuAfxsUnifyFailure& f) {
-  if (f.code == 0) return narrow(f.what);
-  return "error " + hex32(f.code) + " (" + narrow(f.what) + " line " + std::to_string(f.line) +
-         ") on " + narrow(f.path);
-}
-
-std::string skipText(const LuAfxsUnifySkip& k) {
-  const std::string plane = k.planeId < 0 ? "" : " (plane " + std::to_string(k.planeId) + ")";
-  return "position " + std::to_string(k.position) + plane + " left out: " + narrow(k.reason);
-}
-
 // What the library counted, with the texts the luafxs tool prints.
 py::dict unifySummary(const LuAfxsUnifySummary& s) {
   py::list failures;
-  for (const LuAfxsUnifyFailure& f : s.failures) failures.append(failureText(f));
-  for (const LuAfxsUnifySkip& k : s.skipped) failures.append(skipText(k));
+  for (const LuAfxsUnifyFailure& f : s.failures) failures.append(narrow(luAfxsUnifyFailureText(f)));
+  for (const LuAfxsUnifySkip& k : s.skipped) failures.append(narrow(luAfxsUnifySkipText(k)));
   py::list warnings;
   for (const LuAfxsUnifyWarning& w : s.warnings) warnings.append(w.text);
   py::dict summary;

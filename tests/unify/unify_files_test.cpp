@@ -58,6 +58,18 @@ protected:
   LuAfxsUnifyOptions options;
 };
 
+TEST(UnifyTextsTest, AFailureAndASkipReadAsTheFrontEndsPrintThem) {
+  LuAfxsUnifyFailure report{0xc41b0014, 493, L"/d/scan.afxs", L"LuAfxsUserLink"};
+  EXPECT_EQ(luAfxsUnifyFailureText(report),
+            L"error 0xC41B0014 (LuAfxsUserLink line 493) on /d/scan.afxs");
+  LuAfxsUnifyFailure ended{0, 0, L"", L"the driver ended early"};
+  EXPECT_EQ(luAfxsUnifyFailureText(ended), L"the driver ended early");
+  EXPECT_EQ(luAfxsUnifySkipText(LuAfxsUnifySkip{7, 3, L"no input covers it"}),
+            L"position 7 (plane 3) left out: no input covers it");
+  EXPECT_EQ(luAfxsUnifySkipText(LuAfxsUnifySkip{7, -1, L"no input covers it"}),
+            L"position 7 left out: no input covers it");
+}
+
 TEST_F(UnifyFilesTest, WritesEveryPlaneAndCountsWhatItWrote) {
   writeOverlappingScans();
   LuAfxsUnifySummary s = unifyFiles({"a.afxs", "b.afxs"});

@@ -12,15 +12,9 @@ namespace {
 class CreateDataMoveTest : public CreatedLinkTest {};
 
 void expectSamePlane(const LuAfxsPlane& a, const LuAfxsPlane& b) {
-  auto same = [](const std::vector<LuVec3>& x, const std::vector<LuVec3>& y) {
-    if (x.size() != y.size()) return false;
-    for (size_t i = 0; i < x.size(); ++i)
-      if (x[i].x != y[i].x || x[i].y != y[i].y || x[i].z != y[i].z) return false;
-    return true;
-  };
-  EXPECT_TRUE(same(a.points, b.points));
-  EXPECT_TRUE(same(a.normals, b.normals));
-  EXPECT_TRUE(same(a.resPoints, b.resPoints));
+  EXPECT_EQ(a.points, b.points);
+  EXPECT_EQ(a.normals, b.normals);
+  EXPECT_EQ(a.resPoints, b.resPoints);
   EXPECT_EQ(a.segments, b.segments);
   EXPECT_EQ(a.auxCtrlPos, b.auxCtrlPos);
   EXPECT_EQ(a.auxCtrlCounts, b.auxCtrlCounts);
