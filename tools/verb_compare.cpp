@@ -61,7 +61,11 @@ Comparison compareFiles(const LoadedFile& measured, const LoadedFile& nominal) {
 // Appends the results to the measured file through its own records, all
 // or nothing: a failed append takes back the ones before it.
 bool appendResults(LoadedFile& measured, const Comparison& c) {
-  if (!measured.link->verify(false) || !measured.link->fileWritable()) {
+  // No second verify: the link keeps the file as it was loaded, so that an
+  // append is refused when another process changed the file since; a verify
+  // now would take those changes in while the records' verdict on results
+  // below still describes the file as it was loaded.
+  if (!measured.link->fileWritable()) {
     error(measured.path, "is read-only; give -o OUT.afxs to write the results into a new file");
     return false;
   }
@@ -89,7 +93,7 @@ bool appendResults(LoadedFile& measured, const Comparison& c) {
   for (LuAfxsUserData* data : *measured.set)
     if (data->hasUnflushedResults()) ++pending;
   if (pending == due)
-    error(measured.path, "the results could not be appended; the file is as it was");
+    error(measured.path, "the results could not be appended; none of them was written");
   else
     error(measured.path, fmt::format("the results could not be appended; {} of {} records hold "
                                      "them now (the file was changed meanwhile, or could not be "

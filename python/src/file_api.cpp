@@ -204,7 +204,7 @@ public:
     }
     if (flushed) return;
     if (written == 0)
-      raiseError("cannot write the results; the file is as it was", m_path, cap.reports);
+      raiseError("cannot write the results; none of them was written", m_path, cap.reports);
     raiseError("cannot write the results; " + std::to_string(written) +
                    " records hold them now (the file was changed meanwhile, or could not be put "
                    "back)",

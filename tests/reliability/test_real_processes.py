@@ -9,6 +9,7 @@ is not). The stale-handle case: a file loaded in one process and rewritten by
 nothing.
 """
 
+import json
 import shutil
 import subprocess
 
@@ -16,6 +17,7 @@ import pytest
 
 from conftest import (
     GROUP_BITS,
+    LUAFXS,
     WORKER,
     digest,
     flush_reports,
@@ -191,3 +193,27 @@ def test_flush_after_the_file_was_rewritten_underneath_fails(tmp_path, sample, r
     reports = flush_reports(out)
     assert rc == 1 and reports and not any(reports.values()), out + err
     assert target.read_bytes() == rewritten, "the stale flush changed the rewritten file"
+
+
+def test_two_compares_in_place_on_one_file(tmp_path):
+    source = write_sample(tmp_path / "source.afxs", 200, 3000)
+    nominal = write_sample(tmp_path / "nominal.afxs", 200, 1500)
+    target = tmp_path / "scan.afxs"
+    for round_ in range(10):
+        shutil.copyfile(source, target)
+        runs = [
+            subprocess.Popen([LUAFXS, "compare", str(target), str(nominal)], stdout=subprocess.DEVNULL,
+                             stderr=subprocess.PIPE, text=True)
+            for _ in range(2)
+        ]
+        done = [(run.wait(timeout=120), run.stderr.read()) for run in runs]
+        codes = sorted(code for code, _ in done)
+        assert codes[0] == 0, "round %d: neither comparison succeeded: %s" % (round_, done)
+        for code, err in done:
+            assert code == 0 or "none of them was written" in err or "already holds results" in err, (
+                "round %d: %s" % (round_, err)
+            )
+        assert validates(target), "round %d" % round_
+        info = json.loads(luafxs("info", "--json", target).stdout)
+        # One comparison's results, once per record: none appended twice.
+        assert info["resultsRecords"] == 200, "round %d: %s results records" % (round_, info["resultsRecords"])
