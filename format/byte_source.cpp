@@ -31,7 +31,7 @@ size_t FileSource::readAt(uint64_t at, void* data, size_t size) {
 size_t WindowSource::readAt(uint64_t at, void* data, size_t size) {
   if (size > kSmallWindow) return m_base.readAt(at, data, size);
   if (at < m_start || at - m_start + size > m_filled) {
-    const bool dense = m_filled != 0 && at >= m_start && at - m_start < m_filled + kLargeWindow;
+    const bool dense = m_filled != 0 && at >= m_start && at - m_start < m_filled + kDenseGap;
     if (dense && m_window.size() < kLargeWindow) m_window.resize(kLargeWindow);
     m_start = at;
     m_filled = m_base.readAt(at, m_window.data(), dense ? kLargeWindow : kSmallWindow);

@@ -46,15 +46,19 @@ private:
 
 // Small reads served from one window of another source, refilled where a
 // read falls outside it: a chain walk costs a read per window instead of one
-// per record, and allocates nothing per record. A refill near the end of the
-// last window (records packed densely) reads a large window; one far from it
-// (records holding large arrays) reads a small one, so that a scan of a
-// large file does not read the arrays it steps over. The window grows to
-// its large size once, on the first dense refill.
+// per record, and allocates nothing per record. A refill that starts less
+// than kDenseGap past the end of the last window (records packed densely)
+// reads a large window; one further on (records holding arrays of more than
+// a few kilobytes) reads a small one, so that a scan of a large file does
+// not read the arrays it steps over. The window grows to its large size
+// once, on the first dense refill.
 class WindowSource final : public ByteSource {
 public:
   static constexpr size_t kSmallWindow = 4 * 1024;
   static constexpr size_t kLargeWindow = 64 * 1024;
+  // Past this gap a system call per small window costs less than copying
+  // the bytes in between through a large one.
+  static constexpr size_t kDenseGap = 8 * 1024;
   explicit WindowSource(ByteSource& base) : m_base(base), m_window(kSmallWindow) {}
   size_t readAt(uint64_t at, void* data, size_t size) override;
 

@@ -190,6 +190,7 @@ bool relock(FILE* file, LockMode mode) {
 
 size_t read(void* buffer, size_t size, size_t count, FILE* file) {
   if (injectFault(LuIoOp::Read)) return 0;
+  countBytesRead(uint64_t{size} * count);
   return std::fread(buffer, size, count, file);
 }
 
@@ -328,6 +329,7 @@ size_t readPiecesAt(int fd, uint64_t offset, const ReadPiece* pieces, size_t cou
 size_t readAt(FILE* file, uint64_t offset, const ReadPiece* pieces, size_t count) {
   if (injectFault(LuIoOp::Read)) return 0;
   if (offset > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return 0;
+  for (size_t i = 0; i < count; ++i) countBytesRead(pieces[i].size);
 #if defined(_WIN32)
   return readPiecesAt(_fileno(file), offset, pieces, count);
 #else

@@ -6,6 +6,7 @@ namespace {
 
 struct FaultState {
   uint64_t counts[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
+  uint64_t bytesRead = 0;
   LuIoOp armedOp = LuIoOp::Any;
   uint64_t armedAt = 0;  // 0: disarmed
   bool sticky = false;
@@ -38,6 +39,8 @@ bool injectFault(LuIoOp op) {
   return false;
 }
 
+void countBytesRead(uint64_t bytes) { faults().bytesRead += bytes; }
+
 }  // namespace luio
 
 namespace {
@@ -63,4 +66,6 @@ bool luIoFaultFired() { return faults().fired; }
 uint64_t luIoCallCount(LuIoOp op) { return faults().counts[static_cast<int>(op)]; }
 void luIoResetCounts() {
   for (auto& c : faults().counts) c = 0;
+  faults().bytesRead = 0;
 }
+uint64_t luIoBytesRead() { return faults().bytesRead; }

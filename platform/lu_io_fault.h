@@ -36,9 +36,14 @@ LUANAF_API bool luIoFaultFired();
 // Calls of op (Any: of every kind) since the last reset.
 LUANAF_API uint64_t luIoCallCount(LuIoOp op);
 LUANAF_API void luIoResetCounts();
+// Bytes that reads (stream reads and positioned reads) asked for since the
+// last reset: how much of the file a walk goes through.
+LUANAF_API uint64_t luIoBytesRead();
 
 namespace luio {
 // Counts one call of op and tells whether the armed fault hits it (errno is
 // then EIO). Every operation of platform/lu_io.cpp asks first.
 bool injectFault(LuIoOp op);
+// Counts `bytes` asked for by a read (see luIoBytesRead).
+void countBytesRead(uint64_t bytes);
 }  // namespace luio

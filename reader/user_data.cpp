@@ -2,6 +2,7 @@
 // field by field, with results written back as a results record.
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include <luAnaf/luAfxsCreate.h>
 #include <luAnaf/luAfxsUser.h>
@@ -127,12 +128,22 @@ bool LuAfxsUserData::load(unsigned long mask) {
       m_recordLoaded = true;
       return true;
     }
+    // While the link's stream is open for reading only, each field comes
+    // with positioned reads (its count and the heads behind it in one read,
+    // its array straight into the member); else through the stream.
+    std::optional<afxs::PositionedSource> positioned;
     for (const auto& [id, offset] : m_fieldDirectory) {
       uint32_t bit = afxs::fieldMaskBit(id);
       if ((bit & mask) == 0 || m_loadedFields.count(id) != 0) continue;
-      FILE* f = m_link->openFile(static_cast<long>(offset), false);
-      if (!f) afxs::fail();
-      loadFieldData(f, static_cast<long>(id));
+      FILE* open = afxs::readOnlyStream(m_link->m_file, m_link->m_fileOpenForWrite);
+      if (open != nullptr) {
+        if (!positioned || positioned->stream() != open) positioned.emplace(open);
+        loadFieldData(*positioned, offset, static_cast<long>(id));
+      } else {
+        FILE* f = m_link->openFile(static_cast<long>(offset), false);
+        if (!f) afxs::fail();
+        loadFieldData(f, static_cast<long>(id));
+      }
       m_state |= bit;
       m_loadedFields.insert(id);
     }
@@ -234,6 +245,17 @@ void LuAfxsUserData::loadFieldData(FILE* stream, long id) {
   checkedUse(LU_AFXS_REC_PLANE_SUBSET, field, count, countWord, LU_AFXS_MASK_ALL,
              m_link->m_fileSize);
   auto read = [stream](void* data, size_t size) { afxs::getBytes(stream, data, size); };
+  readFieldBody(read, field, count, m_plane, m_resultsOffset);
+}
+
+void LuAfxsUserData::loadFieldData(afxs::ByteSource& source, uint64_t countAt, long id) {
+  uint32_t count = 0;
+  if (!source.u32At(countAt, count)) afxs::fail();
+  const uint32_t field = static_cast<uint32_t>(id);
+  checkedUse(LU_AFXS_REC_PLANE_SUBSET, field, count, countAt, LU_AFXS_MASK_ALL, m_link->m_fileSize);
+  auto read = [&source, countAt](void* data, size_t size) {
+    if (!source.readExactly(countAt + 4, data, size)) afxs::fail();
+  };
   readFieldBody(read, field, count, m_plane, m_resultsOffset);
 }
 

@@ -84,15 +84,20 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
     // through two windows of the file: a read per window instead of a seek
     // and a read per record. A load of arrays reads with positioned reads
     // while the stream is open for reading only: each block straight into
-    // its array, with the heads that follow it in the same read.
+    // its array, with the heads that follow it in the same read. The
+    // windows are filled with positioned reads too while they can be.
     const bool index = mask == 0;
-    StreamSource stream(*m_link);
-    afxs::WindowSource streamWindow(stream);
     LuAfxsUserLink& owner = *m_link;
+    auto readOnly = [&owner] {
+      return afxs::readOnlyStream(owner.m_file, owner.m_fileOpenForWrite);
+    };
+    StreamSource stream(*m_link);
+    afxs::ReadOnlyStreamReads streamReads(readOnly, stream);
+    afxs::WindowSource streamWindow(streamReads);
     afxs::LinkStreamSource link([&owner](long at) { return owner.openFile(at, false); });
-    afxs::WindowSource linkWindow(link);
-    afxs::ReadOnlyStreamSource positioned(
-        [&owner] { return afxs::readOnlyStream(owner.m_file, owner.m_fileOpenForWrite); }, link);
+    afxs::ReadOnlyStreamReads linkReads(readOnly, link);
+    afxs::WindowSource linkWindow(linkReads);
+    afxs::ReadOnlyStreamSource positioned(readOnly, link);
     afxs::ByteSource& heads = index ? static_cast<afxs::ByteSource&>(streamWindow) : positioned;
     afxs::ByteSource& records = index ? static_cast<afxs::ByteSource&>(linkWindow) : positioned;
     afxs::FailOnDamage reporter;

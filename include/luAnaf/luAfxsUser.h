@@ -190,6 +190,8 @@ protected:
   // `source`.
   void loadRecordData(afxs::ByteSource& source, uint64_t at, long kind, long mask);
   void loadFieldData(FILE* stream, long id);
+  // The same for the block whose byte count is at `countAt`, read from `source`.
+  void loadFieldData(afxs::ByteSource& source, uint64_t countAt, long id);
   // The offset of this record's results link block (0 when it has none).
   uint32_t resultsLinkBlock() const;
 

@@ -7,6 +7,7 @@
 #include <luAnaf/luAnaf.h>
 #include "platform/lu_io_fault.h"
 
+#include <filesystem>
 #include <vector>
 
 #include "support/reader_files.h"
@@ -19,11 +20,12 @@ class LoadReadsTest : public ReaderTest {
 protected:
   // A file of one record (plane i, subset 1) per entry of `points`, every
   // field group written; the planes are kept for comparison.
-  std::wstring writeFile(const std::string& name, const std::vector<size_t>& points) {
+  std::wstring writeFile(const std::string& name, const std::vector<size_t>& points,
+                         uint32_t mask = LU_AFXS_MASK_ALL) {
     std::vector<std::pair<LuAfxsPlane, uint32_t>> planes;
     for (size_t i = 0; i < points.size(); ++i)
       planes.push_back(
-          {randomPlane(static_cast<uint32_t>(i), 1, points[i], 7 + uint32_t(i)), LU_AFXS_MASK_ALL});
+          {randomPlane(static_cast<uint32_t>(i), 1, points[i], 7 + uint32_t(i)), mask});
     m_planes.clear();
     for (const auto& p : planes) m_planes.push_back(p.first);
     EXPECT_TRUE(writeWithWriter(wpath(name), LuAfxsHeader(), {}, planes));
@@ -89,6 +91,40 @@ TEST_F(LoadReadsTest, ReadsGrowByOnePerLargeBlockAndSeeksNotAtAll) {
     EXPECT_LE(perRecord, mask == LU_AFXS_MASK_ALL ? 10u : 9u) << "mask " << mask;
     EXPECT_EQ(b.seeks, a.seeks) << "mask " << mask;
   }
+}
+
+// An index (a load of no field data) of records holding only large arrays
+// (16 KB and more) reads small windows around the heads, not the arrays it
+// steps over, and seeks no more for more records; the fields loaded
+// afterwards come without a seek, each array read once.
+TEST_F(LoadReadsTest, AnIndexStepsOverLargeArraysAndTheFieldsLoadedLaterDoNotSeek) {
+  const uint32_t large = LU_AFXS_MASK_ALL & ~(LU_AFXS_MASK_AUX | LU_AFXS_MASK_SEGMENTS);
+  std::wstring few = writeFile("index_few.afxs", std::vector<size_t>(4, 2000), large);
+  std::wstring many = writeFile("index_many.afxs", std::vector<size_t>(12, 2000), large);
+  const Calls a = countLoad(few, 0);
+  const Calls b = countLoad(many, 0);
+  EXPECT_EQ(b.seeks, a.seeks);
+
+  const uint64_t fileSize = std::filesystem::file_size(std::filesystem::path(many));
+  LuAfxsUserLink link(many.c_str());
+  LuAfxsUserDataSet set(link);
+  luIoResetCounts();
+  ASSERT_TRUE(set.load(0));
+  const uint64_t indexBytes = luIoBytesRead();
+  EXPECT_LT(indexBytes, fileSize / 4) << "of " << fileSize;
+
+  luIoResetCounts();
+  size_t i = 0;
+  for (LuAfxsUserData* d : set) {
+    ASSERT_TRUE(d->load(LU_AFXS_MASK_ALL));
+    const LuAfxsPlane& want = m_planes.at(i++);
+    EXPECT_EQ(d->getPlaneData().points, want.points) << i;
+    EXPECT_EQ(d->getPlaneData().normals, want.normals) << i;
+    EXPECT_EQ(d->getPlaneData().resPoints, want.resPoints) << i;
+    EXPECT_EQ(d->getPlaneData().distances, want.distances) << i;
+  }
+  EXPECT_EQ(luIoCallCount(LuIoOp::Seek), 0u);
+  EXPECT_LT(luIoBytesRead(), fileSize + fileSize / 8);
 }
 
 // Blocks just under, at and over the read-ahead and the window (512 and 4,096
