@@ -32,19 +32,26 @@ namespace fs = std::filesystem;
 constexpr uint32_t kSubsets = 2;
 constexpr size_t kPoints = 5000;
 // Records of the index file: 100,000, or LUANAF_READ_BENCH_INDEX_RECORDS
-// (an even number) to see how the index scales.
+// (an even number) to see how the index scales. Read once: the timed loops
+// ask for it on every iteration.
 uint32_t indexRecords() {
-  const char* env = std::getenv("LUANAF_READ_BENCH_INDEX_RECORDS");
-  if (env && std::atoi(env) > 1) return static_cast<uint32_t>(std::atoi(env)) / 2 * 2;
-  return 100000;
+  static const uint32_t records = [] {
+    const char* env = std::getenv("LUANAF_READ_BENCH_INDEX_RECORDS");
+    if (env && std::atoi(env) > 1) return static_cast<uint32_t>(std::atoi(env)) / 2 * 2;
+    return uint32_t{100000};
+  }();
+  return records;
 }
 
 uint32_t planeCount() {
-  const char* env = std::getenv("LUANAF_READ_BENCH_PLANES");
-  if (env && std::atoi(env) > 0) return static_cast<uint32_t>(std::atoi(env));
-  const char* quick = std::getenv("LUANAF_BENCH_QUICK");
-  if (quick && quick[0] == '1') return 100;
-  return 1000;
+  static const uint32_t planes = [] {
+    const char* env = std::getenv("LUANAF_READ_BENCH_PLANES");
+    if (env && std::atoi(env) > 0) return static_cast<uint32_t>(std::atoi(env));
+    const char* quick = std::getenv("LUANAF_BENCH_QUICK");
+    if (quick && quick[0] == '1') return uint32_t{100};
+    return uint32_t{1000};
+  }();
+  return planes;
 }
 
 const fs::path& benchDir() { return luanafbench::benchDir("read"); }
