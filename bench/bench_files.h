@@ -148,4 +148,36 @@ inline bool freadFresh(const fs::path& file, size_t size) {
   return ok;
 }
 
+// The copy floor: the whole file with fread through one reused buffer (no
+// fresh memory touched). False unless every byte was read.
+inline bool freadReused(const fs::path& file, std::vector<char>& buffer) {
+  FILE* f = std::fopen(file.string().c_str(), "rb");
+  if (f == nullptr) return false;
+  size_t total = 0, got = 0;
+  while ((got = std::fread(buffer.data(), 1, buffer.size(), f)) > 0) total += got;
+  std::fclose(f);
+  benchmark::DoNotOptimize(buffer.data());
+  return total == fs::file_size(file);
+}
+
+// The points-only floor: the first `chunk` bytes of each of `records`
+// records, `stride` bytes apart, with one fread each into a fresh buffer of
+// their own (as a points-only load fills one vector per record); the other
+// bytes of the file are not touched. False on a failed seek or short read.
+inline bool freadEachRecordFresh(const fs::path& file, size_t records, size_t stride, size_t chunk,
+                                 std::vector<std::unique_ptr<char[]>>& buffers) {
+  buffers.resize(records);
+  FILE* f = std::fopen(file.string().c_str(), "rb");
+  if (f == nullptr) return false;
+  bool ok = true;
+  for (size_t r = 0; r < records; ++r) {
+    buffers[r].reset(new char[chunk]);
+    ok = ok && std::fseek(f, static_cast<long>(r * stride), SEEK_SET) == 0 &&
+         std::fread(buffers[r].get(), 1, chunk, f) == chunk;
+  }
+  std::fclose(f);
+  benchmark::DoNotOptimize(buffers.data());
+  return ok;
+}
+
 }  // namespace luanafbench

@@ -95,16 +95,6 @@ size_t recordsOf(const fs::path& file) {
   return loadInto(file, 0, index) ? index.set->size() : 0;
 }
 
-bool freadChunks(const fs::path& file, std::vector<char>& buffer) {
-  FILE* f = std::fopen(file.string().c_str(), "rb");
-  if (f == nullptr) return false;
-  size_t total = 0, got = 0;
-  while ((got = std::fread(buffer.data(), 1, buffer.size(), f)) > 0) total += got;
-  std::fclose(f);
-  benchmark::DoNotOptimize(buffer.data());
-  return total == fs::file_size(file);
-}
-
 // The file in `pieces.size()` record-sized pieces, each into its own buffer.
 template <typename Buffers>
 bool freadPieces(const fs::path& file, Buffers& pieces, size_t piece) {
@@ -137,7 +127,7 @@ int runVariant(const std::string& variant, const fs::path& file) {
       {"fread_1mib",
        [&] {
          buffer.resize(kMiB);
-         return freadChunks(file, buffer);
+         return luanafbench::freadReused(file, buffer);
        }},
       {"fread_fresh",
        [&] {
@@ -154,18 +144,8 @@ int runVariant(const std::string& variant, const fs::path& file) {
       {"fread_warm", [&] { return freadPieces(file, zeroed, piece); }},
       {"fread_points",
        [&] {
-         const size_t chunk = kPoints * sizeof(LuVec3);
-         fresh.resize(records);
-         FILE* f = std::fopen(file.string().c_str(), "rb");
-         if (f == nullptr) return false;
-         bool ok = true;
-         for (size_t r = 0; r < records; ++r) {
-           fresh[r].reset(new char[chunk]);
-           ok = ok && std::fseek(f, static_cast<long>(r * piece), SEEK_SET) == 0 &&
-                std::fread(fresh[r].get(), 1, chunk, f) == chunk;
-         }
-         std::fclose(f);
-         return ok;
+         return luanafbench::freadEachRecordFresh(file, records, piece, kPoints * sizeof(LuVec3),
+                                                  fresh);
        }},
   };
   auto it = work.find(variant);

@@ -1,7 +1,9 @@
 // Import of a 100 MB csv as dump writes it (plane, subset, index, segment,
 // x y z, normals): `luafxs import` run as a program (set LUAFXS to the
 // tool's path; skipped otherwise), beside its floor, a plain std::from_chars
-// parse of every number of the same file read whole into memory.
+// parse of every number of the same file read whole into memory. And the
+// import of the same points as a 62 MB binary little-endian PLY (x y z nx ny
+// nz as doubles, plane and subset as ints, as dump --format ply-binary writes).
 //
 //   LUAFXS=build/release/tools/luafxs ./build/release/bench/import_bench
 #include <benchmark/benchmark.h>
@@ -38,6 +40,29 @@ const fs::path& csvFile() {
   return file;
 }
 
+const fs::path& binaryPlyFile() {
+  static const fs::path file = [] {
+    fs::path p = fs::temp_directory_path() / "luanaf_import_bench.ply";
+    std::ofstream out(p, std::ios::binary);
+    out << "ply\nformat binary_little_endian 1.0\nelement vertex " << 100 * 11000
+        << "\nproperty double x\nproperty double y\nproperty double z\nproperty double nx\n"
+           "property double ny\nproperty double nz\nproperty int plane\nproperty int subset\n"
+           "end_header\n";
+    // The bench runs on little-endian machines only, as the tool is built for.
+    for (int32_t plane = 0; plane < 100; ++plane)
+      for (uint32_t i = 0; i < 11000; ++i) {
+        double a = 6.283185307179586 * i / 11000;
+        const double row[6] = {100 * std::cos(a), 100 * std::sin(a), 2.5 * plane,
+                               std::cos(a),       std::sin(a),       0};
+        const int32_t ids[2] = {plane, 1};
+        out.write(reinterpret_cast<const char*>(row), sizeof row);
+        out.write(reinterpret_cast<const char*>(ids), sizeof ids);
+      }
+    return p;
+  }();
+  return file;
+}
+
 void BM_FromCharsFloor(benchmark::State& state) {
   const fs::path& file = csvFile();
   for (auto _ : state) {
@@ -60,21 +85,27 @@ void BM_FromCharsFloor(benchmark::State& state) {
 }
 BENCHMARK(BM_FromCharsFloor)->Unit(benchmark::kMillisecond)->Iterations(3);
 
-void BM_LuafxsImport(benchmark::State& state) {
+void importWithTool(benchmark::State& state, const fs::path& input) {
   const char* tool = std::getenv("LUAFXS");
   if (tool == nullptr) {
     state.SkipWithError("set LUAFXS to the luafxs tool");
     return;
   }
   fs::path out = fs::temp_directory_path() / "luanaf_import_bench.afxs";
-  std::string command = std::string("'") + tool + "' import '" + csvFile().string() + "' -o '" +
+  std::string command = std::string("'") + tool + "' import '" + input.string() + "' -o '" +
                         out.string() + "' >/dev/null";
   for (auto _ : state) {
     fs::remove(out);
     if (std::system(command.c_str()) != 0) state.SkipWithError("import failed");
   }
   fs::remove(out);
+  state.counters["MB"] = static_cast<double>(fs::file_size(input)) / 1e6;
 }
+
+void BM_LuafxsImport(benchmark::State& state) { importWithTool(state, csvFile()); }
 BENCHMARK(BM_LuafxsImport)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+void BM_LuafxsImportBinaryPly(benchmark::State& state) { importWithTool(state, binaryPlyFile()); }
+BENCHMARK(BM_LuafxsImportBinaryPly)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
 }  // namespace

@@ -32,19 +32,26 @@ namespace fs = std::filesystem;
 constexpr uint32_t kSubsets = 2;
 constexpr size_t kPoints = 5000;
 // Records of the index file: 100,000, or LUANAF_READ_BENCH_INDEX_RECORDS
-// (an even number) to see how the index scales.
+// (an even number) to see how the index scales. Read once: the timed loops
+// ask for it on every iteration.
 uint32_t indexRecords() {
-  const char* env = std::getenv("LUANAF_READ_BENCH_INDEX_RECORDS");
-  if (env && std::atoi(env) > 1) return static_cast<uint32_t>(std::atoi(env)) / 2 * 2;
-  return 100000;
+  static const uint32_t records = [] {
+    const char* env = std::getenv("LUANAF_READ_BENCH_INDEX_RECORDS");
+    if (env && std::atoi(env) > 1) return static_cast<uint32_t>(std::atoi(env)) / 2 * 2;
+    return uint32_t{100000};
+  }();
+  return records;
 }
 
 uint32_t planeCount() {
-  const char* env = std::getenv("LUANAF_READ_BENCH_PLANES");
-  if (env && std::atoi(env) > 0) return static_cast<uint32_t>(std::atoi(env));
-  const char* quick = std::getenv("LUANAF_BENCH_QUICK");
-  if (quick && quick[0] == '1') return 100;
-  return 1000;
+  static const uint32_t planes = [] {
+    const char* env = std::getenv("LUANAF_READ_BENCH_PLANES");
+    if (env && std::atoi(env) > 0) return static_cast<uint32_t>(std::atoi(env));
+    const char* quick = std::getenv("LUANAF_BENCH_QUICK");
+    if (quick && quick[0] == '1') return uint32_t{100};
+    return uint32_t{1000};
+  }();
+  return planes;
 }
 
 const fs::path& benchDir() { return luanafbench::benchDir("read"); }
@@ -132,14 +139,8 @@ void BM_RawFreadReusedBuffer(benchmark::State& state) {
   const fs::path& file = bigFile();
   size_t size = fs::file_size(file);
   std::vector<char> buffer(1 << 20);
-  for (auto _ : state) {
-    FILE* f = std::fopen(file.string().c_str(), "rb");
-    size_t total = 0, got = 0;
-    while ((got = std::fread(buffer.data(), 1, buffer.size(), f)) > 0) total += got;
-    std::fclose(f);
-    if (total != size) state.SkipWithError("short read");
-    benchmark::DoNotOptimize(buffer.data());
-  }
+  for (auto _ : state)
+    if (!luanafbench::freadReused(file, buffer)) state.SkipWithError("short read");
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(size));
 }
 BENCHMARK(BM_RawFreadReusedBuffer)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -167,15 +168,9 @@ void BM_RawFreadPointsOnly(benchmark::State& state) {
   const size_t chunk = kPoints * sizeof(LuVec3);
   const size_t stride = fs::file_size(file) / records;
   for (auto _ : state) {
-    std::vector<std::unique_ptr<char[]>> buffers(records);
-    FILE* f = std::fopen(file.string().c_str(), "rb");
-    for (size_t r = 0; r < records; ++r) {
-      buffers[r].reset(new char[chunk]);
-      std::fseek(f, static_cast<long>(r * stride), SEEK_SET);
-      if (std::fread(buffers[r].get(), 1, chunk, f) != chunk) state.SkipWithError("short read");
-    }
-    std::fclose(f);
-    benchmark::DoNotOptimize(buffers.data());
+    std::vector<std::unique_ptr<char[]>> buffers;
+    if (!luanafbench::freadEachRecordFresh(file, records, stride, chunk, buffers))
+      state.SkipWithError("short read");
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * records * chunk));
 }

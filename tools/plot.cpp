@@ -158,9 +158,6 @@ public:
 
 private:
   void prepare() {
-    size_t files = 0;
-    for (const PlotPanel& p : m_panels)
-      for (const PlotLayer& l : p.layers) files = std::max(files, l.file + 1);
     Box data;
     for (const PlotPanel& p : m_panels) {
       std::vector<DrawnLayer> drawn;
@@ -173,9 +170,9 @@ private:
           if (std::isfinite(d))
             m_range.low = std::min(m_range.low, d), m_range.high = std::max(m_range.high, d);
       }
-      markBlend(drawn, files);
       m_drawn.push_back(std::move(drawn));
     }
+    if (m_options.markBlend) markBlend();
     if (data.empty()) data = {-1, -1, 1, 1};
     m_box = data.padded(0.05);
     if (m_options.zoomOverlap) zoomToOverlap();
@@ -186,19 +183,21 @@ private:
                std::max(m_options.box[1], m_options.box[3])};
   }
 
-  // The blended stretch is marked on the layers of the last file, when it
-  // shares points with the files before it (its inputs).
-  void markBlend(std::vector<DrawnLayer>& drawn, size_t files) {
-    if (!m_options.markBlend || files < 2) return;
-    std::vector<const std::vector<Point2>*> inputs;
-    for (const DrawnLayer& d : drawn)
-      if (d.layer->file + 1 < files) inputs.push_back(&d.plane);
-    if (inputs.empty()) return;
-    for (DrawnLayer& d : drawn)
-      if (d.layer->file + 1 == files) {
-        d.blended = blendedMask(d.plane, inputs);
-        m_anyBlend |= std::find(d.blended.begin(), d.blended.end(), 1) != d.blended.end();
+  // The blended stretch of every panel, by the rule view shares (blendMarks).
+  void markBlend() {
+    std::vector<std::vector<BlendLayer>> panels;
+    for (const std::vector<DrawnLayer>& drawn : m_drawn) {
+      panels.emplace_back();
+      for (const DrawnLayer& d : drawn) panels.back().push_back({&d.plane, d.layer->file});
+    }
+    const size_t files = drawingFiles(panels);
+    for (size_t i = 0; i < m_drawn.size(); ++i) {
+      std::vector<std::vector<char>> marks = blendMarks(panels[i], files);
+      for (size_t k = 0; k < marks.size(); ++k) {
+        m_anyBlend |= std::find(marks[k].begin(), marks[k].end(), 1) != marks[k].end();
+        m_drawn[i][k].blended = std::move(marks[k]);
       }
+    }
   }
 
   void zoomToOverlap() {

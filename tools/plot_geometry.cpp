@@ -179,4 +179,23 @@ std::vector<char> blendedMask(const std::vector<Point2>& unified,
   return blended;
 }
 
+std::vector<std::vector<char>> blendMarks(const std::vector<BlendLayer>& plane, size_t files) {
+  std::vector<std::vector<char>> marks(plane.size());
+  if (files < 2) return marks;
+  std::vector<const std::vector<Point2>*> inputs;
+  for (const BlendLayer& layer : plane)
+    if (layer.file + 1 < files) inputs.push_back(layer.points);
+  if (inputs.empty()) return marks;
+  for (size_t i = 0; i < plane.size(); ++i)
+    if (plane[i].file + 1 == files) marks[i] = blendedMask(*plane[i].points, inputs);
+  return marks;
+}
+
+size_t drawingFiles(const std::vector<std::vector<BlendLayer>>& planes) {
+  size_t files = 0;
+  for (const std::vector<BlendLayer>& plane : planes)
+    for (const BlendLayer& layer : plane) files = std::max(files, layer.file + 1);
+  return files;
+}
+
 }  // namespace luafxs

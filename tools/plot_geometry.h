@@ -62,4 +62,21 @@ Box overlapBox(const std::vector<Point2>& a, const std::vector<Point2>& b);
 std::vector<char> blendedMask(const std::vector<Point2>& unified,
                               const std::vector<const std::vector<Point2>*>& inputs);
 
+// One layer of a plane as the blend marking sees it.
+struct BlendLayer {
+  const std::vector<Point2>* points;
+  size_t file;  // which of the drawing's files it comes from
+};
+
+// The one place plot and view mark the blended stretch. `files` is the
+// count of files of the whole drawing (one more than the highest file index
+// of any layer, on any plane): the last of them is the unified file, the
+// ones before it its inputs. For each layer of one plane: blendedMask of it
+// against the plane's input layers when it belongs to the last file, empty
+// otherwise (and for all when fewer than two files or no input layer).
+std::vector<std::vector<char>> blendMarks(const std::vector<BlendLayer>& plane, size_t files);
+
+// The files count blendMarks takes, from every plane of the drawing.
+size_t drawingFiles(const std::vector<std::vector<BlendLayer>>& planes);
+
 }  // namespace luafxs

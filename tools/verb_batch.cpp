@@ -7,6 +7,7 @@
 
 #include "batch.h"
 #include "luafxs.h"
+#include "progress_bar.h"
 
 namespace luafxs {
 
@@ -17,23 +18,16 @@ namespace fs = std::filesystem;
 // "[#####.....] 12/40 jobs, 1 failed" on standard error, on a terminal only.
 class BatchProgress {
 public:
-  BatchProgress(bool enabled, size_t total) : m_enabled(enabled), m_total(total) {}
+  BatchProgress(bool enabled, size_t total) : m_bar(enabled), m_total(total) {}
   void jobEnded(bool ok) {
     ++m_done;
     if (!ok) ++m_failed;
-    if (!m_enabled || m_total == 0) return;
-    const size_t width = 30;
-    const size_t filled = m_done * width / m_total;
-    fmt::print(stderr, "\r[{}{}] {}/{} jobs, {} failed", std::string(filled, '#'),
-               std::string(width - filled, '.'), m_done, m_total, m_failed);
-    std::fflush(stderr);
+    m_bar.draw(m_done, m_total, fmt::format("jobs, {} failed", m_failed));
   }
-  void finish() {
-    if (m_enabled && m_done != 0) fmt::print(stderr, "\n");
-  }
+  void finish() { m_bar.finish(); }
 
 private:
-  bool m_enabled;
+  ProgressBar m_bar;
   size_t m_total;
   size_t m_done = 0;
   size_t m_failed = 0;

@@ -109,35 +109,36 @@ uint64_t writeScan(const std::wstring& path, const Scan& scan, std::mt19937& ran
   return total;
 }
 
-bool plotFiles(const std::vector<std::string>& paths, int plane, const std::string& title,
-               const std::string& out) {
+// Each of the files loaded once, for the plots and the viewer.
+std::vector<std::unique_ptr<LoadedFile>> loadAll(const std::vector<std::string>& paths) {
   std::vector<std::unique_ptr<LoadedFile>> files;
-  std::vector<PlotLayer> layers;
   for (const std::string& path : paths) {
     auto file = loadChecked(path, LU_AFXS_MASK_ALL, false);
-    if (!file) return false;
-    for (const LuAfxsPlane* p : file->planes)
-      if (p->planeId == static_cast<uint32_t>(plane))
-        layers.push_back(
-            {fmt::format("{} subset {}", fs::path(path).filename().string(), p->subsetId), p,
-             files.size()});
+    if (!file) return {};
     files.push_back(std::move(file));
   }
+  return files;
+}
+
+// The plane of the first `count` files, each file's layers under its index.
+bool plotFiles(const std::vector<std::unique_ptr<LoadedFile>>& files, size_t count, int plane,
+               const std::string& title, const std::string& out) {
+  std::vector<PlotLayer> layers;
+  for (size_t f = 0; f < count; ++f)
+    for (const LuAfxsPlane* p : files[f]->planes)
+      if (p->planeId == static_cast<uint32_t>(plane))
+        layers.push_back(
+            {fmt::format("{} subset {}", fs::path(files[f]->path).filename().string(), p->subsetId),
+             p, f});
   if (layers.empty()) return false;
   PlotOptions options;
   options.title = title;
   return writeOutput(out, plotSvg(layers, files.front()->inspection.header.normal, options));
 }
 
-bool viewFiles(const std::vector<std::string>& paths, const std::string& out) {
-  std::vector<std::unique_ptr<LoadedFile>> files;
+bool viewFiles(const std::vector<std::unique_ptr<LoadedFile>>& files, const std::string& out) {
   std::vector<const LoadedFile*> loaded;
-  for (const std::string& path : paths) {
-    auto file = loadChecked(path, LU_AFXS_MASK_ALL, false);
-    if (!file) return false;
-    loaded.push_back(file.get());
-    files.push_back(std::move(file));
-  }
+  for (const auto& file : files) loaded.push_back(file.get());
   return writeOutput(out, viewHtml(loaded));
 }
 
@@ -186,19 +187,20 @@ int runDemo(const DemoArgs& args) {
     printFailures(unified, summary.failures);
     return kExitBad;
   }
+  const std::vector<std::unique_ptr<LoadedFile>> files = loadAll({inputs[0], inputs[1], unified});
   bool plotted =
-      plotFiles(inputs, plane, fmt::format("plane {}: the two scans", plane), before) &&
-      plotFiles({inputs[0], inputs[1], unified}, plane,
+      files.size() == 3 &&
+      plotFiles(files, 2, plane, fmt::format("plane {}: the two scans", plane), before) &&
+      plotFiles(files, 3, plane,
                 fmt::format("plane {}: unified with blending (the blended stretch marked)", plane),
                 after) &&
-      viewFiles({inputs[0], inputs[1], unified}, view);
-  LuAfxsInspection result = luAfxsInspect(widen(unified), false);
+      viewFiles(files, view);
   double ms =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
   fmt::print("luafxs demo in {}\n", args.dir);
   for (const std::string& path : inputs)
     fmt::print("  wrote    {} ({} bytes)\n", path, fs::file_size(path, ec));
-  fmt::print("  unified  {} ({} bytes)\n", unified, result.fileSize);
+  fmt::print("  unified  {} ({} bytes)\n", unified, fs::file_size(unified, ec));
   if (plotted) fmt::print("  plotted  {} and {}\n  viewer   {}\n", before, after, view);
   fmt::print("planes            {} per scan\n", kPlanes);
   fmt::print("points            {} in the two scans ({} per plane and scan)\n", points,

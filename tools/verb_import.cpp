@@ -1,10 +1,12 @@
 // luafxs import: contours from what dump writes (csv with its header line,
-// ASCII or binary PLY, or xyz), into a new cross-section file, so that dump, import
-// and dump again give the same text. Malformed input is refused with one
-// message naming its line; nothing is written then.
+// ASCII or binary PLY of either byte order, or xyz), into a new cross-section
+// file, so that dump, import and dump again give the same text. Malformed
+// input is refused with one message naming its line; nothing is written then.
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -130,12 +132,32 @@ void readCsvRow(const std::vector<std::string>& columns, const std::vector<std::
   }
 }
 
+// The columns a row is read by: x y z always, and every group whole (nx ny
+// nz, rx ry rz, auxCount auxPositions) or not at all.
+void checkColumns(const std::vector<std::string>& columns, uint64_t line) {
+  auto has = [&](const char* name) {
+    return std::find(columns.begin(), columns.end(), name) != columns.end();
+  };
+  for (const char* needed : {"x", "y", "z"})
+    if (!has(needed))
+      throw ImportError{line, fmt::format("the header names no column '{}'", needed)};
+  const std::vector<std::vector<const char*>> groups = {
+      {"nx", "ny", "nz"}, {"rx", "ry", "rz"}, {"auxCount", "auxPositions"}};
+  for (const auto& group : groups)
+    for (const char* name : group)
+      if (has(group.front()) != has(name))
+        throw ImportError{
+            line, fmt::format("the header names '{}' without '{}'",
+                              has(name) ? name : group.front(), has(name) ? group.front() : name)};
+}
+
 std::vector<ImportedPlane> readCsv(const std::vector<std::string>& lines) {
   if (lines.empty()) throw ImportError{1, "no header line"};
   std::vector<std::string> columns = splitOn(lines[0], ',');
-  for (const char* needed : {"plane", "subset", "index", "x", "y", "z"})
+  for (const char* needed : {"plane", "subset", "index"})
     if (std::find(columns.begin(), columns.end(), needed) == columns.end())
       throw ImportError{1, fmt::format("the header names no column '{}'", needed)};
+  checkColumns(columns, 1);
   std::map<std::pair<uint32_t, uint32_t>, size_t> index;
   std::vector<ImportedPlane> planes;
   for (size_t i = 1; i < lines.size(); ++i)
@@ -143,75 +165,107 @@ std::vector<ImportedPlane> readCsv(const std::vector<std::string>& lines) {
   return planes;
 }
 
-// A PLY as dump writes it: vertex properties x y z [nx ny nz] [rx ry rz]
-// [distance] plane subset, doubles and ints, ASCII or binary little-endian.
-std::vector<ImportedPlane> readPly(const std::string& text) {
-  size_t headerEnd = text.find("end_header\n");
-  if (headerEnd == std::string::npos) throw ImportError{1, "a PLY header without end_header"};
-  std::vector<std::string> header = linesOf(text.substr(0, headerEnd));
-  bool binary = false;
+// ---- PLY ------------------------------------------------------------------------
+
+// The scalar types a PLY property may have (both spellings of each).
+enum class PlyType { Int8, UInt8, Int16, UInt16, Int32, UInt32, Float32, Float64 };
+
+struct PlyTypeName {
+  const char* name;
+  const char* alias;
+  PlyType type;
+  size_t size;
+};
+
+constexpr PlyTypeName kPlyTypes[] = {
+    {"char", "int8", PlyType::Int8, 1},        {"uchar", "uint8", PlyType::UInt8, 1},
+    {"short", "int16", PlyType::Int16, 2},     {"ushort", "uint16", PlyType::UInt16, 2},
+    {"int", "int32", PlyType::Int32, 4},       {"uint", "uint32", PlyType::UInt32, 4},
+    {"float", "float32", PlyType::Float32, 4}, {"double", "float64", PlyType::Float64, 8},
+};
+
+struct PlyProperty {
+  std::string name;
+  PlyType type;
+  size_t size;  // bytes in a binary row
+};
+
+enum class PlyFormat { Ascii, BinaryLittleEndian, BinaryBigEndian };
+
+// The header of a PLY with one element, vertex, of scalar properties.
+struct PlyHeader {
+  PlyFormat format = PlyFormat::Ascii;
   uint64_t count = 0;
-  std::vector<std::string> names;
-  for (size_t i = 0; i < header.size(); ++i) {
-    std::vector<std::string> w = splitOn(header[i], ' ');
+  std::vector<PlyProperty> properties;
+  uint64_t lines = 0;  // before end_header
+};
+
+PlyFormat plyFormat(const std::vector<std::string>& w, uint64_t line) {
+  if (w.size() >= 2 && w[1] == "ascii") return PlyFormat::Ascii;
+  if (w.size() >= 2 && w[1] == "binary_little_endian") return PlyFormat::BinaryLittleEndian;
+  if (w.size() >= 2 && w[1] == "binary_big_endian") return PlyFormat::BinaryBigEndian;
+  throw ImportError{line, "only ascii, binary_little_endian and binary_big_endian PLY are read"};
+}
+
+PlyProperty plyProperty(const std::vector<std::string>& w, uint64_t line) {
+  if (w.size() != 3) throw ImportError{line, "only scalar vertex properties are read"};
+  for (const PlyTypeName& t : kPlyTypes)
+    if (w[1] == t.name || w[1] == t.alias) {
+      bool integer = t.type != PlyType::Float32 && t.type != PlyType::Float64;
+      if ((w[2] == "plane" || w[2] == "subset") && !integer)
+        throw ImportError{line, fmt::format("property {} must be of an integer type", w[2])};
+      return {w[2], t.type, t.size};
+    }
+  throw ImportError{line, fmt::format("'{}' is not a PLY scalar type", w[1])};
+}
+
+PlyHeader readPlyHeader(const std::string& headerText) {
+  PlyHeader h;
+  std::vector<std::string> lines = linesOf(headerText);
+  h.lines = lines.size();
+  for (size_t i = 0; i < lines.size(); ++i) {
+    std::vector<std::string> w = splitOn(lines[i], ' ');
     if (w[0] == "format") {
-      if (w.size() < 2 || (w[1] != "ascii" && w[1] != "binary_little_endian"))
-        throw ImportError{i + 1, "only ascii and binary_little_endian PLY are read"};
-      binary = w[1] != "ascii";
+      h.format = plyFormat(w, i + 1);
     } else if (w[0] == "element") {
       if (w.size() != 3 || w[1] != "vertex")
         throw ImportError{i + 1, "only the vertex element is read"};
-      count = whole(w[2], i + 1, "element vertex", 0xFFFFFFFFFFull);
+      h.count = whole(w[2], i + 1, "element vertex", 0xFFFFFFFFFFull);
     } else if (w[0] == "property") {
-      bool isInt = w.size() == 3 && w[1] == "int";
-      if (w.size() != 3 || (w[1] != "double" && !isInt) ||
-          isInt != (w[2] == "plane" || w[2] == "subset"))
-        throw ImportError{i + 1, "a property dump does not write"};
-      names.push_back(w[2]);
+      h.properties.push_back(plyProperty(w, i + 1));
     }
   }
-  const size_t nd = names.size() - 2;
-  if (names.size() < 5 || names[nd] != "plane" || names[nd + 1] != "subset")
-    throw ImportError{header.size(), "the vertex properties do not end in plane and subset"};
+  const size_t n = h.properties.size();
+  if (n < 5 || h.properties[n - 2].name != "plane" || h.properties[n - 1].name != "subset")
+    throw ImportError{h.lines, "the vertex properties do not end in plane and subset"};
+  std::vector<std::string> names;
+  for (const PlyProperty& p : h.properties) names.push_back(p.name);
+  checkColumns(names, h.lines);
+  return h;
+}
+
+// ASCII rows go through the csv reader as its cells.
+std::vector<ImportedPlane> readAsciiPly(const PlyHeader& h, const std::string& body) {
+  const size_t nd = h.properties.size() - 2;
   std::vector<std::string> columns = {"plane", "subset", "index"};
-  columns.insert(columns.end(), names.begin(), names.begin() + static_cast<long>(nd));
+  for (size_t k = 0; k < nd; ++k) columns.push_back(h.properties[k].name);
+  std::vector<std::string> lines = linesOf(body);
+  const uint64_t firstLine = h.lines + 2;
+  if (lines.size() != h.count)
+    throw ImportError{firstLine + lines.size(),
+                      fmt::format("{} vertices where the header names {}", lines.size(), h.count)};
   std::map<std::pair<uint32_t, uint32_t>, size_t> index;
   std::vector<ImportedPlane> planes;
-  std::vector<uint64_t> nextIndex;
-  const char* body = text.data() + headerEnd + 11;
-  const size_t bodySize = text.size() - headerEnd - 11;
-  std::vector<std::string> lines =
-      binary ? std::vector<std::string>{} : linesOf(std::string(body, bodySize));
-  const uint64_t firstLine = header.size() + 2;
-  if (binary ? bodySize != count * (nd * 8 + 8) : lines.size() != count)
-    throw ImportError{binary ? 0 : firstLine + lines.size(),
-                      fmt::format("{} vertices where the header names {}",
-                                  binary ? bodySize / (nd * 8 + 8) : lines.size(), count)};
-  for (uint64_t v = 0; v < count; ++v) {
-    std::vector<std::string> cells;
-    if (binary) {
-      const char* row = body + v * (nd * 8 + 8);
-      for (size_t k = 0; k < nd; ++k) {
-        double d;
-        std::memcpy(&d, row + 8 * k, 8);
-        cells.push_back(fmt::format("{}", d));
-      }
-      for (size_t k = 0; k < 2; ++k) {
-        int32_t id;
-        std::memcpy(&id, row + 8 * nd + 4 * k, 4);
-        cells.push_back(std::to_string(static_cast<uint32_t>(id)));
-      }
-    } else {
-      cells = splitOn(lines[v], ' ');
-      if (cells.size() != nd + 2)
-        throw ImportError{firstLine + v,
-                          fmt::format("{} values where {} were expected", cells.size(), nd + 2)};
-      // dump writes an int: -1 stands for 4294967295.
-      for (size_t k = nd; k < nd + 2; ++k)
-        if (cells[k].size() > 1 && cells[k][0] == '-')
-          cells[k] =
-              std::to_string(static_cast<uint32_t>(std::strtol(cells[k].c_str(), nullptr, 10)));
-    }
+  for (uint64_t v = 0; v < h.count; ++v) {
+    std::vector<std::string> cells = splitOn(lines[v], ' ');
+    if (cells.size() != nd + 2)
+      throw ImportError{firstLine + v,
+                        fmt::format("{} values where {} were expected", cells.size(), nd + 2)};
+    // dump writes an int: -1 stands for 4294967295.
+    for (size_t k = nd; k < nd + 2; ++k)
+      if (cells[k].size() > 1 && cells[k][0] == '-')
+        cells[k] =
+            std::to_string(static_cast<uint32_t>(std::strtol(cells[k].c_str(), nullptr, 10)));
     std::vector<std::string> row = {cells[nd], cells[nd + 1], ""};
     row.insert(row.end(), cells.begin(), cells.begin() + static_cast<long>(nd));
     // The index column counts the points of each plane subset.
@@ -220,9 +274,152 @@ std::vector<ImportedPlane> readPly(const std::string& text) {
                        static_cast<uint32_t>(whole(row[1], firstLine + v, "subset", 0xFFFFFFFF)));
     auto it = index.find(key);
     row[2] = std::to_string(it == index.end() ? 0 : planes[it->second].plane.points.size());
-    readCsvRow(columns, row, binary ? 0 : firstLine + v, index, planes);
+    readCsvRow(columns, row, firstLine + v, index, planes);
   }
   return planes;
+}
+
+template <typename T>
+T loadScalar(const char* at, bool swap) {
+  char bytes[sizeof(T)];
+  std::memcpy(bytes, at, sizeof(T));
+  if (swap) std::reverse(bytes, bytes + sizeof(T));
+  T value;
+  std::memcpy(&value, bytes, sizeof(T));
+  return value;
+}
+
+// Every PLY scalar is exact as a double.
+double loadPlyValue(const char* at, PlyType type, bool swap) {
+  switch (type) {
+    case PlyType::Int8:
+      return loadScalar<int8_t>(at, swap);
+    case PlyType::UInt8:
+      return loadScalar<uint8_t>(at, swap);
+    case PlyType::Int16:
+      return loadScalar<int16_t>(at, swap);
+    case PlyType::UInt16:
+      return loadScalar<uint16_t>(at, swap);
+    case PlyType::Int32:
+      return loadScalar<int32_t>(at, swap);
+    case PlyType::UInt32:
+      return loadScalar<uint32_t>(at, swap);
+    case PlyType::Float32:
+      return loadScalar<float>(at, swap);
+    case PlyType::Float64:
+      return loadScalar<double>(at, swap);
+  }
+  return 0;
+}
+
+// Where dump's vertex properties are in a row; -1 for one that is absent.
+struct PlyColumns {
+  int x = -1, y = -1, z = -1, nx = -1, ny = -1, nz = -1, rx = -1, ry = -1, rz = -1, distance = -1;
+  int plane = -1, subset = -1;
+  explicit PlyColumns(const PlyHeader& h) {
+    for (size_t k = 0; k < h.properties.size(); ++k) {
+      const std::string& n = h.properties[k].name;
+      int* at = n == "x"          ? &x
+                : n == "y"        ? &y
+                : n == "z"        ? &z
+                : n == "nx"       ? &nx
+                : n == "ny"       ? &ny
+                : n == "nz"       ? &nz
+                : n == "rx"       ? &rx
+                : n == "ry"       ? &ry
+                : n == "rz"       ? &rz
+                : n == "distance" ? &distance
+                : n == "plane"    ? &plane
+                : n == "subset"   ? &subset
+                                  : nullptr;
+      if (at != nullptr) *at = static_cast<int>(k);
+    }
+  }
+};
+
+// One binary vertex row's values, checked, onto its plane subset.
+class BinaryPlyRows {
+public:
+  // The header has passed checkColumns.
+  explicit BinaryPlyRows(const PlyHeader& h)
+      : m_header(h), m_columns(h), m_values(h.properties.size()) {}
+
+  void add(const char* row, uint64_t vertex, bool swap) {
+    for (size_t k = 0; k < m_values.size(); ++k) {
+      const PlyProperty& p = m_header.properties[k];
+      m_values[k] = loadPlyValue(row, p.type, swap);
+      if (!std::isfinite(m_values[k]))
+        throw ImportError{0, fmt::format("vertex {}: property {}: {} is not a finite number",
+                                         vertex, p.name, m_values[k])};
+      row += p.size;
+    }
+    LuAfxsPlane& p = planeOf(idOf(m_columns.plane), idOf(m_columns.subset)).plane;
+    p.points.push_back(vec(m_columns.x, m_columns.y, m_columns.z));
+    if (m_columns.nx >= 0) p.normals.push_back(vec(m_columns.nx, m_columns.ny, m_columns.nz));
+    if (m_columns.rx >= 0) p.resPoints.push_back(vec(m_columns.rx, m_columns.ry, m_columns.rz));
+    if (m_columns.distance >= 0) p.distances.push_back(m_values[m_columns.distance]);
+  }
+
+  std::vector<ImportedPlane> take() { return std::move(m_planes); }
+
+private:
+  // A signed id wraps as dump's int does: -1 stands for 4294967295.
+  uint32_t idOf(int k) const {
+    return static_cast<uint32_t>(static_cast<int64_t>(m_values[static_cast<size_t>(k)]));
+  }
+  LuVec3 vec(int a, int b, int c) const {
+    return {m_values[static_cast<size_t>(a)], m_values[static_cast<size_t>(b)],
+            m_values[static_cast<size_t>(c)]};
+  }
+  // Rows of one plane subset mostly follow each other: the last one is
+  // looked at first.
+  ImportedPlane& planeOf(uint32_t planeId, uint32_t subsetId) {
+    auto key = std::make_pair(planeId, subsetId);
+    if (m_last < m_planes.size() && m_lastKey == key) return m_planes[m_last];
+    auto [it, added] = m_index.emplace(key, m_planes.size());
+    if (added) {
+      m_planes.emplace_back();
+      m_planes.back().plane.planeId = planeId;
+      m_planes.back().plane.subsetId = subsetId;
+    }
+    m_last = it->second;
+    m_lastKey = key;
+    return m_planes[m_last];
+  }
+
+  const PlyHeader& m_header;
+  PlyColumns m_columns;
+  std::vector<double> m_values;
+  std::map<std::pair<uint32_t, uint32_t>, size_t> m_index;
+  std::vector<ImportedPlane> m_planes;
+  size_t m_last = SIZE_MAX;
+  std::pair<uint32_t, uint32_t> m_lastKey;
+};
+
+std::vector<ImportedPlane> readBinaryPly(const PlyHeader& h, const char* body, size_t size) {
+  size_t rowSize = 0;
+  for (const PlyProperty& p : h.properties) rowSize += p.size;
+  if (size % rowSize != 0 || size / rowSize != h.count)
+    throw ImportError{
+        0, fmt::format("{} vertices where the header names {}", size / rowSize, h.count)};
+  const bool swap =
+      (h.format == PlyFormat::BinaryBigEndian) != (std::endian::native == std::endian::big);
+  BinaryPlyRows rows(h);
+  for (uint64_t v = 0; v < h.count; ++v) rows.add(body + v * rowSize, v, swap);
+  return rows.take();
+}
+
+// A PLY of one vertex element: x y z and any of nx ny nz, rx ry rz,
+// distance (as dump writes them), then plane and subset; ASCII, or binary
+// of either byte order with any PLY scalar types.
+std::vector<ImportedPlane> readPly(const std::string& text) {
+  const std::string mark = "end_header\n";
+  size_t headerEnd = text.find(mark);
+  if (headerEnd == std::string::npos) throw ImportError{1, "a PLY header without end_header"};
+  PlyHeader h = readPlyHeader(text.substr(0, headerEnd));
+  const size_t bodyAt = headerEnd + mark.size();
+  if (h.format == PlyFormat::Ascii) return readAsciiPly(h, text.substr(bodyAt));
+  return readBinaryPly(h, text.data() + bodyAt, text.size() - bodyAt);
 }
 
 std::vector<ImportedPlane> readXyz(const std::vector<std::string>& lines) {

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "luafxs.h"
+#include "progress_bar.h"
 
 namespace luafxs {
 
@@ -36,37 +37,6 @@ bool splitInput(const std::string& text, std::string& path, uint32_t& id, std::s
   id = static_cast<uint32_t>(value);
   return true;
 }
-
-// Draws "[#####.....] 12/40 positions" on standard error, on a terminal only.
-class Progress {
-public:
-  Progress(bool enabled, uint64_t total) : m_enabled(enabled), m_total(total) {}
-  void update(uint64_t done, uint64_t total) {
-    m_total = total;
-    update(done);
-  }
-  void update(uint64_t done) {
-    if (!m_enabled || m_total == 0) return;
-    done = std::min(done, m_total);
-    const int width = 30;
-    int filled = static_cast<int>(done * width / m_total);
-    fmt::print(stderr, "\r[{}{}] {}/{} positions", std::string(static_cast<size_t>(filled), '#'),
-               std::string(static_cast<size_t>(width - filled), '.'), done, m_total);
-    std::fflush(stderr);
-    m_drawn = true;
-  }
-  void finish() {
-    if (m_drawn) {
-      update(m_total);
-      fmt::print(stderr, "\n");
-    }
-  }
-
-private:
-  bool m_enabled;
-  uint64_t m_total;
-  bool m_drawn = false;
-};
 
 constexpr size_t kFailuresShown = 5;
 
@@ -179,8 +149,8 @@ bool unifyFiles(const std::vector<std::string>& inputs, const std::vector<uint32
   options.xsId = how.xsId;
   options.loadMode = how.loadMode;
   options.strict = how.strict;
-  Progress bar(how.progress, 0);
-  options.progress = [&bar](uint64_t done, uint64_t all) { bar.update(done, all); };
+  ProgressBar bar(how.progress);
+  options.progress = [&bar](uint64_t done, uint64_t all) { bar.draw(done, all, "positions"); };
   LuAfxsUnifySummary result;
   {
     QuietLibrary quiet;

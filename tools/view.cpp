@@ -127,6 +127,15 @@ private:
     for (auto& [id, parts] : m_planes)
       std::stable_sort(parts.begin(), parts.end(),
                        [](const Part& a, const Part& b) { return a.layer < b.layer; });
+    std::vector<std::vector<BlendLayer>> planes;
+    for (const auto& [id, parts] : m_planes) planes.push_back(blendLayers(parts));
+    m_blendFiles = drawingFiles(planes);
+  }
+
+  static std::vector<BlendLayer> blendLayers(const std::vector<Part>& parts) {
+    std::vector<BlendLayer> layers;
+    for (const Part& part : parts) layers.push_back({&part.points, part.file});
+    return layers;
   }
 
   LuVec3 origin3() const {
@@ -139,18 +148,13 @@ private:
     nlohmann::json out = {{"id", id}, {"parts", nlohmann::json::array()}};
     double depth = 0;
     size_t counted = 0;
-    size_t files = 0;
-    for (const Part& part : parts) files = std::max(files, part.file + 1);
-    std::vector<const std::vector<Point2>*> inputs;
-    for (const Part& part : parts)
-      if (part.file + 1 < files) inputs.push_back(&part.points);
-    for (const Part& part : parts) {
+    std::vector<std::vector<char>> marks = blendMarks(blendLayers(parts), m_blendFiles);
+    for (size_t i = 0; i < parts.size(); ++i) {
+      const Part& part = parts[i];
       nlohmann::json j = encodePart(part);
-      if (files > 1 && part.file + 1 == files) {
-        std::vector<char> blended = blendedMask(part.points, inputs);
-        if (std::find(blended.begin(), blended.end(), 1) != blended.end())
-          j["blend"] = encoded(std::vector<uint8_t>(blended.begin(), blended.end()));
-      }
+      const std::vector<char>& blended = marks[i];
+      if (std::find(blended.begin(), blended.end(), 1) != blended.end())
+        j["blend"] = encoded(std::vector<uint8_t>(blended.begin(), blended.end()));
       out["parts"].push_back(std::move(j));
       for (const LuVec3& p : part.plane->points) depth += m_frame.depth(p), ++counted;
     }
@@ -191,6 +195,7 @@ private:
   Box m_extent;
   Point2 m_origin;
   double m_depth0 = 0;
+  size_t m_blendFiles = 0;  // the drawing's files, as blendMarks counts them
 };
 
 // JSON inside a script element holds no "<" (which could end the element or

@@ -50,6 +50,17 @@ TEST_F(BatchTest, AListRunsEveryJobAndSummarises) {
   EXPECT_TRUE(lutest::fs::exists(path("u2.afxs")));
 }
 
+TEST_F(BatchTest, OnATerminalTheProgressBarCountsJobsAndFailures) {
+  writeFile("a.afxs", 2, 1);
+  writeList("jobs.txt", "validate " + p("a.afxs") + "\nvalidate " + p("missing.afxs") + "\n");
+  std::string screen;
+  if (!runOnTerminal("batch " + q("jobs.txt") + " -j 1", screen))
+    GTEST_SKIP() << "no script command to give the tool a terminal";
+  EXPECT_THAT(screen, ::testing::StartsWith("\r[###############...............] 1/2 jobs, 0 failed"
+                                            "\r[##############################] 2/2 jobs, 1 failed"
+                                            "\r\n"));
+}
+
 TEST_F(BatchTest, AFailingJobNeverStopsTheOthers) {
   writeFile("a.afxs", 2, 1);
   writeList("jobs.txt", "validate " + p("missing.afxs") + "\n" + "unify -o " + p("u1.afxs") + " " +

@@ -30,8 +30,8 @@ protected:
   Outcome runWithStreamsIn(const std::filesystem::path& io, const std::string& args,
                            const std::string& prefix = "") {
     std::string out = (io / "stdout.txt").string(), err = (io / "stderr.txt").string();
-    std::string command = prefix + "'" + LUAFXS_PATH + "' " + args + " >'" + out + "' 2>'" + err +
-                          "' </dev/null";
+    std::string command =
+        prefix + "'" + LUAFXS_PATH + "' " + args + " >'" + out + "' 2>'" + err + "' </dev/null";
     int status = std::system(command.c_str());
     Outcome r;
     r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -40,6 +40,21 @@ protected:
     return r;
   }
   std::string q(const std::string& name) { return "'" + path(name).string() + "'"; }
+
+  // What a terminal shows of the tool's standard error (`script` gives the
+  // tool one; its standard output is dropped; a terminal ends lines in
+  // "\r\n"). False when there is no `script` to run it with.
+  bool runOnTerminal(const std::string& args, std::string& screen) {
+    if (std::system("command -v script >/dev/null 2>&1") != 0) return false;
+    const std::string out = m_dir.string() + ".tty";
+    std::string command = std::string("script -qec \"'") + LUAFXS_PATH + "' " + args +
+                          " >/dev/null\" /dev/null >'" + out + "' 2>&1 </dev/null";
+    int status = std::system(command.c_str());
+    (void)status;  // the tool's exit code is not what is looked at
+    screen = lutest::readText(out);
+    std::filesystem::remove(out);
+    return true;
+  }
 
   // A file of `planes` planes with one subset: a 4-point square per plane
   // in two segments (2 + 2 points), with normals, and with result points and

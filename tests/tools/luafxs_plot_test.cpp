@@ -2,12 +2,14 @@
 // small multiples, colour by distance, zoom, the blended stretch) and the
 // self-contained page of view.
 #include <algorithm>
+#include <map>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "luafxs_fixture.h"
 
@@ -42,6 +44,46 @@ protected:
     data.setSegments(segments, 1);
     ASSERT_TRUE(data.flush());
     link.release();
+  }
+
+  // One plane per entry of `xs` (plane k: the points (x, 0, k) in one
+  // segment), all of one subset.
+  void writePlanes(const std::string& name, uint32_t subset,
+                   const std::vector<std::vector<double>>& xs) {
+    LuAfxsCreateLink link(wpath(name).c_str());
+    LuAfxsHeader header;
+    header.version = 1;
+    header.normal[2] = 1;
+    header.numPlanes = static_cast<uint32_t>(xs.size());
+    header.distBwPlanes = 1;
+    link.setHeader(header);
+    ASSERT_TRUE(link.create(true));
+    for (size_t k = 0; k < xs.size(); ++k) {
+      std::vector<LuVec3> points;
+      for (double x : xs[k]) points.push_back({x, 0, static_cast<double>(k)});
+      int segments[1] = {static_cast<int>(points.size())};
+      LuAfxsCreateData data(link, static_cast<uint32_t>(k), subset);
+      data.setPoints(reinterpret_cast<const double(*)[3]>(points.data()), points.size());
+      data.setSegments(segments, 1);
+      ASSERT_TRUE(data.flush());
+    }
+    link.release();
+  }
+
+  // The planes of a viewer page's data: plane id -> whether each part carries a blend mask.
+  std::map<uint32_t, std::vector<bool>> viewBlendParts(const std::string& files) {
+    Outcome r = run("view " + files + " -o " + q("v.html"));
+    EXPECT_EQ(r.code, 0) << r.err;
+    std::string html = lutest::readText(path("v.html"));
+    const std::string open = "<script id=\"luafxs-data\" type=\"application/json\">";
+    size_t from = html.find(open) + open.size();
+    nlohmann::json data =
+        nlohmann::json::parse(html.substr(from, html.find("</script>", from) - from));
+    std::map<uint32_t, std::vector<bool>> out;
+    for (const nlohmann::json& plane : data["planes"])
+      for (const nlohmann::json& part : plane["parts"])
+        out[plane["id"].get<uint32_t>()].push_back(part.contains("blend"));
+    return out;
   }
 
   static std::vector<double> range(double first, double last, double step) {
@@ -269,6 +311,22 @@ TEST_F(PlotTest, TheUnifiedFilesNewPointsAreMarkedAsTheBlendedStretch) {
 }
 
 // ---- view ----------------------------------------------------------------------
+
+TEST_F(PlotTest, ViewMarksTheBlendedStretchOnTheLastFileOnlyAsPlotDoes) {
+  // Plane 1 is in the inputs only: b's points there that a lacks are not a
+  // blended stretch, since b is an input, not the unified file.
+  std::vector<double> left = range(0, 10, 1), right = range(14, 24, 1), wider = range(0, 13, 1);
+  writePlanes("a.afxs", 1, {left, left});
+  writePlanes("b.afxs", 2, {right, wider});
+  writePlanes("u.afxs", 1, {range(0, 24, 1)});
+  std::map<uint32_t, std::vector<bool>> parts =
+      viewBlendParts(q("a.afxs") + " " + q("b.afxs") + " " + q("u.afxs"));
+  EXPECT_EQ(parts[0], (std::vector<bool>{false, false, true}));
+  EXPECT_EQ(parts[1], (std::vector<bool>{false, false}));
+  // plot draws plane 1 the same way: nothing marked.
+  std::string svg = plot(q("a.afxs") + " " + q("b.afxs") + " " + q("u.afxs") + " --planes 0,1").out;
+  EXPECT_EQ(count(svg, "class=\"blended-run\""), 1u);
+}
 
 TEST_F(PlotTest, ViewWritesOneSelfContainedPage) {
   writeFile("a.afxs", 3, 1, true);

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <fstream>
 #include <map>
 #include <thread>
 
@@ -116,6 +117,14 @@ protected:
 
   std::string pathText(const std::string& name) const { return path(name).string(); }
 
+  // A closed mesh that slice cuts: a tetrahedron as ASCII PLY.
+  void writeTetrahedron(const std::string& name) {
+    std::ofstream(path(name))
+        << "ply\nformat ascii 1.0\nelement vertex 4\nproperty double x\nproperty double y\n"
+           "property double z\nelement face 4\nproperty list uchar int vertex_indices\n"
+           "end_header\n0 0 0\n1 0 0\n0 1 0\n0 0 1\n3 0 2 1\n3 0 1 3\n3 0 3 2\n3 1 2 3\n";
+  }
+
   fs::path m_io;
 };
 
@@ -168,20 +177,28 @@ TEST_P(BadOutputTest, IsRefusedBeforeAnythingIsWritten) {
   const std::string verb = GetParam().verb, kind = GetParam().bad.name;
   writeFile("in.afxs", 3, 1, true);
   writeFile("in2.afxs", 3, 2, true);
-  std::string output = kind == "input" ? "in.afxs" : "out";
+  writeTetrahedron("mesh.ply");
+  std::ofstream(path("in.xyz")) << "0 0 0\n1 0 0\n1 1 0\n";
+  // The input the bad output is, or links to: the one a verb reads.
+  const std::string input = verb == "slice" ? "mesh.ply" : verb == "import" ? "in.xyz" : "in.afxs";
+  std::string output = kind == "input" ? input : "out";
   std::string args;
   if (verb == "dump") args = "dump " + q("in.afxs") + " -o " + q(output);
   if (verb == "plot") args = "plot " + q("in.afxs") + " " + q("in2.afxs") + " -o " + q(output);
   if (verb == "view") args = "view " + q("in.afxs") + " " + q("in2.afxs") + " -o " + q(output);
   if (verb == "unify") args = "unify -o " + q(output) + " " + q("in2.afxs") + " " + q("in.afxs");
   if (verb == "remove") args = "remove " + q(output) + " --fields normals";
+  if (verb == "compare")
+    args = "compare " + q("in.afxs") + " " + q("in2.afxs") + " -o " + q(output);
+  if (verb == "slice") args = "slice " + q("mesh.ply") + " --planes 3 -o " + q(output);
+  if (verb == "import") args = "import " + q("in.xyz") + " -o " + q(output);
   if (verb == "demo") {
     // The last of the demo's outputs is the bad one: nothing may be written before it.
     fs::create_directory(path("demo"));
     output = "demo/view.html";
     args = "demo " + q("demo");
   }
-  if (kind != "input") makeBad(output, "in.afxs");
+  if (kind != "input") makeBad(output, input);
   auto before = snapshot();
   Outcome r = runLimited(args);
   EXPECT_EQ(r.code, 1) << r.out << r.err;
@@ -193,7 +210,8 @@ TEST_P(BadOutputTest, IsRefusedBeforeAnythingIsWritten) {
 
 std::vector<WritingCase> writingCases() {
   std::vector<WritingCase> out;
-  for (const char* verb : {"dump", "plot", "view", "unify", "remove", "demo"})
+  for (const char* verb :
+       {"dump", "plot", "view", "unify", "remove", "demo", "compare", "slice", "import"})
     for (const BadOutput& bad : kBadOutputs) {
       std::string kind = bad.name;
       // remove's output is its input; links to it are valid targets (tested below).

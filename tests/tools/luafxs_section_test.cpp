@@ -5,6 +5,8 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cmath>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -225,6 +227,118 @@ TEST_F(SectionVerbs, ImportKeepsAuxGroupsResultsAndSegmentBreaks) {
   EXPECT_EQ(f.planes[1].resPoints.size(), 4u);
 }
 
+// Binary PLY of either byte order with float or double coordinates: every
+// value comes back exactly as the file holds it.
+struct BinaryPly {
+  const char* name;
+  bool bigEndian;
+  bool doubles;
+};
+
+void PrintTo(const BinaryPly& c, std::ostream* os) { *os << c.name; }
+
+class ImportBinaryPly : public SectionVerbs, public ::testing::WithParamInterface<BinaryPly> {
+protected:
+  // The value as the file holds it: a float keeps what a float can.
+  double held(double v) const {
+    return GetParam().doubles ? v : static_cast<double>(static_cast<float>(v));
+  }
+
+  template <typename T>
+  void put(std::string& out, T value) const {
+    char bytes[sizeof(T)];
+    std::memcpy(bytes, &value, sizeof(T));
+    if (GetParam().bigEndian) std::reverse(bytes, bytes + sizeof(T));
+    out.append(bytes, sizeof(T));
+  }
+  void putCoordinate(std::string& out, double v) const {
+    if (GetParam().doubles)
+      put(out, v);
+    else
+      put(out, static_cast<float>(v));
+  }
+};
+
+TEST_P(ImportBinaryPly, ReadsEveryValueExactly) {
+  const std::string type = GetParam().doubles ? "double" : "float";
+  std::string text =
+      "ply\nformat " +
+      std::string(GetParam().bigEndian ? "binary_big_endian" : "binary_little_endian") +
+      " 1.0\ncomment three plane subsets\nelement vertex 5\n";
+  for (const char* name : {"x", "y", "z", "nx", "ny", "nz", "distance"})
+    text += "property " + type + " " + name + "\n";
+  text += "property int plane\nproperty ushort subset\nend_header\n";
+  // plane, subset, then x y z nx ny nz distance of each vertex.
+  const int32_t ids[5][2] = {{0, 3}, {0, 3}, {7, 3}, {7, 3}, {-1, 65535}};
+  const double values[5][7] = {{0.1, -123.456789, 1e-7, 0.6, 0.8, 0, 0.0123},
+                               {1.0 / 3, 2.5e5 + 0.123, -0.0, 0, 0, 1, -7.75},
+                               {3.14159265358979, 2.718281828459045, 42, 1, 0, 0, 1e-30},
+                               {-1e10, 1e-300, 5, 0, 1, 0, 0},
+                               {9.87654321, -9.87654321, 0.5, 0, 0, -1, 123456.789}};
+  for (size_t v = 0; v < 5; ++v) {
+    for (double d : values[v]) putCoordinate(text, d);
+    put(text, ids[v][0]);
+    put(text, static_cast<uint16_t>(ids[v][1]));
+  }
+  std::ofstream(path("in.ply"), std::ios::binary) << text;
+  auto r = run("import " + q("in.ply") + " -o " + q("out.afxs"));
+  ASSERT_EQ(r.code, 0) << r.err;
+  Loaded f = load("out.afxs");
+  ASSERT_EQ(f.planes.size(), 3u);
+  const uint32_t planeIds[3] = {0, 7, 4294967295u}, subsetIds[3] = {3, 3, 65535};
+  const size_t firstVertex[4] = {0, 2, 4, 5};
+  for (size_t k = 0; k < 3; ++k) {
+    const LuAfxsPlane& p = f.planes[k];
+    EXPECT_EQ(p.planeId, planeIds[k]);
+    EXPECT_EQ(p.subsetId, subsetIds[k]);
+    ASSERT_EQ(p.points.size(), firstVertex[k + 1] - firstVertex[k]);
+    ASSERT_EQ(p.normals.size(), p.points.size());
+    ASSERT_EQ(p.distances.size(), p.points.size());
+    for (size_t i = 0; i < p.points.size(); ++i) {
+      const double* v = values[firstVertex[k] + i];
+      EXPECT_EQ(p.points[i].x, held(v[0]));
+      EXPECT_EQ(p.points[i].y, held(v[1]));
+      EXPECT_EQ(p.points[i].z, held(v[2]));
+      EXPECT_EQ(p.normals[i].x, held(v[3]));
+      EXPECT_EQ(p.normals[i].y, held(v[4]));
+      EXPECT_EQ(p.normals[i].z, held(v[5]));
+      EXPECT_EQ(p.distances[i], held(v[6]));
+    }
+  }
+}
+
+TEST_P(ImportBinaryPly, RefusesANonFiniteValueAndWritesNothing) {
+  const std::string type = GetParam().doubles ? "double" : "float";
+  std::string text =
+      "ply\nformat " +
+      std::string(GetParam().bigEndian ? "binary_big_endian" : "binary_little_endian") +
+      " 1.0\nelement vertex 2\nproperty " + type + " x\nproperty " + type + " y\nproperty " + type +
+      " z\nproperty int plane\nproperty int subset\nend_header\n";
+  std::string rows;
+  for (size_t v = 0; v < 2; ++v) {
+    putCoordinate(rows, 1.0);
+    putCoordinate(rows, v == 1 ? INFINITY : 2.0);
+    putCoordinate(rows, 3.0);
+    put(rows, int32_t{0});
+    put(rows, int32_t{1});
+  }
+  std::ofstream(path("in.ply"), std::ios::binary) << text + rows;
+  auto r = run("import " + q("in.ply") + " -o " + q("out.afxs"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("vertex 1: property y: inf is not a finite number"), std::string::npos)
+      << r.err;
+  EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Encodings, ImportBinaryPly,
+                         ::testing::Values(BinaryPly{"LittleEndianFloat", false, false},
+                                           BinaryPly{"LittleEndianDouble", false, true},
+                                           BinaryPly{"BigEndianFloat", true, false},
+                                           BinaryPly{"BigEndianDouble", true, true}),
+                         [](const ::testing::TestParamInfo<BinaryPly>& info) {
+                           return info.param.name;
+                         });
+
 struct Malformed {
   const char* name;
   const char* text;
@@ -257,6 +371,18 @@ INSTANTIATE_TEST_SUITE_P(
                   "ply\nformat ascii 1.0\nelement vertex 2\nproperty double x\nproperty double "
                   "y\nproperty double z\nproperty int plane\nproperty int subset\nend_header\n1 2 "
                   "3 0 1\n",
+                  "1 vertices where the header names 2"},
+        Malformed{"CsvHalfAGroup", "plane,subset,index,x,y,z,nx\n0,1,0,1,2,3,0\n",
+                  "line 1: the header names 'nx' without 'ny'"},
+        Malformed{"PlyPlaneNotInteger",
+                  "ply\nformat binary_little_endian 1.0\nelement vertex 0\nproperty double x\n"
+                  "property double y\nproperty double z\nproperty float plane\nproperty int "
+                  "subset\nend_header\n",
+                  "line 7: property plane must be of an integer type"},
+        Malformed{"PlyBinaryCutShort",
+                  "ply\nformat binary_big_endian 1.0\nelement vertex 2\nproperty uchar x\n"
+                  "property uchar y\nproperty uchar z\nproperty uchar plane\nproperty uchar "
+                  "subset\nend_header\n12345678",
                   "1 vertices where the header names 2"},
         Malformed{"PlyNotANumber",
                   "ply\nformat ascii 1.0\nelement vertex 1\nproperty double x\nproperty double "

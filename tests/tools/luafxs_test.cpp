@@ -260,6 +260,18 @@ TEST_F(LuafxsTest, UnifyWritesThePlanesOfEveryInput) {
   EXPECT_EQ(j["header"]["version"], 3);
 }
 
+TEST_F(LuafxsTest, UnifyOnATerminalDrawsAProgressBarThatEndsFull) {
+  writeFile("a.afxs", 3, 1);
+  writeFile("b.afxs", 3, 2);
+  std::string screen;
+  if (!runOnTerminal("unify -o " + q("u.afxs") + " " + q("a.afxs") + " " + q("b.afxs"), screen))
+    GTEST_SKIP() << "no script command to give the tool a terminal";
+  EXPECT_EQ(screen,
+            "\r[##########....................] 1/3 positions"
+            "\r[####################..........] 2/3 positions"
+            "\r[##############################] 3/3 positions\r\n");
+}
+
 TEST_F(LuafxsTest, UnifyWritesUnderTheGivenIds) {
   writeFile("a.afxs", 2, 1);
   writeFile("b.afxs", 2, 2);
