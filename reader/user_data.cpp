@@ -1,8 +1,11 @@
 // LuAfxsUserData: the reading side's view of one plane-subset record, loaded
 // field by field, with results written back as a results record.
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include <luAnaf/luAfxsCreate.h>
 #include <luAnaf/luAfxsUser.h>
@@ -128,13 +131,19 @@ bool LuAfxsUserData::load(unsigned long mask) {
       m_recordLoaded = true;
       return true;
     }
-    // While the link's stream is open for reading only, each field comes
-    // with positioned reads (its count and the heads behind it in one read,
-    // its array straight into the member); else through the stream.
-    std::optional<afxs::PositionedSource> positioned;
+    // The missing fields in the order of the file. While the link's stream
+    // is open for reading only, each comes with positioned reads: its array
+    // straight into the member, with the next block's head in the same
+    // read; else through the stream.
+    std::vector<std::pair<uint32_t, uint32_t>> missing;  // offset, id
     for (const auto& [id, offset] : m_fieldDirectory) {
-      uint32_t bit = afxs::fieldMaskBit(id);
-      if ((bit & mask) == 0 || m_loadedFields.count(id) != 0) continue;
+      if ((afxs::fieldMaskBit(id) & mask) != 0 && m_loadedFields.count(id) == 0)
+        missing.emplace_back(offset, id);
+    }
+    std::sort(missing.begin(), missing.end());
+    std::optional<afxs::PositionedSource> positioned;
+    for (const auto& [offset, id] : missing) {
+      const uint32_t bit = afxs::fieldMaskBit(id);
       FILE* open = afxs::readOnlyStream(m_link->m_file, m_link->m_fileOpenForWrite);
       if (open != nullptr) {
         if (!positioned || positioned->stream() != open) positioned.emplace(open);
