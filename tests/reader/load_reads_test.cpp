@@ -170,6 +170,45 @@ TEST_F(LoadReadsTest, TheNextLoadOnTheSameLinkSeesFlushedResults) {
   EXPECT_EQ(i, distances.size());
 }
 
+// The same after an index, through the link that flushed the results (its
+// stream open for writing) and through a new one (open for reading only):
+// the index finds the results record, and the fields loaded after it are
+// read from the first block of each identifier, as documented (so the
+// distances are the plane-subset record's own, not the results').
+TEST_F(LoadReadsTest, AnIndexAndTheFieldsAfterItReadAsDocumentedAfterAResultsFlush) {
+  std::wstring file = writeFile("results_index.afxs", {300, 5000, 40});
+  LuAfxsUserLink link(file.c_str());
+  std::vector<std::vector<double>> distances;
+  {
+    LuAfxsUserDataSet set(link);
+    ASSERT_TRUE(set.load(LU_AFXS_MASK_POINTS));
+    for (LuAfxsUserData* d : set) {
+      const size_t n = d->getPlaneData().points.size();
+      std::vector<double> values(n);
+      for (size_t k = 0; k < n; ++k) values[k] = 0.25 * static_cast<double>(k + distances.size());
+      d->setDistances(values.data(), n);
+      ASSERT_TRUE(d->flush());
+      distances.push_back(values);
+    }
+  }
+  LuAfxsUserLink fresh(file.c_str());
+  for (int round = 0; round < 2; ++round) {
+    LuAfxsUserDataSet again(round == 0 ? link : fresh);
+    ASSERT_TRUE(again.load(0)) << round;
+    size_t i = 0;
+    for (LuAfxsUserData* d : again) {
+      EXPECT_NE(d->fileState() & LU_AFXS_MASK_DISTANCES, 0u) << round;
+      ASSERT_TRUE(d->load(LU_AFXS_MASK_ALL)) << round;
+      EXPECT_EQ(d->getPlaneData().distances, m_planes.at(i).distances) << round;
+      EXPECT_NE(d->getPlaneData().distances, distances.at(i)) << round;
+      EXPECT_EQ(d->getPlaneData().points, m_planes.at(i).points) << round;
+      EXPECT_EQ(d->getPlaneData().normals, m_planes.at(i).normals) << round;
+      ++i;
+    }
+    EXPECT_EQ(i, distances.size()) << round;
+  }
+}
+
 // A read that fails in the middle of a record's blocks fails the load and
 // leaves nothing behind; the next load succeeds.
 TEST_F(LoadReadsTest, AFailedBlockReadFailsTheLoad) {
