@@ -10,7 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <sstream>
+#include <string_view>
 #include <utility>
 
 #include <fmt/format.h>
@@ -26,18 +26,26 @@ struct ImportError {
   std::string what;
 };
 
-std::vector<std::string> splitOn(const std::string& text, char separator) {
-  std::vector<std::string> cells;
+// The pieces of `text` between separators, as views of it, into `cells`
+// (whose room is reused from row to row).
+void splitOn(std::string_view text, char separator, std::vector<std::string_view>& cells) {
+  cells.clear();
   size_t from = 0;
   for (;;) {
     size_t at = text.find(separator, from);
-    cells.push_back(text.substr(from, at == std::string::npos ? std::string::npos : at - from));
-    if (at == std::string::npos) return cells;
+    cells.push_back(text.substr(from, at == std::string_view::npos ? at : at - from));
+    if (at == std::string_view::npos) return;
     from = at + 1;
   }
 }
 
-double number(const std::string& cell, uint64_t line, const std::string& column) {
+std::vector<std::string_view> splitOn(std::string_view text, char separator) {
+  std::vector<std::string_view> cells;
+  splitOn(text, separator, cells);
+  return cells;
+}
+
+double number(std::string_view cell, uint64_t line, std::string_view column) {
   double v = 0;
   auto [end, ec] = std::from_chars(cell.data(), cell.data() + cell.size(), v);
   if (cell.empty() || ec != std::errc() || end != cell.data() + cell.size())
@@ -47,7 +55,7 @@ double number(const std::string& cell, uint64_t line, const std::string& column)
   return v;
 }
 
-uint64_t whole(const std::string& cell, uint64_t line, const std::string& column, uint64_t max) {
+uint64_t whole(std::string_view cell, uint64_t line, std::string_view column, uint64_t max) {
   uint64_t v = 0;
   auto [end, ec] = std::from_chars(cell.data(), cell.data() + cell.size(), v);
   if (cell.empty() || ec != std::errc() || end != cell.data() + cell.size() || v > max)
@@ -66,75 +74,138 @@ struct ImportedPlane {
 };
 
 std::string readWhole(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
   if (!in) throw ImportError{0, "cannot be opened for reading"};
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
+  const std::streamoff size = in.tellg();
+  std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
+  in.seekg(0);
+  if (size < 0 || !in.read(text.data(), size)) throw ImportError{0, "cannot be read"};
+  return text;
 }
 
-// The lines of a text: each must end in a line feed (a last line without one
-// means the file was cut).
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines = splitOn(text, '\n');
+// The lines of a text, as views of it: each must end in a line feed (a last
+// line without one means the file was cut).
+std::vector<std::string_view> linesOf(std::string_view text) {
+  std::vector<std::string_view> lines = splitOn(text, '\n');
   if (!lines.back().empty())
     throw ImportError{lines.size(), "the last line has no line feed: the file was cut short"};
   lines.pop_back();
   return lines;
 }
 
-void readCsvRow(const std::vector<std::string>& columns, const std::vector<std::string>& cells,
-                uint64_t line, std::map<std::pair<uint32_t, uint32_t>, size_t>& index,
-                std::vector<ImportedPlane>& planes) {
-  if (cells.size() != columns.size())
-    throw ImportError{
-        line, fmt::format("{} columns where the header names {}", cells.size(), columns.size())};
-  std::map<std::string, const std::string*> cell;
-  for (size_t i = 0; i < columns.size(); ++i) cell[columns[i]] = &cells[i];
-  uint32_t planeId = static_cast<uint32_t>(whole(*cell["plane"], line, "plane", 0xFFFFFFFF));
-  uint32_t subsetId = static_cast<uint32_t>(whole(*cell["subset"], line, "subset", 0xFFFFFFFF));
-  auto [it, added] = index.emplace(std::make_pair(planeId, subsetId), planes.size());
-  if (added) {
-    planes.emplace_back();
-    planes.back().plane.planeId = planeId;
-    planes.back().plane.subsetId = subsetId;
+// Where each column that a row is read by stands among the header's
+// columns (the last of equal names); -1 for one that is absent.
+struct CsvColumns {
+  size_t count = 0;
+  int plane = -1, subset = -1, index = -1, x = -1, y = -1, z = -1, nx = -1, ny = -1, nz = -1;
+  int rx = -1, ry = -1, rz = -1, distance = -1, segment = -1, auxCount = -1, auxPositions = -1;
+
+  explicit CsvColumns(const std::vector<std::string_view>& names) : count(names.size()) {
+    const std::pair<const char*, int*> known[] = {{"plane", &plane},
+                                                  {"subset", &subset},
+                                                  {"index", &index},
+                                                  {"x", &x},
+                                                  {"y", &y},
+                                                  {"z", &z},
+                                                  {"nx", &nx},
+                                                  {"ny", &ny},
+                                                  {"nz", &nz},
+                                                  {"rx", &rx},
+                                                  {"ry", &ry},
+                                                  {"rz", &rz},
+                                                  {"distance", &distance},
+                                                  {"segment", &segment},
+                                                  {"auxCount", &auxCount},
+                                                  {"auxPositions", &auxPositions}};
+    for (size_t i = 0; i < names.size(); ++i)
+      for (const auto& [name, at] : known)
+        if (names[i] == name) *at = static_cast<int>(i);
   }
-  ImportedPlane& p = planes[it->second];
-  if (whole(*cell["index"], line, "index", 0xFFFFFFFF) != p.plane.points.size())
-    throw ImportError{line, fmt::format("column index: {} where point {} of plane {} subset {} "
-                                        "was expected",
-                                        *cell["index"], p.plane.points.size(), planeId, subsetId)};
-  auto vec = [&](const char* a, const char* b, const char* c) {
-    return LuVec3{number(*cell[a], line, a), number(*cell[b], line, b), number(*cell[c], line, c)};
+};
+
+// The plane subsets read so far, found by their ids; rows of one plane
+// subset mostly follow each other, so the last one is looked at first.
+class PlaneSubsets {
+public:
+  ImportedPlane& of(uint32_t planeId, uint32_t subsetId) {
+    const std::pair<uint32_t, uint32_t> key(planeId, subsetId);
+    if (m_last < m_planes.size() && m_lastKey == key) return m_planes[m_last];
+    auto [it, added] = m_index.try_emplace(key, m_planes.size());
+    if (added) {
+      m_planes.emplace_back();
+      m_planes.back().plane.planeId = planeId;
+      m_planes.back().plane.subsetId = subsetId;
+    }
+    m_last = it->second;
+    m_lastKey = key;
+    return m_planes[m_last];
+  }
+  // The points read so far of a plane subset (0 for one not met yet).
+  size_t pointsOf(uint32_t planeId, uint32_t subsetId) const {
+    auto it = m_index.find(std::make_pair(planeId, subsetId));
+    return it == m_index.end() ? 0 : m_planes[it->second].plane.points.size();
+  }
+  std::vector<ImportedPlane> take() { return std::move(m_planes); }
+
+private:
+  std::map<std::pair<uint32_t, uint32_t>, size_t> m_index;
+  std::vector<ImportedPlane> m_planes;
+  size_t m_last = SIZE_MAX;
+  std::pair<uint32_t, uint32_t> m_lastKey;
+};
+
+void readCsvRow(const CsvColumns& columns, const std::vector<std::string_view>& cells,
+                uint64_t line, PlaneSubsets& planes) {
+  if (cells.size() != columns.count)
+    throw ImportError{
+        line, fmt::format("{} columns where the header names {}", cells.size(), columns.count)};
+  auto cell = [&](int at) { return cells[static_cast<size_t>(at)]; };
+  auto id = [&](int at, const char* name) {
+    return static_cast<uint32_t>(whole(cell(at), line, name, 0xFFFFFFFF));
   };
-  auto present = [&](const char* a) { return cell.count(a) && !cell[a]->empty(); };
-  p.plane.points.push_back(vec("x", "y", "z"));
-  if (present("nx")) p.plane.normals.push_back(vec("nx", "ny", "nz"));
-  if (present("rx")) p.plane.resPoints.push_back(vec("rx", "ry", "rz"));
-  if (present("distance")) p.plane.distances.push_back(number(*cell["distance"], line, "distance"));
-  if (cell.count("segment"))
+  const uint32_t planeId = id(columns.plane, "plane");
+  const uint32_t subsetId = id(columns.subset, "subset");
+  ImportedPlane& p = planes.of(planeId, subsetId);
+  if (whole(cell(columns.index), line, "index", 0xFFFFFFFF) != p.plane.points.size())
+    throw ImportError{line,
+                      fmt::format("column index: {} where point {} of plane {} subset {} "
+                                  "was expected",
+                                  cell(columns.index), p.plane.points.size(), planeId, subsetId)};
+  auto value = [&](int at, const char* name) { return number(cell(at), line, name); };
+  auto vec = [&](int a, int b, int c, const char* na, const char* nb, const char* nc) {
+    return LuVec3{value(a, na), value(b, nb), value(c, nc)};
+  };
+  auto present = [&](int at) { return at >= 0 && !cell(at).empty(); };
+  p.plane.points.push_back(vec(columns.x, columns.y, columns.z, "x", "y", "z"));
+  if (present(columns.nx))
+    p.plane.normals.push_back(vec(columns.nx, columns.ny, columns.nz, "nx", "ny", "nz"));
+  if (present(columns.rx))
+    p.plane.resPoints.push_back(vec(columns.rx, columns.ry, columns.rz, "rx", "ry", "rz"));
+  if (present(columns.distance)) p.plane.distances.push_back(value(columns.distance, "distance"));
+  if (columns.segment >= 0)
     p.segmentOfPoint.push_back(
-        present("segment")
-            ? static_cast<int64_t>(whole(*cell["segment"], line, "segment", 0x7FFFFFFF))
+        present(columns.segment)
+            ? static_cast<int64_t>(whole(cell(columns.segment), line, "segment", 0x7FFFFFFF))
             : -1);
-  if (present("auxCount")) {
+  if (present(columns.auxCount)) {
     p.hasAux = true;
-    uint32_t count = static_cast<uint32_t>(whole(*cell["auxCount"], line, "auxCount", 0xFFFFFFFF));
-    std::vector<std::string> positions = cell["auxPositions"]->empty()
-                                             ? std::vector<std::string>{}
-                                             : splitOn(*cell["auxPositions"], ' ');
+    const uint32_t count = id(columns.auxCount, "auxCount");
+    const std::string_view list = cell(columns.auxPositions);
+    const std::vector<std::string_view> positions =
+        list.empty() ? std::vector<std::string_view>{} : splitOn(list, ' ');
     if (positions.size() != count)
       throw ImportError{line, fmt::format("column auxPositions: {} positions where auxCount is {}",
                                           positions.size(), count)};
     p.auxCounts.push_back(count);
-    for (const std::string& s : positions)
-      p.auxPositions.push_back(static_cast<uint32_t>(whole(s, line, "auxPositions", 0xFFFFFFFF)));
+    for (std::string_view position : positions)
+      p.auxPositions.push_back(
+          static_cast<uint32_t>(whole(position, line, "auxPositions", 0xFFFFFFFF)));
   }
 }
 
 // The columns a row is read by: x y z always, and every group whole (nx ny
 // nz, rx ry rz, auxCount auxPositions) or not at all.
-void checkColumns(const std::vector<std::string>& columns, uint64_t line) {
+void checkColumns(const std::vector<std::string_view>& columns, uint64_t line) {
   auto has = [&](const char* name) {
     return std::find(columns.begin(), columns.end(), name) != columns.end();
   };
@@ -151,18 +222,21 @@ void checkColumns(const std::vector<std::string>& columns, uint64_t line) {
                               has(name) ? name : group.front(), has(name) ? group.front() : name)};
 }
 
-std::vector<ImportedPlane> readCsv(const std::vector<std::string>& lines) {
+std::vector<ImportedPlane> readCsv(const std::vector<std::string_view>& lines) {
   if (lines.empty()) throw ImportError{1, "no header line"};
-  std::vector<std::string> columns = splitOn(lines[0], ',');
+  const std::vector<std::string_view> names = splitOn(lines[0], ',');
   for (const char* needed : {"plane", "subset", "index"})
-    if (std::find(columns.begin(), columns.end(), needed) == columns.end())
+    if (std::find(names.begin(), names.end(), needed) == names.end())
       throw ImportError{1, fmt::format("the header names no column '{}'", needed)};
-  checkColumns(columns, 1);
-  std::map<std::pair<uint32_t, uint32_t>, size_t> index;
-  std::vector<ImportedPlane> planes;
-  for (size_t i = 1; i < lines.size(); ++i)
-    readCsvRow(columns, splitOn(lines[i], ','), i + 1, index, planes);
-  return planes;
+  checkColumns(names, 1);
+  const CsvColumns columns(names);
+  PlaneSubsets planes;
+  std::vector<std::string_view> cells;
+  for (size_t i = 1; i < lines.size(); ++i) {
+    splitOn(lines[i], ',', cells);
+    readCsvRow(columns, cells, i + 1, planes);
+  }
+  return planes.take();
 }
 
 // ---- PLY ------------------------------------------------------------------------
@@ -200,31 +274,32 @@ struct PlyHeader {
   uint64_t lines = 0;  // before end_header
 };
 
-PlyFormat plyFormat(const std::vector<std::string>& w, uint64_t line) {
+PlyFormat plyFormat(const std::vector<std::string_view>& w, uint64_t line) {
   if (w.size() >= 2 && w[1] == "ascii") return PlyFormat::Ascii;
   if (w.size() >= 2 && w[1] == "binary_little_endian") return PlyFormat::BinaryLittleEndian;
   if (w.size() >= 2 && w[1] == "binary_big_endian") return PlyFormat::BinaryBigEndian;
   throw ImportError{line, "only ascii, binary_little_endian and binary_big_endian PLY are read"};
 }
 
-PlyProperty plyProperty(const std::vector<std::string>& w, uint64_t line) {
+PlyProperty plyProperty(const std::vector<std::string_view>& w, uint64_t line) {
   if (w.size() != 3) throw ImportError{line, "only scalar vertex properties are read"};
   for (const PlyTypeName& t : kPlyTypes)
     if (w[1] == t.name || w[1] == t.alias) {
       bool integer = t.type != PlyType::Float32 && t.type != PlyType::Float64;
       if ((w[2] == "plane" || w[2] == "subset") && !integer)
         throw ImportError{line, fmt::format("property {} must be of an integer type", w[2])};
-      return {w[2], t.type, t.size};
+      return {std::string(w[2]), t.type, t.size};
     }
   throw ImportError{line, fmt::format("'{}' is not a PLY scalar type", w[1])};
 }
 
-PlyHeader readPlyHeader(const std::string& headerText) {
+PlyHeader readPlyHeader(std::string_view headerText) {
   PlyHeader h;
-  std::vector<std::string> lines = linesOf(headerText);
+  const std::vector<std::string_view> lines = linesOf(headerText);
   h.lines = lines.size();
+  std::vector<std::string_view> w;
   for (size_t i = 0; i < lines.size(); ++i) {
-    std::vector<std::string> w = splitOn(lines[i], ' ');
+    splitOn(lines[i], ' ', w);
     if (w[0] == "format") {
       h.format = plyFormat(w, i + 1);
     } else if (w[0] == "element") {
@@ -238,45 +313,53 @@ PlyHeader readPlyHeader(const std::string& headerText) {
   const size_t n = h.properties.size();
   if (n < 5 || h.properties[n - 2].name != "plane" || h.properties[n - 1].name != "subset")
     throw ImportError{h.lines, "the vertex properties do not end in plane and subset"};
-  std::vector<std::string> names;
+  std::vector<std::string_view> names;
   for (const PlyProperty& p : h.properties) names.push_back(p.name);
   checkColumns(names, h.lines);
   return h;
 }
 
 // ASCII rows go through the csv reader as its cells.
-std::vector<ImportedPlane> readAsciiPly(const PlyHeader& h, const std::string& body) {
+std::vector<ImportedPlane> readAsciiPly(const PlyHeader& h, std::string_view body) {
   const size_t nd = h.properties.size() - 2;
-  std::vector<std::string> columns = {"plane", "subset", "index"};
-  for (size_t k = 0; k < nd; ++k) columns.push_back(h.properties[k].name);
-  std::vector<std::string> lines = linesOf(body);
+  std::vector<std::string_view> names = {"plane", "subset", "index"};
+  for (size_t k = 0; k < nd; ++k) names.push_back(h.properties[k].name);
+  const CsvColumns columns(names);
+  const std::vector<std::string_view> lines = linesOf(body);
   const uint64_t firstLine = h.lines + 2;
   if (lines.size() != h.count)
     throw ImportError{firstLine + lines.size(),
                       fmt::format("{} vertices where the header names {}", lines.size(), h.count)};
-  std::map<std::pair<uint32_t, uint32_t>, size_t> index;
-  std::vector<ImportedPlane> planes;
+  PlaneSubsets planes;
+  std::vector<std::string_view> cells;
+  std::vector<std::string_view> row(nd + 3);
+  std::string ids[2];
+  std::string index;
   for (uint64_t v = 0; v < h.count; ++v) {
-    std::vector<std::string> cells = splitOn(lines[v], ' ');
+    splitOn(lines[v], ' ', cells);
     if (cells.size() != nd + 2)
       throw ImportError{firstLine + v,
                         fmt::format("{} values where {} were expected", cells.size(), nd + 2)};
     // dump writes an int: -1 stands for 4294967295.
-    for (size_t k = nd; k < nd + 2; ++k)
-      if (cells[k].size() > 1 && cells[k][0] == '-')
-        cells[k] =
-            std::to_string(static_cast<uint32_t>(std::strtol(cells[k].c_str(), nullptr, 10)));
-    std::vector<std::string> row = {cells[nd], cells[nd + 1], ""};
-    row.insert(row.end(), cells.begin(), cells.begin() + static_cast<long>(nd));
+    for (size_t k = 0; k < 2; ++k) {
+      std::string_view cell = cells[nd + k];
+      if (cell.size() > 1 && cell[0] == '-') {
+        ids[k] = std::to_string(
+            static_cast<uint32_t>(std::strtol(std::string(cell).c_str(), nullptr, 10)));
+        cell = ids[k];
+      }
+      row[k] = cell;
+    }
     // The index column counts the points of each plane subset.
-    auto key =
-        std::make_pair(static_cast<uint32_t>(whole(row[0], firstLine + v, "plane", 0xFFFFFFFF)),
-                       static_cast<uint32_t>(whole(row[1], firstLine + v, "subset", 0xFFFFFFFF)));
-    auto it = index.find(key);
-    row[2] = std::to_string(it == index.end() ? 0 : planes[it->second].plane.points.size());
-    readCsvRow(columns, row, firstLine + v, index, planes);
+    const uint64_t line = firstLine + v;
+    index = std::to_string(
+        planes.pointsOf(static_cast<uint32_t>(whole(row[0], line, "plane", 0xFFFFFFFF)),
+                        static_cast<uint32_t>(whole(row[1], line, "subset", 0xFFFFFFFF))));
+    row[2] = index;
+    std::copy(cells.begin(), cells.begin() + static_cast<long>(nd), row.begin() + 3);
+    readCsvRow(columns, row, line, planes);
   }
-  return planes;
+  return planes.take();
 }
 
 template <typename T>
@@ -412,21 +495,22 @@ std::vector<ImportedPlane> readBinaryPly(const PlyHeader& h, const char* body, s
 // A PLY of one vertex element: x y z and any of nx ny nz, rx ry rz,
 // distance (as dump writes them), then plane and subset; ASCII, or binary
 // of either byte order with any PLY scalar types.
-std::vector<ImportedPlane> readPly(const std::string& text) {
-  const std::string mark = "end_header\n";
+std::vector<ImportedPlane> readPly(std::string_view text) {
+  const std::string_view mark = "end_header\n";
   size_t headerEnd = text.find(mark);
-  if (headerEnd == std::string::npos) throw ImportError{1, "a PLY header without end_header"};
+  if (headerEnd == std::string_view::npos) throw ImportError{1, "a PLY header without end_header"};
   PlyHeader h = readPlyHeader(text.substr(0, headerEnd));
   const size_t bodyAt = headerEnd + mark.size();
   if (h.format == PlyFormat::Ascii) return readAsciiPly(h, text.substr(bodyAt));
   return readBinaryPly(h, text.data() + bodyAt, text.size() - bodyAt);
 }
 
-std::vector<ImportedPlane> readXyz(const std::vector<std::string>& lines) {
+std::vector<ImportedPlane> readXyz(const std::vector<std::string_view>& lines) {
   std::vector<ImportedPlane> planes(1);
   planes[0].plane.subsetId = 1;
+  std::vector<std::string_view> cells;
   for (size_t i = 0; i < lines.size(); ++i) {
-    std::vector<std::string> cells = splitOn(lines[i], ' ');
+    splitOn(lines[i], ' ', cells);
     if (cells.size() != 3)
       throw ImportError{i + 1, fmt::format("{} values where x y z was expected", cells.size())};
     planes[0].plane.points.push_back(
@@ -489,7 +573,7 @@ int runImport(const ImportArgs& args) {
     if (text.rfind("ply\n", 0) == 0) {
       planes = readPly(text);
     } else {
-      std::vector<std::string> lines = linesOf(text);
+      const std::vector<std::string_view> lines = linesOf(text);
       bool csv = !lines.empty() && lines[0].rfind("plane,", 0) == 0;
       planes = csv ? readCsv(lines) : readXyz(lines);
     }
