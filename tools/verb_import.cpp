@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <string_view>
@@ -73,13 +74,25 @@ struct ImportedPlane {
   bool hasAux = false;
 };
 
+// The whole input, read to its end (a pipe as well as a file); a folder or
+// a failed read is refused.
 std::string readWhole(const std::string& path) {
-  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec))
+    throw ImportError{0, "is a folder, not a file to import"};
+  std::ifstream in(path, std::ios::binary);
   if (!in) throw ImportError{0, "cannot be opened for reading"};
-  const std::streamoff size = in.tellg();
-  std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
-  in.seekg(0);
-  if (size < 0 || !in.read(text.data(), size)) throw ImportError{0, "cannot be read"};
+  const uintmax_t size = std::filesystem::file_size(path, ec);
+  std::string text(ec ? size_t{1} << 16 : static_cast<size_t>(size) + 1, '\0');
+  size_t got = 0;
+  for (;;) {
+    if (got == text.size()) text.resize(2 * text.size());
+    in.read(text.data() + got, static_cast<std::streamsize>(text.size() - got));
+    got += static_cast<size_t>(in.gcount());
+    if (!in) break;
+  }
+  if (in.bad() || !in.eof()) throw ImportError{0, "cannot be read"};
+  text.resize(got);
   return text;
 }
 

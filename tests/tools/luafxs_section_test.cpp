@@ -2,6 +2,7 @@
 // header, partial scans, results appended or written into a new file, and
 // the refusals that keep every file whole.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -338,6 +339,27 @@ INSTANTIATE_TEST_SUITE_P(Encodings, ImportBinaryPly,
                          [](const ::testing::TestParamInfo<BinaryPly>& info) {
                            return info.param.name;
                          });
+
+// A folder is not read as an empty input: it is refused by name.
+TEST_F(SectionVerbs, ImportRefusesAFolder) {
+  std::filesystem::create_directory(path("folder"));
+  auto r = run("import " + q("folder") + " -o " + q("out.afxs"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("is a folder, not a file to import; nothing was written"), std::string::npos)
+      << r.err;
+  EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
+}
+
+// A pipe has no size to read up front: it is read to its end.
+TEST_F(SectionVerbs, ImportReadsAPipeToItsEnd) {
+  const std::string fifo = path("points.fifo").string();
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  auto r = runWithStreamsIn(
+      m_dir, "import " + q("points.fifo") + " -o " + q("out.afxs"),
+      "(printf '1 2 3\\n4 5 6\\n7 8 9\\n' >" + q("points.fifo") + " &); timeout 60 ");
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("1 plane subsets, 3 points"), std::string::npos) << r.out;
+}
 
 struct Malformed {
   const char* name;
