@@ -74,12 +74,11 @@ struct ImportedPlane {
   bool hasAux = false;
 };
 
-// The whole input, read to its end (a pipe as well as a file); a folder or
+// The whole input, read to its end (a pipe as well as a file); a directory or
 // a failed read is refused.
 std::string readWhole(const std::string& path) {
   std::error_code ec;
-  if (std::filesystem::is_directory(path, ec))
-    throw ImportError{0, "is a folder, not a file to import"};
+  if (std::filesystem::is_directory(path, ec)) throw ImportError{0, "is a directory, not a file"};
   std::ifstream in(path, std::ios::binary);
   if (!in) throw ImportError{0, "cannot be opened for reading"};
   const uintmax_t size = std::filesystem::file_size(path, ec);

@@ -340,12 +340,12 @@ INSTANTIATE_TEST_SUITE_P(Encodings, ImportBinaryPly,
                            return info.param.name;
                          });
 
-// A folder is not read as an empty input: it is refused by name.
+// A directory is not read as an empty input: it is refused as the other verbs refuse it.
 TEST_F(SectionVerbs, ImportRefusesAFolder) {
   std::filesystem::create_directory(path("folder"));
   auto r = run("import " + q("folder") + " -o " + q("out.afxs"));
   EXPECT_EQ(r.code, 1);
-  EXPECT_NE(r.err.find("is a folder, not a file to import; nothing was written"), std::string::npos)
+  EXPECT_NE(r.err.find("is a directory, not a file; nothing was written"), std::string::npos)
       << r.err;
   EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
 }
