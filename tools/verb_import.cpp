@@ -448,14 +448,14 @@ public:
                                          vertex, p.name, m_values[k])};
       row += p.size;
     }
-    LuAfxsPlane& p = planeOf(idOf(m_columns.plane), idOf(m_columns.subset)).plane;
+    LuAfxsPlane& p = m_planes.of(idOf(m_columns.plane), idOf(m_columns.subset)).plane;
     p.points.push_back(vec(m_columns.x, m_columns.y, m_columns.z));
     if (m_columns.nx >= 0) p.normals.push_back(vec(m_columns.nx, m_columns.ny, m_columns.nz));
     if (m_columns.rx >= 0) p.resPoints.push_back(vec(m_columns.rx, m_columns.ry, m_columns.rz));
     if (m_columns.distance >= 0) p.distances.push_back(m_values[m_columns.distance]);
   }
 
-  std::vector<ImportedPlane> take() { return std::move(m_planes); }
+  std::vector<ImportedPlane> take() { return m_planes.take(); }
 
 private:
   // A signed id wraps as dump's int does: -1 stands for 4294967295.
@@ -466,29 +466,10 @@ private:
     return {m_values[static_cast<size_t>(a)], m_values[static_cast<size_t>(b)],
             m_values[static_cast<size_t>(c)]};
   }
-  // Rows of one plane subset mostly follow each other: the last one is
-  // looked at first.
-  ImportedPlane& planeOf(uint32_t planeId, uint32_t subsetId) {
-    auto key = std::make_pair(planeId, subsetId);
-    if (m_last < m_planes.size() && m_lastKey == key) return m_planes[m_last];
-    auto [it, added] = m_index.emplace(key, m_planes.size());
-    if (added) {
-      m_planes.emplace_back();
-      m_planes.back().plane.planeId = planeId;
-      m_planes.back().plane.subsetId = subsetId;
-    }
-    m_last = it->second;
-    m_lastKey = key;
-    return m_planes[m_last];
-  }
-
   const PlyHeader& m_header;
   PlyColumns m_columns;
   std::vector<double> m_values;
-  std::map<std::pair<uint32_t, uint32_t>, size_t> m_index;
-  std::vector<ImportedPlane> m_planes;
-  size_t m_last = SIZE_MAX;
-  std::pair<uint32_t, uint32_t> m_lastKey;
+  PlaneSubsets m_planes;
 };
 
 std::vector<ImportedPlane> readBinaryPly(const PlyHeader& h, const char* body, size_t size) {
