@@ -54,41 +54,28 @@ inline FILE* readOnlyStream(FILE* stream, bool openForWrite) {
   return stream != nullptr && !openForWrite && !luio::error(stream) ? stream : nullptr;
 }
 
-// The file of the stream that `stream()` gives (one open for reading only,
-// without an error) read at absolute offsets with one positioned read each,
-// straight into the caller's memory: no seek, and no copy through the
-// stream's buffer. While it gives none, the reads of `fallback`. The base
-// of the windows an index reads through.
-template <class Stream>
-class ReadOnlyStreamReads final : public ByteSource {
-public:
-  ReadOnlyStreamReads(Stream stream, ByteSource& fallback)
-      : m_stream(std::move(stream)), m_fallback(fallback) {}
-  size_t readAt(uint64_t at, void* data, size_t size) override {
-    FILE* f = m_stream();
-    if (f == nullptr) return m_fallback.readAt(at, data, size);
-    const luio::ReadPiece piece{data, size};
-    return luio::readAt(f, at, &piece, 1);
-  }
+// Positioned reads of the stream that `stream()` gives, while it gives one
+// (a stream open for reading only, without an error), else the reads of
+// `fallback`: no seek, and no copy through the stream's buffer.
+// - Through a window (a load of arrays): afxs::PositionedSource; the window
+//   stays with the stream, so the heads behind one record's blocks come
+//   with its last block.
+// - Without one (the base of the windows an index reads through): one
+//   positioned read per call, straight into the caller's memory.
+enum class Readahead { Window, None };
 
-private:
-  Stream m_stream;
-  ByteSource& m_fallback;
-};
-
-// The reads of a load of arrays: positioned reads (afxs::PositionedSource)
-// of the stream that `stream()` gives, while it gives one (a stream open for
-// reading only, without an error), else the reads of `fallback`. The window
-// stays with the stream, so the heads behind one record's blocks come with
-// its last block.
 template <class Stream>
 class ReadOnlyStreamSource final : public ByteSource {
 public:
-  ReadOnlyStreamSource(Stream stream, ByteSource& fallback)
-      : m_stream(std::move(stream)), m_fallback(fallback) {}
+  ReadOnlyStreamSource(Stream stream, ByteSource& fallback, Readahead readahead)
+      : m_stream(std::move(stream)), m_fallback(fallback), m_readahead(readahead) {}
   size_t readAt(uint64_t at, void* data, size_t size) override {
     FILE* f = m_stream();
     if (f == nullptr) return m_fallback.readAt(at, data, size);
+    if (m_readahead == Readahead::None) {
+      const luio::ReadPiece piece{data, size};
+      return luio::readAt(f, at, &piece, 1);
+    }
     if (!m_positioned || m_positioned->stream() != f) m_positioned.emplace(f);
     return m_positioned->readAt(at, data, size);
   }
@@ -96,6 +83,7 @@ public:
 private:
   Stream m_stream;
   ByteSource& m_fallback;
+  Readahead m_readahead;
   std::optional<PositionedSource> m_positioned;
 };
 

@@ -92,12 +92,12 @@ bool LuAfxsUserDataSet::load(unsigned long mask) {
       return afxs::readOnlyStream(owner.m_file, owner.m_fileOpenForWrite);
     };
     StreamSource stream(*m_link);
-    afxs::ReadOnlyStreamReads streamReads(readOnly, stream);
+    afxs::ReadOnlyStreamSource streamReads(readOnly, stream, afxs::Readahead::None);
     afxs::WindowSource streamWindow(streamReads);
     afxs::LinkStreamSource link([&owner](long at) { return owner.openFile(at, false); });
-    afxs::ReadOnlyStreamReads linkReads(readOnly, link);
+    afxs::ReadOnlyStreamSource linkReads(readOnly, link, afxs::Readahead::None);
     afxs::WindowSource linkWindow(linkReads);
-    afxs::ReadOnlyStreamSource positioned(readOnly, link);
+    afxs::ReadOnlyStreamSource positioned(readOnly, link, afxs::Readahead::Window);
     afxs::ByteSource& heads = index ? static_cast<afxs::ByteSource&>(streamWindow) : positioned;
     afxs::ByteSource& records = index ? static_cast<afxs::ByteSource&>(linkWindow) : positioned;
     afxs::FailOnDamage reporter;

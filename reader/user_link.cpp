@@ -175,7 +175,8 @@ bool LuAfxsUserLink::scanRecords() {
     // once the stream is open for reading only, else a seek and a read.
     afxs::LinkStreamSource stream([this](long at) { return openFile(at, false); });
     afxs::ReadOnlyStreamSource file(
-        [this] { return afxs::readOnlyStream(m_file, m_fileOpenForWrite); }, stream);
+        [this] { return afxs::readOnlyStream(m_file, m_fileOpenForWrite); }, stream,
+        afxs::Readahead::None);
     afxs::WindowSource window(file);
     afxs::FailOnDamage reporter;
     uint32_t lastNextField = 0;

@@ -106,13 +106,14 @@ std::vector<std::string_view> linesOf(std::string_view text) {
 }
 
 // Where each column that a row is read by stands among the header's
-// columns (the last of equal names); -1 for one that is absent.
-struct CsvColumns {
+// columns (csv) or the vertex properties (PLY), the last of equal names;
+// -1 for one that is absent.
+struct RowColumns {
   size_t count = 0;
   int plane = -1, subset = -1, index = -1, x = -1, y = -1, z = -1, nx = -1, ny = -1, nz = -1;
   int rx = -1, ry = -1, rz = -1, distance = -1, segment = -1, auxCount = -1, auxPositions = -1;
 
-  explicit CsvColumns(const std::vector<std::string_view>& names) : count(names.size()) {
+  explicit RowColumns(const std::vector<std::string_view>& names) : count(names.size()) {
     const std::pair<const char*, int*> known[] = {{"plane", &plane},
                                                   {"subset", &subset},
                                                   {"index", &index},
@@ -166,7 +167,7 @@ private:
   std::pair<uint32_t, uint32_t> m_lastKey;
 };
 
-void readCsvRow(const CsvColumns& columns, const std::vector<std::string_view>& cells,
+void readCsvRow(const RowColumns& columns, const std::vector<std::string_view>& cells,
                 uint64_t line, PlaneSubsets& planes) {
   if (cells.size() != columns.count)
     throw ImportError{
@@ -241,7 +242,7 @@ std::vector<ImportedPlane> readCsv(const std::vector<std::string_view>& lines) {
     if (std::find(names.begin(), names.end(), needed) == names.end())
       throw ImportError{1, fmt::format("the header names no column '{}'", needed)};
   checkColumns(names, 1);
-  const CsvColumns columns(names);
+  const RowColumns columns(names);
   PlaneSubsets planes;
   std::vector<std::string_view> cells;
   for (size_t i = 1; i < lines.size(); ++i) {
@@ -305,6 +306,12 @@ PlyProperty plyProperty(const std::vector<std::string_view>& w, uint64_t line) {
   throw ImportError{line, fmt::format("'{}' is not a PLY scalar type", w[1])};
 }
 
+std::vector<std::string_view> propertyNames(const PlyHeader& h) {
+  std::vector<std::string_view> names;
+  for (const PlyProperty& p : h.properties) names.push_back(p.name);
+  return names;
+}
+
 PlyHeader readPlyHeader(std::string_view headerText) {
   PlyHeader h;
   const std::vector<std::string_view> lines = linesOf(headerText);
@@ -325,9 +332,7 @@ PlyHeader readPlyHeader(std::string_view headerText) {
   const size_t n = h.properties.size();
   if (n < 5 || h.properties[n - 2].name != "plane" || h.properties[n - 1].name != "subset")
     throw ImportError{h.lines, "the vertex properties do not end in plane and subset"};
-  std::vector<std::string_view> names;
-  for (const PlyProperty& p : h.properties) names.push_back(p.name);
-  checkColumns(names, h.lines);
+  checkColumns(propertyNames(h), h.lines);
   return h;
 }
 
@@ -336,7 +341,7 @@ std::vector<ImportedPlane> readAsciiPly(const PlyHeader& h, std::string_view bod
   const size_t nd = h.properties.size() - 2;
   std::vector<std::string_view> names = {"plane", "subset", "index"};
   for (size_t k = 0; k < nd; ++k) names.push_back(h.properties[k].name);
-  const CsvColumns columns(names);
+  const RowColumns columns(names);
   const std::vector<std::string_view> lines = linesOf(body);
   const uint64_t firstLine = h.lines + 2;
   if (lines.size() != h.count)
@@ -407,37 +412,12 @@ double loadPlyValue(const char* at, PlyType type, bool swap) {
   return 0;
 }
 
-// Where dump's vertex properties are in a row; -1 for one that is absent.
-struct PlyColumns {
-  int x = -1, y = -1, z = -1, nx = -1, ny = -1, nz = -1, rx = -1, ry = -1, rz = -1, distance = -1;
-  int plane = -1, subset = -1;
-  explicit PlyColumns(const PlyHeader& h) {
-    for (size_t k = 0; k < h.properties.size(); ++k) {
-      const std::string& n = h.properties[k].name;
-      int* at = n == "x"          ? &x
-                : n == "y"        ? &y
-                : n == "z"        ? &z
-                : n == "nx"       ? &nx
-                : n == "ny"       ? &ny
-                : n == "nz"       ? &nz
-                : n == "rx"       ? &rx
-                : n == "ry"       ? &ry
-                : n == "rz"       ? &rz
-                : n == "distance" ? &distance
-                : n == "plane"    ? &plane
-                : n == "subset"   ? &subset
-                                  : nullptr;
-      if (at != nullptr) *at = static_cast<int>(k);
-    }
-  }
-};
-
 // One binary vertex row's values, checked, onto its plane subset.
 class BinaryPlyRows {
 public:
   // The header has passed checkColumns.
   explicit BinaryPlyRows(const PlyHeader& h)
-      : m_header(h), m_columns(h), m_values(h.properties.size()) {}
+      : m_header(h), m_columns(propertyNames(h)), m_values(h.properties.size()) {}
 
   void add(const char* row, uint64_t vertex, bool swap) {
     for (size_t k = 0; k < m_values.size(); ++k) {
@@ -467,7 +447,7 @@ private:
             m_values[static_cast<size_t>(c)]};
   }
   const PlyHeader& m_header;
-  PlyColumns m_columns;
+  RowColumns m_columns;
   std::vector<double> m_values;
   PlaneSubsets m_planes;
 };

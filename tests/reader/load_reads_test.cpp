@@ -60,6 +60,23 @@ protected:
     }
   }
 
+  // Loads the points through `link`, flushes distances (`scale` times the
+  // point's index and the record's) as each record's results; returns them.
+  std::vector<std::vector<double>> flushDistances(LuAfxsUserLink& link, double scale) {
+    std::vector<std::vector<double>> distances;
+    LuAfxsUserDataSet set(link);
+    EXPECT_TRUE(set.load(LU_AFXS_MASK_POINTS));
+    for (LuAfxsUserData* d : set) {
+      const size_t n = d->getPlaneData().points.size();
+      std::vector<double> values(n);
+      for (size_t k = 0; k < n; ++k) values[k] = scale * static_cast<double>(k + distances.size());
+      d->setDistances(values.data(), n);
+      EXPECT_TRUE(d->flush());
+      distances.push_back(values);
+    }
+    return distances;
+  }
+
   struct Calls {
     uint64_t reads = 0;
     uint64_t seeks = 0;
@@ -146,19 +163,7 @@ TEST_F(LoadReadsTest, BlocksOfEverySizeAroundTheReadAheadLoadExactly) {
 TEST_F(LoadReadsTest, TheNextLoadOnTheSameLinkSeesFlushedResults) {
   std::wstring file = writeFile("results.afxs", {300, 5000, 40});
   LuAfxsUserLink link(file.c_str());
-  std::vector<std::vector<double>> distances;
-  {
-    LuAfxsUserDataSet set(link);
-    ASSERT_TRUE(set.load(LU_AFXS_MASK_POINTS));
-    for (LuAfxsUserData* d : set) {
-      const size_t n = d->getPlaneData().points.size();
-      std::vector<double> values(n);
-      for (size_t k = 0; k < n; ++k) values[k] = 0.5 * static_cast<double>(k + distances.size());
-      d->setDistances(values.data(), n);
-      ASSERT_TRUE(d->flush());
-      distances.push_back(values);
-    }
-  }
+  const std::vector<std::vector<double>> distances = flushDistances(link, 0.5);
   LuAfxsUserDataSet again(link);
   ASSERT_TRUE(again.load(LU_AFXS_MASK_ALL));
   size_t i = 0;
@@ -178,19 +183,7 @@ TEST_F(LoadReadsTest, TheNextLoadOnTheSameLinkSeesFlushedResults) {
 TEST_F(LoadReadsTest, AnIndexAndTheFieldsAfterItReadAsDocumentedAfterAResultsFlush) {
   std::wstring file = writeFile("results_index.afxs", {300, 5000, 40});
   LuAfxsUserLink link(file.c_str());
-  std::vector<std::vector<double>> distances;
-  {
-    LuAfxsUserDataSet set(link);
-    ASSERT_TRUE(set.load(LU_AFXS_MASK_POINTS));
-    for (LuAfxsUserData* d : set) {
-      const size_t n = d->getPlaneData().points.size();
-      std::vector<double> values(n);
-      for (size_t k = 0; k < n; ++k) values[k] = 0.25 * static_cast<double>(k + distances.size());
-      d->setDistances(values.data(), n);
-      ASSERT_TRUE(d->flush());
-      distances.push_back(values);
-    }
-  }
+  const std::vector<std::vector<double>> distances = flushDistances(link, 0.25);
   LuAfxsUserLink fresh(file.c_str());
   for (int round = 0; round < 2; ++round) {
     LuAfxsUserDataSet again(round == 0 ? link : fresh);
