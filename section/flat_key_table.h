@@ -59,13 +59,6 @@ public:
 
   size_t size() const { return m_size; }
 
-  // Calls f(key, value) for every stored key, in slot order.
-  template <class F>
-  void forEach(F&& f) const {
-    for (const Slot& s : m_slots)
-      if (s.key != kEmpty) f(s.key, s.value);
-  }
-
 private:
   struct Slot {
     uint64_t key;

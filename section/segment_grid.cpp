@@ -1,16 +1,16 @@
 // The sparse grid of polyline pieces: cells about four times as long as a
 // mean piece, only the cells a piece's box touches are kept (a flat table of
 // cell keys), so memory stays linear in the pieces however the polylines
-// spread. Each coarser level (built when a query first needs it) files the
-// same pieces under cells 4 times larger.
+// spread. Up to three coarser levels (built when a query first needs them)
+// file the same pieces under cells 4, 16 and 64 times larger.
 // A query first measures the piece that answered the query before it, then
-// searches rings of cells around its own cell on the level that suits the
-// last answer's distance, skipping every cell (and then every piece) whose
-// box cannot hold a point nearer than the best found, until no unvisited
-// cell can; a query far from every piece (more than a few rings of the
-// coarsest level) looks at every kept cell of that level instead. Ties go to
-// the lowest piece index whatever the order pieces are met in, so the answer
-// does not depend on the level or the hint a search starts from.
+// searches rings of cells around its own cell on the level that suits that
+// distance, skipping every cell (and then every piece) whose box cannot
+// hold a point nearer than the best found, until no unvisited cell can; a
+// query farther from every piece than the coarsest level's rings reach goes
+// down the piece tree instead (boxes over runs of consecutive pieces). Ties
+// go to the lowest piece index whatever the order pieces are met in, so the
+// answer does not depend on the level or the hint a search starts from.
 #include "section/segment_grid.h"
 
 #include <algorithm>
@@ -25,7 +25,10 @@ constexpr int64_t kAxisCells = int64_t{1} << 21;  // three axes in one 64-bit ke
 constexpr double kEntriesPerPiece = 8;
 constexpr double kCellPieces = 4;  // a finest cell is this many mean pieces long
 constexpr int64_t kRings = 3;
-constexpr int kLevelShift = 2;  // each level's cell is 2^kLevelShift times the last one's
+constexpr int kLevelShift = 2;
+// Beyond the rings of the coarsest level, whose cells hold about 256 mean
+// pieces, the piece tree answers.
+constexpr size_t kLevels = 4;  // each level's cell is 2^kLevelShift times the last one's
 // A query is started on the finest level whose cell is at least this many
 // times the last answer's distance.
 constexpr double kStartCells = 1;
@@ -88,7 +91,7 @@ void SegmentGrid::placePoints(Level& finest) {
 const SegmentGrid::Level* SegmentGrid::level(size_t i) {
   while (m_levels.size() <= i) {
     const Level& last = m_levels.back();
-    if (last.cell * kRings >= m_extent) return nullptr;
+    if (m_levels.size() == kLevels || last.cell * kRings >= m_extent) return nullptr;
     Level coarser;
     coarser.cell = last.cell * (1 << kLevelShift);
     const int shift = static_cast<int>(m_levels.size()) * kLevelShift;
@@ -188,21 +191,30 @@ void SegmentGrid::consider(uint32_t piece, const LuVec3& q, NearestPiece& best) 
   if (d2 < best.distance2 || (d2 == best.distance2 && piece < best.piece)) best = {piece, t, p, d2};
 }
 
+namespace {
+
+// How far v lies outside [lo - slack, hi + slack] (0 inside).
+double outside(double lo, double hi, double v, double slack) {
+  const double below = lo - slack - v, above = v - hi - slack;
+  return below > 0 ? below : above > 0 ? above : 0;
+}
+
+}  // namespace
+
+// The piece's box (widened by the slack) bounds its distance from q: most
+// pieces met are passed over without the full measure.
+void SegmentGrid::visitPiece(uint32_t piece, const LuVec3& q, NearestPiece& best) const {
+  const LuVec3 &a = m_points[m_pieces[piece].a], &b = m_points[m_pieces[piece].b];
+  const double gx = outside(std::min(a.x, b.x), std::max(a.x, b.x), q.x, m_slack);
+  const double gy = outside(std::min(a.y, b.y), std::max(a.y, b.y), q.y, m_slack);
+  const double gz = outside(std::min(a.z, b.z), std::max(a.z, b.z), q.z, m_slack);
+  if (!beyond(gx * gx + gy * gy + gz * gz, best)) consider(piece, q, best);
+}
+
 void SegmentGrid::visitCellNumber(const Level& level, uint32_t n, const LuVec3& q,
                                   NearestPiece& best) const {
-  for (uint32_t i = level.cellStarts[n]; i < level.cellStarts[n + 1]; ++i) {
-    const uint32_t piece = level.cellPieces[i];
-    // The piece's box (widened by the slack) bounds its distance from q:
-    // most pieces of a cell are passed over without the full measure.
-    const LuVec3 &a = m_points[m_pieces[piece].a], &b = m_points[m_pieces[piece].b];
-    double gap2 = 0;
-    for (int k = 0; k < 3; ++k) {
-      const double gap = std::max(
-          {std::min(a[k], b[k]) - m_slack - q[k], q[k] - std::max(a[k], b[k]) - m_slack, 0.0});
-      gap2 += gap * gap;
-    }
-    if (!beyond(gap2, best)) consider(piece, q, best);
-  }
+  for (uint32_t i = level.cellStarts[n]; i < level.cellStarts[n + 1]; ++i)
+    visitPiece(level.cellPieces[i], q, best);
 }
 
 void SegmentGrid::visitCell(const Level& level, int64_t x, int64_t y, int64_t z, const LuVec3& q,
@@ -217,19 +229,24 @@ void SegmentGrid::visitCell(const Level& level, int64_t x, int64_t y, int64_t z,
   if (const uint32_t* n = level.cells.find(key(x, y, z))) visitCellNumber(level, *n, q, best);
 }
 
-void SegmentGrid::searchEveryCell(const Level& level, const LuVec3& q, NearestPiece& best) const {
-  level.cells.forEach([&](uint64_t k, uint32_t n) {
-    const int64_t x = static_cast<int64_t>(k >> 42),
-                  y = static_cast<int64_t>((k >> 21) & (kAxisCells - 1)),
-                  z = static_cast<int64_t>(k & (kAxisCells - 1));
-    const double gx = axisGap(level, 0, x, q.x), gy = axisGap(level, 1, y, q.y),
-                 gz = axisGap(level, 2, z, q.z);
-    if (!beyond(gx * gx + gy * gy + gz * gz, best)) visitCellNumber(level, n, q, best);
-  });
+// Every piece in the boxes of the piece tree that may hold a nearer point.
+void SegmentGrid::searchTree(const LuVec3& q, NearestPiece& best) {
+  if (!m_tree) {
+    m_tree = std::make_unique<PieceTree>(m_pieces.size(), [&](size_t i, LuVec3& lo, LuVec3& hi) {
+      for (uint32_t p : {m_pieces[i].a, m_pieces[i].b})
+        for (int k = 0; k < 3; ++k) {
+          lo[k] = std::min(lo[k], m_points[p][k]);
+          hi[k] = std::max(hi[k], m_points[p][k]);
+        }
+    });
+  }
+  m_tree->search(
+      q, m_slack, [&] { return best.distance2 * (1 + kMargin); },  // as in beyond()
+      [&](size_t piece) { visitPiece(static_cast<uint32_t>(piece), q, best); });
 }
 
 // The finest level built whose cells are not too small for a query at this
-// squared distance.
+// squared distance (the number of levels built when none is large enough).
 size_t SegmentGrid::levelFor(double distance2) const {
   const double d = std::sqrt(distance2);
   for (size_t i = 0; i < m_levels.size(); ++i)
@@ -246,19 +263,21 @@ NearestPiece SegmentGrid::nearest(const LuVec3& q, SearchHint& hint) {
   }
   best.distance2 = std::numeric_limits<double>::infinity();
   best.piece = std::numeric_limits<uint32_t>::max();
-  if (hint.piece < m_pieces.size()) consider(hint.piece, q, best);
+  // The last answer bounds this one's distance, which picks the level.
+  size_t start = 0;
+  if (hint.piece < m_pieces.size()) {
+    consider(hint.piece, q, best);
+    if (best.distance2 < std::numeric_limits<double>::infinity()) start = levelFor(best.distance2);
+  }
   bool found = false;
-  for (size_t i = hint.level; !found; ++i) {
+  for (size_t i = start; !found; ++i) {
     const Level* here = level(i);
     if (!here) break;
     found = searchRings(*here, q, best);
   }
-  // Past the coarsest level (every level is built by then).
-  if (!found) searchEveryCell(m_levels.back(), q, best);
-  if (best.piece < m_pieces.size()) {
-    hint.piece = best.piece;
-    hint.level = levelFor(best.distance2);
-  }
+  // Farther than the coarsest level's rings reach.
+  if (!found) searchTree(q, best);
+  if (best.piece < m_pieces.size()) hint.piece = best.piece;
   return best;
 }
 

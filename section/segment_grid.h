@@ -4,11 +4,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include <luAnaf/luGeom.h>
 
 #include "section/flat_key_table.h"
+#include "section/piece_tree.h"
 
 namespace lusection {
 
@@ -26,11 +28,11 @@ struct NearestPiece {
 };
 
 // Where the last query ended, for the next one: queries in sequence along a
-// contour find their answer near the last one. Any hint gives the same
-// answer; a good one only makes it cheaper.
+// contour find their answer near the last one, and the distance to it
+// picks the grid level to search. Any hint gives the same answer; a good one
+// only makes it cheaper.
 struct SearchHint {
-  size_t level = 0;              // the grid level to search first
-  uint32_t piece = 0xFFFFFFFFu;  // the last answer, tried before any cell
+  uint32_t piece = 0xFFFFFFFFu;  // the last answer, measured before any cell
 };
 
 class SegmentGrid {
@@ -71,8 +73,9 @@ private:
   void visitCell(const Level& level, int64_t x, int64_t y, int64_t z, const LuVec3& q,
                  NearestPiece& best) const;
   void visitCellNumber(const Level& level, uint32_t n, const LuVec3& q, NearestPiece& best) const;
+  void visitPiece(uint32_t piece, const LuVec3& q, NearestPiece& best) const;
   void consider(uint32_t piece, const LuVec3& q, NearestPiece& best) const;
-  void searchEveryCell(const Level& level, const LuVec3& q, NearestPiece& best) const;
+  void searchTree(const LuVec3& q, NearestPiece& best);
   size_t levelFor(double distance2) const;
 
   const std::vector<LuVec3>& m_points;
@@ -85,6 +88,7 @@ private:
   double m_extent = 0;
   std::vector<CellIndex> m_pointCells;  // each point's cell in the finest level
   std::vector<Level> m_levels;          // finest first
+  std::unique_ptr<PieceTree> m_tree;    // built for the first query the levels do not settle
 };
 
 }  // namespace lusection
