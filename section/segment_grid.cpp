@@ -25,10 +25,10 @@ constexpr int64_t kAxisCells = int64_t{1} << 21;  // three axes in one 64-bit ke
 constexpr double kEntriesPerPiece = 8;
 constexpr double kCellPieces = 4;  // a finest cell is this many mean pieces long
 constexpr int64_t kRings = 3;
-constexpr int kLevelShift = 2;
-// Beyond the rings of the coarsest level, whose cells hold about 256 mean
-// pieces, the piece tree answers.
-constexpr size_t kLevels = 4;  // each level's cell is 2^kLevelShift times the last one's
+constexpr int kLevelShift = 2;  // each level's cell is 2^kLevelShift times the last one's
+// Beyond the rings of the coarsest level, whose cells are about 256 mean
+// pieces long, the piece tree answers.
+constexpr size_t kLevels = 4;
 // A query is started on the finest level whose cell is at least this many
 // times the last answer's distance.
 constexpr double kStartCells = 1;
