@@ -44,12 +44,12 @@ public:
   }
 
   void run(std::vector<LuAfxsContour>& out) {
-    std::vector<std::vector<uint32_t>> entering = facesByFirstPlane();
+    std::vector<uint32_t> starts, entering;
+    facesByFirstPlane(starts, entering);
     std::vector<uint32_t> active;
     for (uint32_t k = 0; k < m_family.count; ++k) {
       std::erase_if(active, [&](uint32_t f) { return m_lastPlane[f] < k; });
-      active.insert(active.end(), entering[k].begin(), entering[k].end());
-      std::vector<uint32_t>().swap(entering[k]);
+      active.insert(active.end(), entering.begin() + starts[k], entering.begin() + starts[k + 1]);
       if (active.empty()) continue;
       m_pieces.clear();
       m_pieces.reserve(active.size());
@@ -68,11 +68,13 @@ private:
   bool above(uint32_t v, uint32_t k) const { return m_heights[v] >= planeHeight(k); }
 
   // The planes each face crosses: from the first plane above its lowest
-  // vertex to the last plane at or below its highest one.
-  std::vector<std::vector<uint32_t>> facesByFirstPlane() {
-    std::vector<std::vector<uint32_t>> entering(m_family.count);
+  // vertex to the last plane at or below its highest one. The faces whose
+  // first plane is k are entering[starts[k], starts[k + 1]), in face order.
+  void facesByFirstPlane(std::vector<uint32_t>& starts, std::vector<uint32_t>& entering) {
     size_t faceCount = m_mesh.faces.size() / 3;
     m_lastPlane.assign(faceCount, 0);
+    std::vector<uint32_t> firstPlane(faceCount, kNone);
+    starts.assign(size_t{m_family.count} + 1, 0);
     double spacing = m_family.spacing > 0 ? m_family.spacing : 1;
     for (size_t f = 0; f < faceCount; ++f) {
       const uint32_t* v = &m_mesh.faces[3 * f];
@@ -83,10 +85,15 @@ private:
       first = std::max<int64_t>(first, 0);
       last = std::min<int64_t>(last, int64_t{m_family.count} - 1);
       if (first > last) continue;
-      entering[static_cast<size_t>(first)].push_back(static_cast<uint32_t>(f));
+      firstPlane[f] = static_cast<uint32_t>(first);
+      ++starts[static_cast<size_t>(first) + 1];
       m_lastPlane[f] = static_cast<uint32_t>(last);
     }
-    return entering;
+    for (size_t k = 0; k < m_family.count; ++k) starts[k + 1] += starts[k];
+    entering.resize(starts.back());
+    std::vector<uint32_t> next(starts.begin(), starts.end() - 1);
+    for (size_t f = 0; f < faceCount; ++f)
+      if (firstPlane[f] != kNone) entering[next[firstPlane[f]]++] = static_cast<uint32_t>(f);
   }
 
   // The lowest k with planeHeight(k) > h (the same comparison as above()).
@@ -126,18 +133,18 @@ private:
 
   void cutFace(uint32_t f, uint32_t k, std::vector<Piece>& pieces) const {
     const uint32_t* v = &m_mesh.faces[3 * f];
+    const bool isAbove[3] = {above(v[0], k), above(v[1], k), above(v[2], k)};
     Piece piece{0, 0, {}, {}, f};
     int found = 0;
     for (int i = 0; i < 3; ++i) {
-      uint32_t a = v[i], b = v[(i + 1) % 3];
-      bool aa = above(a, k), ab = above(b, k);
-      if (aa && !ab) {
-        piece.from = edgeKey(a, b);
-        piece.start = edgePoint(a, b, k);
+      const int j = i == 2 ? 0 : i + 1;
+      if (isAbove[i] && !isAbove[j]) {
+        piece.from = edgeKey(v[i], v[j]);
+        piece.start = edgePoint(v[i], v[j], k);
         found |= 1;
-      } else if (!aa && ab) {
-        piece.to = edgeKey(a, b);
-        piece.end = edgePoint(a, b, k);
+      } else if (!isAbove[i] && isAbove[j]) {
+        piece.to = edgeKey(v[i], v[j]);
+        piece.end = edgePoint(v[i], v[j], k);
         found |= 2;
       }
     }
