@@ -109,7 +109,10 @@ const SegmentGrid::Level* SegmentGrid::level(size_t i) {
 // piece. A coarse cell covers exactly the fine cells that shift down to it.
 bool SegmentGrid::build(Level& level, int shift) const {
   const double budget = kEntriesPerPiece * static_cast<double>(m_pieces.size()) + 64;
-  const size_t expected = m_levels.empty() ? m_pieces.size() : m_levels.back().cellStarts.size();
+  // About one cell per two pieces on the finest level, fewer on each coarser
+  // one (the table grows when more come).
+  const size_t expected =
+      m_levels.empty() ? m_pieces.size() / 2 : m_levels.back().cellStarts.size() / 2;
   level.cells.reset(expected);
   std::vector<uint32_t> counts;
   std::vector<std::pair<uint32_t, uint32_t>> entries;  // cell number, piece
