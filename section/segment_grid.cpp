@@ -202,22 +202,32 @@ double outside(double lo, double hi, double v, double slack) {
   return below > 0 ? below : above > 0 ? above : 0;
 }
 
+// The squared distance from q to the box of the piece from a to b, the box
+// widened by the slack: it bounds the piece's distance from q.
+double boxGap2(const LuVec3& a, const LuVec3& b, const LuVec3& q, double slack) {
+  const double gx = outside(std::min(a.x, b.x), std::max(a.x, b.x), q.x, slack);
+  const double gy = outside(std::min(a.y, b.y), std::max(a.y, b.y), q.y, slack);
+  const double gz = outside(std::min(a.z, b.z), std::max(a.z, b.z), q.z, slack);
+  return gx * gx + gy * gy + gz * gz;
+}
+
 }  // namespace
 
-// The piece's box (widened by the slack) bounds its distance from q: most
-// pieces met are passed over without the full measure.
+// Most pieces met are passed over on their box, without the full measure.
 void SegmentGrid::visitPiece(uint32_t piece, const LuVec3& q, NearestPiece& best) const {
-  const LuVec3 &a = m_points[m_pieces[piece].a], &b = m_points[m_pieces[piece].b];
-  const double gx = outside(std::min(a.x, b.x), std::max(a.x, b.x), q.x, m_slack);
-  const double gy = outside(std::min(a.y, b.y), std::max(a.y, b.y), q.y, m_slack);
-  const double gz = outside(std::min(a.z, b.z), std::max(a.z, b.z), q.z, m_slack);
-  if (!beyond(gx * gx + gy * gy + gz * gz, best)) consider(piece, q, best);
+  const GridPiece& p = m_pieces[piece];
+  if (!beyond(boxGap2(m_points[p.a], m_points[p.b], q, m_slack), best)) consider(piece, q, best);
 }
 
 void SegmentGrid::visitCellNumber(const Level& level, uint32_t n, const LuVec3& q,
                                   NearestPiece& best) const {
-  for (uint32_t i = level.cellStarts[n]; i < level.cellStarts[n + 1]; ++i)
-    visitPiece(level.cellPieces[i], q, best);
+  double limit = best.distance2 * (1 + kMargin);  // as in beyond()
+  for (uint32_t i = level.cellStarts[n]; i < level.cellStarts[n + 1]; ++i) {
+    const GridPiece& p = m_pieces[level.cellPieces[i]];
+    if (boxGap2(m_points[p.a], m_points[p.b], q, m_slack) > limit) continue;
+    consider(level.cellPieces[i], q, best);
+    limit = best.distance2 * (1 + kMargin);
+  }
 }
 
 void SegmentGrid::visitCell(const Level& level, int64_t x, int64_t y, int64_t z, const LuVec3& q,
