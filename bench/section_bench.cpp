@@ -111,6 +111,34 @@ void BM_Compare1MAgainst1M(benchmark::State& state) {
 }
 BENCHMARK(BM_Compare1MAgainst1M)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The same nominal circle against 2,000 points scattered at random over its
+// box and beyond, in no order: no query starts near the last one's answer,
+// and most lie far from the circle.
+void BM_CompareScattered2K(benchmark::State& state) {
+  static const LuAfxsPlane nominal = circle(1000000, 100, 0, true);
+  static const LuAfxsPlane measured = [] {
+    LuAfxsPlane p;
+    uint64_t x = 88172645463325252ull;  // xorshift: the same points on every run
+    auto next = [&x] {
+      x ^= x << 13;
+      x ^= x >> 7;
+      x ^= x << 17;
+      return static_cast<double>(x >> 11) / 9007199254740992.0 * 300 - 150;
+    };
+    for (int i = 0; i < 2000; ++i) p.points.push_back({next(), next(), 0});
+    p.segments = {static_cast<int32_t>(p.points.size())};
+    return p;
+  }();
+  LuAfxsPlaneDeviation dev;
+  for (auto _ : state) {
+    luAfxsComparePlane(measured, nominal, dev);
+    benchmark::DoNotOptimize(dev.distances.data());
+  }
+  state.counters["rms"] = dev.rms;
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(measured.points.size()));
+}
+BENCHMARK(BM_CompareScattered2K)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 void BM_CompareFloorKnownPartner(benchmark::State& state) {
   static const LuAfxsPlane nominal = circle(1000000, 100, 0, true);
   static const LuAfxsPlane measured = circle(1000000, 100.01, 0.5, true);

@@ -70,10 +70,10 @@ bool luAfxsComparePlane(const LuAfxsPlane& measured, const LuAfxsPlane& nominal,
   const bool nominalNormals = nominal.normals.size() == nominal.points.size();
   out.resultPoints.reserve(measured.points.size());
   out.distances.reserve(measured.points.size());
-  size_t level = 0;
+  lusection::SearchHint hint;
   for (size_t i = 0; i < measured.points.size(); ++i) {
     const LuVec3& q = measured.points[i];
-    lusection::NearestPiece near = grid.nearest(q, level);
+    lusection::NearestPiece near = grid.nearest(q, hint);
     LuVec3 n{0, 0, 0};
     if (measuredNormals) {
       n = unitOrZero(measured.normals[i]);

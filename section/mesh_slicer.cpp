@@ -3,73 +3,27 @@
 // the first plane it crosses and leaves after the last), so the work is
 // linear in faces + cut points. Each crossing face gives one cut piece from
 // the edge where its boundary goes down through the plane to the edge where
-// it comes back up; pieces are chained through the edges they share (a hash
-// of edge keys), which gives counter-clockwise polylines for an outward-wound
-// mesh. The rules for the degenerate cases are listed in luAfxsSection.h.
+// it comes back up; pieces are chained through the edges they share (a flat
+// table of edge keys, reused from plane to plane), which gives
+// counter-clockwise polylines for an outward-wound mesh. The rules for the
+// degenerate cases are listed in luAfxsSection.h.
 #include <algorithm>
 #include <cmath>
-#include <cstring>
-#include <unordered_map>
 
 #include <luAnaf/luAfxsSection.h>
 
+#include "section/clean_mesh.h"
+#include "section/flat_key_table.h"
+
 namespace {
+
+using lusection::CleanMesh;
+using lusection::cleanMesh;
 
 constexpr uint32_t kNone = 0xFFFFFFFFu;
 
 uint64_t edgeKey(uint32_t a, uint32_t b) {
   return a < b ? (uint64_t{a} << 32 | b) : (uint64_t{b} << 32 | a);
-}
-
-struct CoordHash {
-  size_t operator()(const LuVec3& v) const {
-    uint64_t bits[3];
-    std::memcpy(bits, &v, sizeof bits);
-    uint64_t h = bits[0] * 0x9E3779B97F4A7C15ull;
-    h ^= bits[1] + 0x7F4A7C159E3779B9ull + (h << 6) + (h >> 2);
-    h ^= bits[2] + 0x94D049BB133111EBull + (h << 6) + (h >> 2);
-    return static_cast<size_t>(h);
-  }
-};
-
-// The mesh after merging equal vertices and dropping faces that repeat one.
-struct CleanMesh {
-  std::vector<LuVec3> vertices;
-  std::vector<uint32_t> faces;    // three per face
-  std::vector<uint32_t> faceIds;  // the caller's index of each kept face
-};
-
-CleanMesh cleanMesh(const std::vector<LuVec3>& vertices, const std::vector<uint32_t>& faces,
-                    LuAfxsSliceReport& report) {
-  CleanMesh mesh;
-  std::vector<uint32_t> remap(vertices.size());
-  std::unordered_map<LuVec3, uint32_t, CoordHash> seen;
-  seen.reserve(vertices.size());
-  for (size_t i = 0; i < vertices.size(); ++i) {
-    // -0.0 and 0.0 are one coordinate.
-    LuVec3 v{vertices[i].x + 0.0, vertices[i].y + 0.0, vertices[i].z + 0.0};
-    auto [it, added] = seen.emplace(v, static_cast<uint32_t>(mesh.vertices.size()));
-    if (added)
-      mesh.vertices.push_back(v);
-    else
-      ++report.mergedVertices;
-    remap[i] = it->second;
-  }
-  for (size_t f = 0; f + 2 < faces.size(); f += 3) {
-    if (faces[f] >= vertices.size() || faces[f + 1] >= vertices.size() ||
-        faces[f + 2] >= vertices.size()) {
-      ++report.skippedFaces;
-      continue;
-    }
-    uint32_t a = remap[faces[f]], b = remap[faces[f + 1]], c = remap[faces[f + 2]];
-    if (a == b || b == c || c == a) {
-      ++report.skippedFaces;
-      continue;
-    }
-    mesh.faces.insert(mesh.faces.end(), {a, b, c});
-    mesh.faceIds.push_back(static_cast<uint32_t>(f / 3));
-  }
-  return mesh;
 }
 
 // One face's cut by one plane: it runs from the point on edge `from` to the
@@ -90,19 +44,19 @@ public:
   }
 
   void run(std::vector<LuAfxsContour>& out) {
-    std::vector<std::vector<uint32_t>> entering = facesByFirstPlane();
+    std::vector<uint32_t> starts, entering;
+    facesByFirstPlane(starts, entering);
     std::vector<uint32_t> active;
     for (uint32_t k = 0; k < m_family.count; ++k) {
       std::erase_if(active, [&](uint32_t f) { return m_lastPlane[f] < k; });
-      active.insert(active.end(), entering[k].begin(), entering[k].end());
-      std::vector<uint32_t>().swap(entering[k]);
+      active.insert(active.end(), entering.begin() + starts[k], entering.begin() + starts[k + 1]);
       if (active.empty()) continue;
-      std::vector<Piece> pieces;
-      pieces.reserve(active.size());
-      for (uint32_t f : active) cutFace(f, k, pieces);
+      m_pieces.clear();
+      m_pieces.reserve(active.size());
+      for (uint32_t f : active) cutFace(f, k, m_pieces);
       LuAfxsContour contour;
       contour.planeId = k;
-      chain(pieces, contour);
+      chain(m_pieces, contour);
       if (!contour.points.empty()) out.push_back(std::move(contour));
     }
   }
@@ -114,11 +68,13 @@ private:
   bool above(uint32_t v, uint32_t k) const { return m_heights[v] >= planeHeight(k); }
 
   // The planes each face crosses: from the first plane above its lowest
-  // vertex to the last plane at or below its highest one.
-  std::vector<std::vector<uint32_t>> facesByFirstPlane() {
-    std::vector<std::vector<uint32_t>> entering(m_family.count);
+  // vertex to the last plane at or below its highest one. The faces whose
+  // first plane is k are entering[starts[k], starts[k + 1]), in face order.
+  void facesByFirstPlane(std::vector<uint32_t>& starts, std::vector<uint32_t>& entering) {
     size_t faceCount = m_mesh.faces.size() / 3;
     m_lastPlane.assign(faceCount, 0);
+    std::vector<uint32_t> firstPlane(faceCount, kNone);
+    starts.assign(size_t{m_family.count} + 1, 0);
     double spacing = m_family.spacing > 0 ? m_family.spacing : 1;
     for (size_t f = 0; f < faceCount; ++f) {
       const uint32_t* v = &m_mesh.faces[3 * f];
@@ -129,10 +85,15 @@ private:
       first = std::max<int64_t>(first, 0);
       last = std::min<int64_t>(last, int64_t{m_family.count} - 1);
       if (first > last) continue;
-      entering[static_cast<size_t>(first)].push_back(static_cast<uint32_t>(f));
+      firstPlane[f] = static_cast<uint32_t>(first);
+      ++starts[static_cast<size_t>(first) + 1];
       m_lastPlane[f] = static_cast<uint32_t>(last);
     }
-    return entering;
+    for (size_t k = 0; k < m_family.count; ++k) starts[k + 1] += starts[k];
+    entering.resize(starts.back());
+    std::vector<uint32_t> next(starts.begin(), starts.end() - 1);
+    for (size_t f = 0; f < faceCount; ++f)
+      if (firstPlane[f] != kNone) entering[next[firstPlane[f]]++] = static_cast<uint32_t>(f);
   }
 
   // The lowest k with planeHeight(k) > h (the same comparison as above()).
@@ -172,18 +133,18 @@ private:
 
   void cutFace(uint32_t f, uint32_t k, std::vector<Piece>& pieces) const {
     const uint32_t* v = &m_mesh.faces[3 * f];
+    const bool isAbove[3] = {above(v[0], k), above(v[1], k), above(v[2], k)};
     Piece piece{0, 0, {}, {}, f};
     int found = 0;
     for (int i = 0; i < 3; ++i) {
-      uint32_t a = v[i], b = v[(i + 1) % 3];
-      bool aa = above(a, k), ab = above(b, k);
-      if (aa && !ab) {
-        piece.from = edgeKey(a, b);
-        piece.start = edgePoint(a, b, k);
+      const int j = i == 2 ? 0 : i + 1;
+      if (isAbove[i] && !isAbove[j]) {
+        piece.from = edgeKey(v[i], v[j]);
+        piece.start = edgePoint(v[i], v[j], k);
         found |= 1;
-      } else if (!aa && ab) {
-        piece.to = edgeKey(a, b);
-        piece.end = edgePoint(a, b, k);
+      } else if (!isAbove[i] && isAbove[j]) {
+        piece.to = edgeKey(v[i], v[j]);
+        piece.end = edgePoint(v[i], v[j], k);
         found |= 2;
       }
     }
@@ -194,25 +155,31 @@ private:
   // then walks the chains: open ones from their first piece, then the loops.
   void chain(const std::vector<Piece>& pieces, LuAfxsContour& contour) {
     const uint32_t n = static_cast<uint32_t>(pieces.size());
-    std::unordered_map<uint64_t, uint32_t> firstStarting;
-    firstStarting.reserve(n * 2);
-    std::vector<uint32_t> nextStarting(n, kNone);  // same start edge, higher face
+    // Per start edge, the piece of lowest index leaving it; the others
+    // leaving the same edge follow it in nextStarting, in index order.
+    lusection::FlatKeyTable& firstStarting = m_firstStarting;
+    firstStarting.reset(n);
+    std::vector<uint32_t>& nextStarting = m_nextStarting;
+    nextStarting.assign(n, kNone);
     for (uint32_t i = n; i-- > 0;) {
-      auto [it, added] = firstStarting.emplace(pieces[i].from, i);
+      auto [first, added] = firstStarting.emplace(pieces[i].from, i);
       if (!added) {
         // A second cut leaving the same edge: the edge is non-manifold.
-        if (nextStarting[it->second] == kNone) ++m_report.nonManifoldEdges;
-        nextStarting[i] = it->second;
-        it->second = i;
+        if (nextStarting[*first] == kNone) ++m_report.nonManifoldEdges;
+        nextStarting[i] = *first;
+        *first = i;
       }
     }
-    std::vector<uint32_t> next(n, kNone);
-    std::vector<char> hasPrevious(n, 0);
+    std::vector<uint32_t>& next = m_next;
+    next.assign(n, kNone);
+    std::vector<char>& hasPrevious = m_hasPrevious;
+    hasPrevious.assign(n, 0);
+    size_t heads = n;
     for (uint32_t i = 0; i < n; ++i) {
-      auto it = firstStarting.find(pieces[i].to);
-      if (it == firstStarting.end()) continue;
+      const uint32_t* first = firstStarting.find(pieces[i].to);
+      if (!first) continue;
       uint32_t best = kNone;
-      for (uint32_t j = it->second; j != kNone; j = nextStarting[j]) {
+      for (uint32_t j = *first; j != kNone; j = nextStarting[j]) {
         if (!hasPrevious[j] &&
             (best == kNone || m_mesh.faceIds[pieces[j].face] < m_mesh.faceIds[pieces[best].face]))
           best = j;
@@ -220,8 +187,14 @@ private:
       if (best == kNone) continue;
       next[i] = best;
       hasPrevious[best] = 1;
+      --heads;
     }
-    std::vector<char> used(n, 0);
+    // Each polyline holds at most one point more than its pieces.
+    contour.points.reserve(n + heads + 1);
+    contour.faces.reserve(n + heads + 1);
+    contour.normals.reserve(n + heads + 1);
+    std::vector<char>& used = m_used;
+    used.assign(n, 0);
     for (uint32_t i = 0; i < n; ++i)
       if (!hasPrevious[i]) emit(pieces, next, used, i, false, contour);
     for (uint32_t i = 0; i < n; ++i)
@@ -230,8 +203,10 @@ private:
 
   void emit(const std::vector<Piece>& pieces, const std::vector<uint32_t>& next,
             std::vector<char>& used, uint32_t first, bool closed, LuAfxsContour& contour) {
-    std::vector<LuVec3> points;
-    std::vector<uint32_t> faces;  // the piece leaving each point
+    std::vector<LuVec3>& points = m_points;
+    std::vector<uint32_t>& faces = m_faces;  // the piece leaving each point
+    points.clear();
+    faces.clear();
     points.push_back(pieces[first].start);
     faces.push_back(pieces[first].face);
     uint32_t last = first;
@@ -307,6 +282,13 @@ private:
   LuAfxsSliceReport& m_report;
   std::vector<double> m_heights;
   std::vector<uint32_t> m_lastPlane;
+  // One plane's working storage, kept from plane to plane.
+  std::vector<Piece> m_pieces;
+  lusection::FlatKeyTable m_firstStarting;
+  std::vector<uint32_t> m_nextStarting, m_next;
+  std::vector<char> m_hasPrevious, m_used;
+  std::vector<LuVec3> m_points;
+  std::vector<uint32_t> m_faces;
 };
 
 }  // namespace

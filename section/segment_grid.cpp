@@ -1,9 +1,16 @@
-// The sparse grid of polyline pieces: cells about twice as large as a mean
-// piece, only the cells a piece's box touches are kept (a hash of cell
-// keys), so memory stays linear in the pieces however the polylines spread.
-// A query searches rings of cells around its own cell until no unvisited
-// cell can be nearer than the best piece found; a query far from every
-// piece (more than a few rings) looks at every kept cell instead.
+// The sparse grid of polyline pieces: cells about four times as long as a
+// mean piece, only the cells a piece's box touches are kept (a flat table of
+// cell keys), so memory stays linear in the pieces however the polylines
+// spread. Up to three coarser levels (built when a query first needs them)
+// file the same pieces under cells 4, 16 and 64 times larger.
+// A query first measures the piece that answered the query before it, then
+// searches rings of cells around its own cell on the level that suits that
+// distance, skipping every cell (and then every piece) whose box cannot
+// hold a point nearer than the best found, until no unvisited cell can; a
+// query farther from every piece than the coarsest level's rings reach goes
+// down the piece tree instead (boxes over runs of consecutive pieces). Ties
+// go to the lowest piece index whatever the order pieces are met in, so the
+// answer does not depend on the level or the hint a search starts from.
 #include "section/segment_grid.h"
 
 #include <algorithm>
@@ -16,8 +23,18 @@ namespace {
 
 constexpr int64_t kAxisCells = int64_t{1} << 21;  // three axes in one 64-bit key
 constexpr double kEntriesPerPiece = 8;
+constexpr double kCellPieces = 4;  // a finest cell is this many mean pieces long
 constexpr int64_t kRings = 3;
-constexpr double kLevelFactor = 8;
+constexpr int kLevelShift = 2;  // each level's cell is 2^kLevelShift times the last one's
+// Beyond the rings of the coarsest level, whose cells are about 256 mean
+// pieces long, the piece tree answers.
+constexpr size_t kLevels = 4;
+// A query is started on the finest level whose cell is at least this many
+// times the last answer's distance.
+constexpr double kStartCells = 1;
+// Distances are compared with this relative margin, so that rounding never
+// skips a cell holding an equally near piece of lower index.
+constexpr double kMargin = 1e-12;
 
 }  // namespace
 
@@ -39,48 +56,99 @@ SegmentGrid::SegmentGrid(const std::vector<LuVec3>& points, std::vector<GridPiec
   m_min = lo;
   m_max = hi;
   double extent = std::max({hi.x - lo.x, hi.y - lo.y, hi.z - lo.z});
-  double cell = m_pieces.empty() ? 1 : 2 * total / static_cast<double>(m_pieces.size());
+  double magnitude = std::max({std::fabs(lo.x), std::fabs(lo.y), std::fabs(lo.z), std::fabs(hi.x),
+                               std::fabs(hi.y), std::fabs(hi.z)});
+  m_slack = 64 * std::numeric_limits<double>::epsilon() * (magnitude + extent);
+  double cell = m_pieces.empty() ? 1 : kCellPieces * total / static_cast<double>(m_pieces.size());
   if (!(cell > extent * 1e-9) || !std::isfinite(cell)) cell = extent > 0 ? extent * 1e-3 : 1;
   cell = std::max(cell, extent / static_cast<double>(kAxisCells - 2));
-  // Levels up to one that holds the whole extent in a few cells.
-  for (;;) {
-    Level level;
-    while (!build(level, cell)) cell *= 2;
-    m_levels.push_back(std::move(level));
-    if (cell * kRings >= extent) break;
-    cell *= kLevelFactor;
+  m_extent = extent;
+  Level finest;
+  finest.cell = cell;
+  placePoints(finest);
+  while (!build(finest, 0)) {
+    finest.cell *= 2;
+    placePoints(finest);
+  }
+  m_levels.push_back(std::move(finest));
+}
+
+// The finest level's cell of every point, and that level's size in cells.
+void SegmentGrid::placePoints(Level& finest) {
+  for (int k = 0; k < 3; ++k)
+    finest.dims[k] = static_cast<int64_t>(std::floor((m_max[k] - m_min[k]) / finest.cell)) + 1;
+  m_pointCells.resize(m_points.size());
+  for (size_t i = 0; i < m_points.size(); ++i) {
+    int64_t c[3];
+    cellOf(finest, m_points[i], c);
+    for (int k = 0; k < 3; ++k) m_pointCells[i].c[k] = static_cast<int32_t>(c[k]);
   }
 }
 
-bool SegmentGrid::build(Level& level, double cell) const {
-  level.cell = cell;
-  for (int k = 0; k < 3; ++k)
-    level.dims[k] = static_cast<int64_t>(std::floor((m_max[k] - m_min[k]) / cell)) + 1;
+// The level `i`, built with the levels before it when first asked for;
+// nullptr past the coarsest level, one that holds the whole extent in a few
+// cells.
+const SegmentGrid::Level* SegmentGrid::level(size_t i) {
+  while (m_levels.size() <= i) {
+    const Level& last = m_levels.back();
+    if (m_levels.size() == kLevels || last.cell * kRings >= m_extent) return nullptr;
+    Level coarser;
+    coarser.cell = last.cell * (1 << kLevelShift);
+    const int shift = static_cast<int>(m_levels.size()) * kLevelShift;
+    for (int k = 0; k < 3; ++k) coarser.dims[k] = ((m_levels[0].dims[k] - 1) >> shift) + 1;
+    // Never over budget: a piece touches no more coarse cells than fine ones.
+    build(coarser, shift);
+    m_levels.push_back(std::move(coarser));
+  }
+  return &m_levels[i];
+}
+
+// Files every piece under each cell its box touches (the cells of its end
+// points at the finest level, shifted down to this level's); false (a
+// coarser cell is needed) when that would take more than a few entries per
+// piece. A coarse cell covers exactly the fine cells that shift down to it.
+bool SegmentGrid::build(Level& level, int shift) const {
   const double budget = kEntriesPerPiece * static_cast<double>(m_pieces.size()) + 64;
-  std::vector<std::pair<uint64_t, uint32_t>> entries;
-  entries.reserve(m_pieces.size() * 2);
+  // About one cell per two pieces on the finest level, fewer on each coarser
+  // one (the table grows when more come).
+  const size_t expected =
+      m_levels.empty() ? m_pieces.size() / 2 : m_levels.back().cellStarts.size() / 2;
+  level.cells.reset(expected);
+  std::vector<uint32_t> counts;
+  std::vector<std::pair<uint32_t, uint32_t>> entries;  // cell number, piece
+  entries.reserve(m_pieces.size() + m_pieces.size() / 4);
+  uint64_t lastKey = FlatKeyTable::kEmpty;
+  uint32_t lastNumber = 0;
   for (uint32_t i = 0; i < m_pieces.size(); ++i) {
-    int64_t ca[3], cb[3];
-    cellOf(level, m_points[m_pieces[i].a], ca);
-    cellOf(level, m_points[m_pieces[i].b], cb);
-    for (int64_t x = std::min(ca[0], cb[0]); x <= std::max(ca[0], cb[0]); ++x)
-      for (int64_t y = std::min(ca[1], cb[1]); y <= std::max(ca[1], cb[1]); ++y)
-        for (int64_t z = std::min(ca[2], cb[2]); z <= std::max(ca[2], cb[2]); ++z) {
+    const CellIndex &ca = m_pointCells[m_pieces[i].a], &cb = m_pointCells[m_pieces[i].b];
+    int64_t lo[3], hi[3];
+    for (int k = 0; k < 3; ++k) {
+      lo[k] = std::min(ca.c[k], cb.c[k]) >> shift;
+      hi[k] = std::max(ca.c[k], cb.c[k]) >> shift;
+    }
+    for (int64_t x = lo[0]; x <= hi[0]; ++x)
+      for (int64_t y = lo[1]; y <= hi[1]; ++y)
+        for (int64_t z = lo[2]; z <= hi[2]; ++z) {
           // Long pieces across many cells: a coarser grid instead.
           if (static_cast<double>(entries.size()) >= budget) return false;
-          entries.push_back({key(x, y, z), i});
+          const uint64_t k = key(x, y, z);
+          if (k != lastKey) {
+            auto [number, added] = level.cells.emplace(k, static_cast<uint32_t>(counts.size()));
+            if (added) counts.push_back(0);
+            lastKey = k;
+            lastNumber = *number;
+          }
+          ++counts[lastNumber];
+          entries.push_back({lastNumber, i});
         }
   }
-  std::sort(entries.begin(), entries.end());
-  level.cells.clear();
-  level.cells.reserve(entries.size());
+  level.cellStarts.assign(counts.size() + 1, 0);
+  for (size_t n = 0; n < counts.size(); ++n)
+    level.cellStarts[n + 1] = level.cellStarts[n] + counts[n];
   level.cellPieces.resize(entries.size());
-  for (size_t i = 0; i < entries.size(); ++i) {
-    level.cellPieces[i] = entries[i].second;
-    auto [it, added] = level.cells.emplace(entries[i].first, Range{static_cast<uint32_t>(i), 0});
-    it->second.end = static_cast<uint32_t>(i + 1);
-    (void)added;
-  }
+  std::vector<uint32_t>& next = counts;  // reused: the next free place of each cell
+  std::copy(level.cellStarts.begin(), level.cellStarts.end() - 1, next.begin());
+  for (const auto& [number, piece] : entries) level.cellPieces[next[number]++] = piece;
   return true;
 }
 
@@ -96,6 +164,25 @@ void SegmentGrid::cellOf(const Level& level, const LuVec3& p, int64_t c[3]) cons
   }
 }
 
+// How far q lies below the lower face of cell c on the axis (negative when
+// above it), and above the upper face; the faces widened by the slack.
+double SegmentGrid::gapBelow(const Level& level, int axis, int64_t c, double q) const {
+  return m_min[axis] + static_cast<double>(c) * level.cell - m_slack - q;
+}
+double SegmentGrid::gapAbove(const Level& level, int axis, int64_t c, double q) const {
+  return q - (m_min[axis] + static_cast<double>(c + 1) * level.cell + m_slack);
+}
+// The distance along the axis from q to the slab of cell c (0 inside it).
+double SegmentGrid::axisGap(const Level& level, int axis, int64_t c, double q) const {
+  return std::max({gapBelow(level, axis, c, q), gapAbove(level, axis, c, q), 0.0});
+}
+
+// True when everything at least sqrt(gap2) away from q is farther than the
+// best piece (an equally near one is not: it may have a lower index).
+bool SegmentGrid::beyond(double gap2, const NearestPiece& best) const {
+  return gap2 > best.distance2 * (1 + kMargin);
+}
+
 void SegmentGrid::consider(uint32_t piece, const LuVec3& q, NearestPiece& best) const {
   const LuVec3 &a = m_points[m_pieces[piece].a], &b = m_points[m_pieces[piece].b];
   LuVec3 ab = b - a;
@@ -107,37 +194,80 @@ void SegmentGrid::consider(uint32_t piece, const LuVec3& q, NearestPiece& best) 
   if (d2 < best.distance2 || (d2 == best.distance2 && piece < best.piece)) best = {piece, t, p, d2};
 }
 
-void SegmentGrid::visitRange(const Level& level, const Range& r, const LuVec3& q,
-                             NearestPiece& best) const {
-  for (uint32_t i = r.begin; i < r.end; ++i) consider(level.cellPieces[i], q, best);
+namespace {
+
+// How far v lies outside [lo - slack, hi + slack] (0 inside).
+double outside(double lo, double hi, double v, double slack) {
+  const double below = lo - slack - v, above = v - hi - slack;
+  return below > 0 ? below : above > 0 ? above : 0;
+}
+
+// The squared distance from q to the box of the piece from a to b, the box
+// widened by the slack: it bounds the piece's distance from q.
+double boxGap2(const LuVec3& a, const LuVec3& b, const LuVec3& q, double slack) {
+  const double gx = outside(std::min(a.x, b.x), std::max(a.x, b.x), q.x, slack);
+  const double gy = outside(std::min(a.y, b.y), std::max(a.y, b.y), q.y, slack);
+  const double gz = outside(std::min(a.z, b.z), std::max(a.z, b.z), q.z, slack);
+  return gx * gx + gy * gy + gz * gz;
+}
+
+}  // namespace
+
+// Most pieces met are passed over on their box, without the full measure.
+void SegmentGrid::visitPiece(uint32_t piece, const LuVec3& q, NearestPiece& best) const {
+  const GridPiece& p = m_pieces[piece];
+  if (!beyond(boxGap2(m_points[p.a], m_points[p.b], q, m_slack), best)) consider(piece, q, best);
+}
+
+void SegmentGrid::visitCellNumber(const Level& level, uint32_t n, const LuVec3& q,
+                                  NearestPiece& best) const {
+  double limit = best.distance2 * (1 + kMargin);  // as in beyond()
+  for (uint32_t i = level.cellStarts[n]; i < level.cellStarts[n + 1]; ++i) {
+    const GridPiece& p = m_pieces[level.cellPieces[i]];
+    if (boxGap2(m_points[p.a], m_points[p.b], q, m_slack) > limit) continue;
+    consider(level.cellPieces[i], q, best);
+    limit = best.distance2 * (1 + kMargin);
+  }
 }
 
 void SegmentGrid::visitCell(const Level& level, int64_t x, int64_t y, int64_t z, const LuVec3& q,
                             NearestPiece& best) const {
   if (x < 0 || y < 0 || z < 0 || x >= level.dims[0] || y >= level.dims[1] || z >= level.dims[2])
     return;
-  auto it = level.cells.find(key(x, y, z));
-  if (it != level.cells.end()) visitRange(level, it->second, q, best);
+  // The cell's distance from q bounds every piece filed in it (the piece's
+  // part inside the cell is at least that far).
+  const double gx = axisGap(level, 0, x, q.x), gy = axisGap(level, 1, y, q.y),
+               gz = axisGap(level, 2, z, q.z);
+  if (beyond(gx * gx + gy * gy + gz * gz, best)) return;
+  if (const uint32_t* n = level.cells.find(key(x, y, z))) visitCellNumber(level, *n, q, best);
 }
 
-void SegmentGrid::searchEveryCell(const Level& level, const LuVec3& q, NearestPiece& best) const {
-  for (const auto& [k, range] : level.cells) {
-    // The cell's distance from q bounds every piece listed in it (the
-    // piece's part inside the cell is at least that far).
-    const int64_t c[3] = {static_cast<int64_t>(k >> 42),
-                          static_cast<int64_t>((k >> 21) & (kAxisCells - 1)),
-                          static_cast<int64_t>(k & (kAxisCells - 1))};
-    double d2 = 0;
-    for (int a = 0; a < 3; ++a) {
-      double lo = m_min[a] + static_cast<double>(c[a]) * level.cell, hi = lo + level.cell;
-      double gap = q[a] < lo ? lo - q[a] : q[a] > hi ? q[a] - hi : 0;
-      d2 += gap * gap;
-    }
-    if (d2 <= best.distance2) visitRange(level, range, q, best);
+// Every piece in the boxes of the piece tree that may hold a nearer point.
+void SegmentGrid::searchTree(const LuVec3& q, NearestPiece& best) {
+  if (!m_tree) {
+    m_tree = std::make_unique<PieceTree>(m_pieces.size(), [&](size_t i, LuVec3& lo, LuVec3& hi) {
+      for (uint32_t p : {m_pieces[i].a, m_pieces[i].b})
+        for (int k = 0; k < 3; ++k) {
+          lo[k] = std::min(lo[k], m_points[p][k]);
+          hi[k] = std::max(hi[k], m_points[p][k]);
+        }
+    });
   }
+  m_tree->search(
+      q, m_slack, [&] { return best.distance2 * (1 + kMargin); },  // as in beyond()
+      [&](size_t piece) { visitPiece(static_cast<uint32_t>(piece), q, best); });
 }
 
-NearestPiece SegmentGrid::nearest(const LuVec3& q, size_t& start) const {
+// The finest level built whose cells are not too small for a query at this
+// squared distance (the number of levels built when none is large enough).
+size_t SegmentGrid::levelFor(double distance2) const {
+  const double d = std::sqrt(distance2);
+  for (size_t i = 0; i < m_levels.size(); ++i)
+    if (m_levels[i].cell >= kStartCells * d) return i;
+  return m_levels.size();
+}
+
+NearestPiece SegmentGrid::nearest(const LuVec3& q, SearchHint& hint) {
   NearestPiece best;
   if (!std::isfinite(q.x) || !std::isfinite(q.y) || !std::isfinite(q.z)) {
     best.point = m_points[m_pieces[0].a];
@@ -146,20 +276,26 @@ NearestPiece SegmentGrid::nearest(const LuVec3& q, size_t& start) const {
   }
   best.distance2 = std::numeric_limits<double>::infinity();
   best.piece = std::numeric_limits<uint32_t>::max();
-  // One level finer than last time first, so that the start follows the
-  // distances down as well as up.
-  size_t first = start > 0 ? start - 1 : 0;
-  for (size_t i = std::min(first, m_levels.size() - 1); i < m_levels.size(); ++i)
-    if (searchRings(m_levels[i], q, best)) {
-      start = i;
-      return best;
-    }
-  start = m_levels.size() - 1;
-  searchEveryCell(m_levels.back(), q, best);
+  // The last answer bounds this one's distance, which picks the level.
+  size_t start = 0;
+  if (hint.piece < m_pieces.size()) {
+    consider(hint.piece, q, best);
+    if (best.distance2 < std::numeric_limits<double>::infinity()) start = levelFor(best.distance2);
+  }
+  bool found = false;
+  for (size_t i = start; !found; ++i) {
+    const Level* here = level(i);
+    if (!here) break;
+    found = searchRings(*here, q, best);
+  }
+  // Farther than the coarsest level's rings reach.
+  if (!found) searchTree(q, best);
+  if (best.piece < m_pieces.size()) hint.piece = best.piece;
   return best;
 }
 
-// True when the best piece is found within kRings rings of q's cell.
+// True when the best piece is certain after at most kRings rings of cells
+// around q's cell.
 bool SegmentGrid::searchRings(const Level& level, const LuVec3& q, NearestPiece& best) const {
   int64_t c[3];
   cellOf(level, q, c);
@@ -177,11 +313,15 @@ bool SegmentGrid::searchRings(const Level& level, const LuVec3& q, NearestPiece&
           if (r > 0) visitCell(level, x, y, c[2] + r, q, best);
         }
       }
-    // Every cell not visited yet is at least r + 1 cells away from q's cell
-    // in some axis, so at least r cells' width from q (also when q lies
-    // outside the grid, on the far side of its clamped cell).
-    double reach = static_cast<double>(r) * level.cell;
-    if (best.distance2 <= reach * reach) return true;
+    // Every cell not visited yet lies beyond a face of the block of rings
+    // visited, on a side where the grid goes on.
+    double gap = std::numeric_limits<double>::infinity();
+    for (int k = 0; k < 3; ++k) {
+      if (c[k] - r > 0) gap = std::min(gap, gapAbove(level, k, c[k] - r - 1, q[k]));
+      if (c[k] + r < level.dims[k] - 1) gap = std::min(gap, gapBelow(level, k, c[k] + r + 1, q[k]));
+    }
+    if (gap == std::numeric_limits<double>::infinity() || (gap > 0 && beyond(gap * gap, best)))
+      return true;
   }
   return false;
 }

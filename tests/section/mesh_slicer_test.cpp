@@ -2,7 +2,10 @@
 // documented degenerate case.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <random>
+#include <tuple>
 
 #include <luAnaf/luAfxsSection.h>
 #include <luAnaf/luAnaf.h>
@@ -281,6 +284,138 @@ TEST(MeshSlicer, FacesSeenFromADirectionAreThoseTurnedTowardsIt) {
 TEST(MeshSlicer, VolumeIsPositiveForOutwardWinding) {
   Mesh m = cube();
   EXPECT_NEAR(luAfxsMeshVolume6(m.vertices, m.faces), 6.0, 1e-12);
+}
+
+// A closed UV sphere with every vertex moved along its radius at random
+// (poles as single vertices, so no vertex repeats), wound outward.
+Mesh bumpySphere(std::mt19937& random, uint32_t rings, uint32_t segments) {
+  std::uniform_real_distribution<double> bump(0.8, 1.2);
+  Mesh m;
+  const double pi = 3.14159265358979323846;
+  m.vertices.push_back({0, 0, bump(random)});
+  for (uint32_t r = 1; r < rings; ++r)
+    for (uint32_t k = 0; k < segments; ++k) {
+      double theta = pi * r / rings, phi = 2 * pi * k / segments, b = bump(random);
+      m.vertices.push_back({b * std::sin(theta) * std::cos(phi),
+                            b * std::sin(theta) * std::sin(phi), b * std::cos(theta)});
+    }
+  m.vertices.push_back({0, 0, -bump(random)});
+  const uint32_t south = static_cast<uint32_t>(m.vertices.size()) - 1;
+  auto at = [&](uint32_t r, uint32_t k) { return 1 + (r - 1) * segments + k % segments; };
+  for (uint32_t k = 0; k < segments; ++k) {
+    m.faces.insert(m.faces.end(), {0, at(1, k), at(1, k + 1)});
+    m.faces.insert(m.faces.end(), {south, at(rings - 1, k + 1), at(rings - 1, k)});
+  }
+  for (uint32_t r = 1; r + 1 < rings; ++r)
+    for (uint32_t k = 0; k < segments; ++k) {
+      uint32_t a = at(r, k), b = at(r, k + 1), c = at(r + 1, k), d = at(r + 1, k + 1);
+      m.faces.insert(m.faces.end(), {a, c, d, a, d, b});
+    }
+  return m;
+}
+
+using CutPiece = std::tuple<double, double, double, double, double, double, uint32_t>;
+
+// Every face's cut by every plane, found face by face: the point where the
+// boundary goes down through the plane, the point where it comes back up
+// (each measured from the edge's vertices in index order) and the face.
+std::vector<CutPiece> cutFaceByFace(const Mesh& m, const LuAfxsPlaneFamily& family, uint32_t k) {
+  auto height = [&](uint32_t v) { return (m.vertices[v] - family.origin).dot(family.normal); };
+  const double h = static_cast<double>(k) * family.spacing;
+  auto crossing = [&](uint32_t a, uint32_t b) {
+    if (a > b) std::swap(a, b);
+    double da = height(a) - h, db = height(b) - h;
+    const LuVec3 &pa = m.vertices[a], &pb = m.vertices[b];
+    return pa + (pb - pa) * (da / (da - db));
+  };
+  std::vector<CutPiece> pieces;
+  for (uint32_t f = 0; f < m.faces.size() / 3; ++f) {
+    LuVec3 from, to;
+    int found = 0;
+    for (int i = 0; i < 3; ++i) {
+      uint32_t a = m.faces[3 * f + i], b = m.faces[3 * f + (i + 1) % 3];
+      bool aboveA = height(a) >= h, aboveB = height(b) >= h;
+      if (aboveA && !aboveB) from = crossing(a, b), found |= 1;
+      if (!aboveA && aboveB) to = crossing(a, b), found |= 2;
+    }
+    if (found == 3) pieces.emplace_back(from.x, from.y, from.z, to.x, to.y, to.z, f);
+  }
+  std::sort(pieces.begin(), pieces.end());
+  return pieces;
+}
+
+// The pieces of a contour: each point to the next on its polyline, with the
+// face the point was cut from.
+std::vector<CutPiece> piecesOf(const LuAfxsContour& c) {
+  std::vector<CutPiece> pieces;
+  size_t first = 0;
+  for (int32_t end : c.segments) {
+    for (size_t i = first; i + 1 < static_cast<size_t>(end); ++i) {
+      const LuVec3 &a = c.points[i], &b = c.points[i + 1];
+      pieces.emplace_back(a.x, a.y, a.z, b.x, b.y, b.z, c.faces[i]);
+    }
+    first = static_cast<size_t>(end);
+  }
+  std::sort(pieces.begin(), pieces.end());
+  return pieces;
+}
+
+// On random closed meshes cut along random directions, the polylines are
+// made of exactly the pieces a face-by-face cut gives, to the bit, each with
+// its face, and every polyline closes.
+TEST(MeshSlicer, PolylinesAreExactlyTheFaceByFaceCuts) {
+  std::mt19937 random(5);
+  std::uniform_real_distribution<double> direction(-1, 1);
+  for (int round = 0; round < 20; ++round) {
+    Mesh m = bumpySphere(random, 4 + round % 9, 5 + round % 13);
+    LuVec3 normal{direction(random), direction(random), direction(random)};
+    LuAfxsPlaneFamily family;
+    ASSERT_TRUE(luAfxsFamilyByCount(m.vertices, normal, 7 + round, nullptr, family));
+    LuAfxsSliceReport report;
+    std::vector<LuAfxsContour> out = cut(m, family, &report);
+    EXPECT_EQ(report.mergedVertices, 0u);
+    EXPECT_EQ(report.openPolylines, 0u);
+    EXPECT_EQ(report.nonManifoldEdges, 0u);
+    size_t contour = 0;
+    for (uint32_t k = 0; k < family.count; ++k) {
+      std::vector<CutPiece> want = cutFaceByFace(m, family, k);
+      if (want.empty()) continue;
+      ASSERT_LT(contour, out.size());
+      ASSERT_EQ(out[contour].planeId, k);
+      EXPECT_EQ(piecesOf(out[contour]), want) << "round " << round << " plane " << k;
+      for (uint8_t closed : out[contour].closed) EXPECT_EQ(closed, 1);
+      ++contour;
+    }
+    EXPECT_EQ(contour, out.size());
+  }
+}
+
+// The same mesh stored as separate triangles (as STL does), with -0.0 for
+// some zero coordinates, is merged back and cut into the same polylines.
+TEST(MeshSlicer, TriangleSoupIsCutLikeTheIndexedMesh) {
+  std::mt19937 random(9);
+  Mesh m = bumpySphere(random, 9, 12);
+  m.vertices.push_back({0, 0, 0});  // an unused vertex at the origin
+  Mesh s = soup(m);
+  int zeros = 0;
+  for (LuVec3& v : s.vertices)
+    if (v.x == 0 && ++zeros % 4 < 2) v.x = -0.0;  // both poles get both zeros
+  ASSERT_GT(zeros, 2);
+  LuAfxsPlaneFamily family;
+  ASSERT_TRUE(luAfxsFamilyByCount(m.vertices, {0.3, 0.1, 1}, 9, nullptr, family));
+  LuAfxsSliceReport indexed, separate;
+  std::vector<LuAfxsContour> a = cut(m, family, &indexed), b = cut(s, family, &separate);
+  EXPECT_EQ(separate.mergedVertices, s.vertices.size() - (m.vertices.size() - 1));
+  EXPECT_EQ(separate.closedPolylines, indexed.closedPolylines);
+  EXPECT_EQ(separate.cutPoints, indexed.cutPoints);
+  ASSERT_EQ(a.size(), b.size());
+  for (size_t k = 0; k < a.size(); ++k) {
+    ASSERT_EQ(a[k].points.size(), b[k].points.size());
+    EXPECT_EQ(a[k].faces, b[k].faces);
+    EXPECT_EQ(a[k].segments, b[k].segments);
+    for (size_t i = 0; i < a[k].points.size(); ++i)
+      EXPECT_NEAR((a[k].points[i] - b[k].points[i]).length(), 0, 1e-12);
+  }
 }
 
 }  // namespace
