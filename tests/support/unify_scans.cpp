@@ -6,7 +6,7 @@
 
 namespace lutest {
 
-LuAfxsPlane makeArcPlane(uint32_t planeId, uint32_t subsetId, const ArcSpec& shape) {
+LuAfxsPlane makeArcPlane(uint32_t planeId, uint32_t subsetId, const ArcShape& shape) {
   LuAfxsPlane plane;
   plane.planeId = planeId;
   plane.subsetId = subsetId;
@@ -133,7 +133,7 @@ void UnifyTest::TearDown() {
 }
 
 void UnifyTest::writeScan(const std::string& name, uint32_t subsetId,
-                          const std::vector<uint32_t>& planeIds, const ArcSpec& shape) {
+                          const std::vector<uint32_t>& planeIds, const ArcShape& shape) {
   std::vector<LuAfxsPlane> planes;
   for (uint32_t planeId : planeIds) planes.push_back(makeArcPlane(planeId, subsetId, shape));
   ASSERT_TRUE(writeScanFile(wpath(name), planes, scanHeader(planeIds.size())));
@@ -149,7 +149,7 @@ LuAfxsUserDataSet* UnifyTest::dataSet(const std::string& name) {
 
 LuAfxsUserLink* UnifyTest::anchorLink() {
   if (m_anchor == nullptr) {
-    std::vector<LuAfxsPlane> planes{makeArcPlane(0, 99, ArcSpec{})};
+    std::vector<LuAfxsPlane> planes{makeArcPlane(0, 99, ArcShape{})};
     EXPECT_TRUE(writeScanFile(wpath("anchor.afxs"), planes, scanHeader(1)));
     m_links.push_back(std::make_unique<LuAfxsUserLink>(wpath("anchor.afxs").c_str()));
     m_anchor = m_links.back().get();

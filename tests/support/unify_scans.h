@@ -22,7 +22,7 @@ namespace lutest {
 // in the plane z = planeId, from startDeg to endDeg, cut into `segments`
 // segments of (nearly) equal length. Normals point outwards; result points
 // lie `offset` outside the points; distances hold the offset.
-struct ArcSpec {
+struct ArcShape {
   double startDeg = 0;
   double endDeg = 90;
   size_t points = 16;
@@ -35,7 +35,7 @@ struct ArcSpec {
   bool auxOnly = false;  // aux control positions and nothing else
 };
 
-LuAfxsPlane makeArcPlane(uint32_t planeId, uint32_t subsetId, const ArcSpec& shape);
+LuAfxsPlane makeArcPlane(uint32_t planeId, uint32_t subsetId, const ArcShape& shape);
 
 // The header every synthetic scan carries.
 LuAfxsHeader scanHeader(uint64_t numPlanes);
@@ -106,7 +106,7 @@ protected:
   // Writes a scan file of the given planes (each an arc after `shape`) in the
   // order given, all under subsetId.
   void writeScan(const std::string& name, uint32_t subsetId, const std::vector<uint32_t>& planeIds,
-                 const ArcSpec& shape = {});
+                 const ArcShape& shape = {});
   // A heap-allocated data set on a new link to the file (not loaded). The
   // fixture deletes it afterwards unless the registry took it over.
   LuAfxsUserDataSet* dataSet(const std::string& name);

@@ -34,8 +34,8 @@ protected:
     link->release();
     return link;
   }
-  static RecordCounts arc(uint32_t planeId, uint32_t subsetId, const ArcSpec& spec = {}) {
-    return countsOf(makeArcPlane(planeId, subsetId, spec), subsetId);
+  static RecordCounts arc(uint32_t planeId, uint32_t subsetId, const ArcShape& arcShape = {}) {
+    return countsOf(makeArcPlane(planeId, subsetId, arcShape), subsetId);
   }
   std::vector<const LuAfxsPlane*> planesOf(LuAfxsUserDataSet& set) {
     std::vector<const LuAfxsPlane*> planes;
@@ -216,11 +216,11 @@ TEST_F(PlaneGatheringTest, WalkWithBlendingOnWritesWhatEachPositionBlendedAloneW
   // A large blend first, then a smaller one: the walk reuses the blended
   // plane of the first position for the second.
   auto arcOf = [](uint32_t plane, uint32_t subset, double start, size_t points) {
-    ArcSpec spec;
-    spec.startDeg = start;
-    spec.endDeg = start + 130.0;
-    spec.points = points;
-    return makeArcPlane(plane, subset, spec);
+    ArcShape arcShape;
+    arcShape.startDeg = start;
+    arcShape.endDeg = start + 130.0;
+    arcShape.points = points;
+    return makeArcPlane(plane, subset, arcShape);
   };
   const LuAfxsPlane p0 = arcOf(0, 1, 0, 80), q0 = arcOf(0, 2, 120, 80);
   const LuAfxsPlane p1 = arcOf(1, 1, 0, 40), q1 = arcOf(1, 2, 120, 40);
@@ -246,20 +246,20 @@ TEST_F(PlaneGatheringTest, WalkWithBlendingOnWritesWhatEachPositionBlendedAloneW
 }
 
 TEST_F(PlaneGatheringTest, FlushPlaneToFileLinkWritesPlaneUnderItsOwnIds) {
-  ArcSpec spec;
-  spec.normals = false;
-  spec.results = false;
-  const LuAfxsPlane plane = makeArcPlane(4, 9, spec);
+  ArcShape arcShape;
+  arcShape.normals = false;
+  arcShape.results = false;
+  const LuAfxsPlane plane = makeArcPlane(4, 9, arcShape);
   auto link = openOutput("out.afxs");
   EXPECT_TRUE(UnifyProbe::FlushPlaneToFileLink(&plane, *link));
   link->closeFile(true);
-  EXPECT_THAT(readOutput("out.afxs").value(), ElementsAre(arc(4, 9, spec)));
+  EXPECT_THAT(readOutput("out.afxs").value(), ElementsAre(arc(4, 9, arcShape)));
 }
 
 TEST_F(PlaneGatheringTest, FlushPlaneToFileLinkSkipsPlaneWithOnlyAuxPositions) {
-  ArcSpec spec;
-  spec.auxOnly = true;
-  const LuAfxsPlane plane = makeArcPlane(4, 9, spec);
+  ArcShape arcShape;
+  arcShape.auxOnly = true;
+  const LuAfxsPlane plane = makeArcPlane(4, 9, arcShape);
   auto link = openOutput("out.afxs");
   EXPECT_TRUE(UnifyProbe::FlushPlaneToFileLink(&plane, *link));
   link->closeFile(true);
@@ -354,7 +354,7 @@ TEST_F(PlaneGatheringTest, PositionWithOnePlaneAndBlendingOnWritesThatPlaneUncha
 }
 
 TEST_F(PlaneGatheringTest, PlaneWithOnlyAuxPositionsIsNotWritten) {
-  ArcSpec auxOnly;
+  ArcShape auxOnly;
   auxOnly.auxOnly = true;
   ASSERT_TRUE(
       writeScanFile(wpath("a.afxs"),
@@ -365,7 +365,7 @@ TEST_F(PlaneGatheringTest, PlaneWithOnlyAuxPositionsIsNotWritten) {
 }
 
 TEST_F(PlaneGatheringTest, AuxPositionsOfWrittenPlanesAreDropped) {
-  ArcSpec withAux;
+  ArcShape withAux;
   withAux.aux = true;
   writeScan("a.afxs", 1, {0}, withAux);
   EXPECT_FALSE(unify({dataSet("a.afxs")}, {1}, "out.afxs"));
@@ -373,7 +373,7 @@ TEST_F(PlaneGatheringTest, AuxPositionsOfWrittenPlanesAreDropped) {
 }
 
 TEST_F(PlaneGatheringTest, LaterRecordOfTheSamePlaneWinsWithRealOutputId) {
-  ArcSpec small, large;
+  ArcShape small, large;
   small.points = 8;
   large.points = 12;
   ASSERT_TRUE(writeScanFile(

@@ -24,18 +24,18 @@ protected:
     LuAfxsUserDataSet::SetCurrentXSId(kXsId);
     // Overlapping arcs around one circle: 0-130, 110-250, 230-370, 350-480 degrees.
     for (uint32_t s = 0; s < 4; ++s) {
-      ArcSpec spec;
-      spec.startDeg = 120.0 * s;
-      spec.endDeg = 120.0 * s + 130.0;
-      spec.points = 40;
-      m_specs.push_back(spec);
+      ArcShape arcShape;
+      arcShape.startDeg = 120.0 * s;
+      arcShape.endDeg = 120.0 * s + 130.0;
+      arcShape.points = 40;
+      m_shapes.push_back(arcShape);
     }
   }
   std::string scanName(uint32_t s) const { return "scan" + std::to_string(s + 1) + ".afxs"; }
   void writeScans(uint32_t count) {
     std::vector<uint32_t> planeIds;
     for (uint32_t p = 0; p < kPlanes; ++p) planeIds.push_back(p);
-    for (uint32_t s = 0; s < count; ++s) writeScan(scanName(s), s + 1, planeIds, m_specs[s]);
+    for (uint32_t s = 0; s < count; ++s) writeScan(scanName(s), s + 1, planeIds, m_shapes[s]);
   }
   std::vector<LuAfxsUserDataSet*> openScans(uint32_t first, uint32_t count) {
     std::vector<LuAfxsUserDataSet*> sets;
@@ -55,7 +55,8 @@ protected:
     std::vector<RecordCounts> records;
     for (uint32_t p = 0; p < kPlanes; ++p) {
       for (size_t i = 0; i < scans.size(); ++i) {
-        records.push_back(countsOf(makeArcPlane(p, subsetIds[i], m_specs[scans[i]]), subsetIds[i]));
+        records.push_back(
+            countsOf(makeArcPlane(p, subsetIds[i], m_shapes[scans[i]]), subsetIds[i]));
       }
     }
     return records;
@@ -84,7 +85,7 @@ protected:
         EXPECT_EQ(got.size(), 1u);
         if (got.size() != 1) continue;
         EXPECT_EQ(got[0].subsetId, subsetIds[0]);
-        EXPECT_GE(got[0].points, m_specs[scans[0]].points);
+        EXPECT_GE(got[0].points, m_shapes[scans[0]].points);
         EXPECT_EQ(got[0].normals, got[0].points);
         EXPECT_EQ(got[0].resPoints, got[0].points);
         EXPECT_EQ(got[0].distances, got[0].points);
@@ -96,14 +97,14 @@ protected:
         if (got.size() != scans.size()) continue;
         for (size_t i = 0; i < scans.size(); ++i) {
           EXPECT_EQ(got[i],
-                    countsOf(makeArcPlane(p, subsetIds[i], m_specs[scans[i]]), subsetIds[i]));
+                    countsOf(makeArcPlane(p, subsetIds[i], m_shapes[scans[i]]), subsetIds[i]));
         }
       }
     }
     return blended;
   }
 
-  std::vector<ArcSpec> m_specs;
+  std::vector<ArcShape> m_shapes;
 };
 
 TEST_F(UnifyEndToEndTest, RealOutputIdsWithBlendingOffWriteEveryScanUnderItsId) {

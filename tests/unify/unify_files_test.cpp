@@ -29,11 +29,11 @@ protected:
   }
   // Two scans of kPlanes planes whose arcs overlap (subsets 1 and 2).
   void writeOverlappingScans() {
-    ArcSpec left;
+    ArcShape left;
     left.startDeg = 0;
     left.endDeg = 130;
     left.points = 40;
-    ArcSpec right = left;
+    ArcShape right = left;
     right.startDeg = 120;
     right.endDeg = 250;
     writeScan("a.afxs", 1, planes(kPlanes), left);
@@ -101,7 +101,7 @@ TEST_F(UnifyFilesTest, BlendingCountsEveryBlendedPlane) {
 }
 
 TEST_F(UnifyFilesTest, BlendingWithoutResultPointsWarnsThatNothingWasBlended) {
-  ArcSpec bare;
+  ArcShape bare;
   bare.results = false;
   writeScan("a.afxs", 1, planes(2), bare);
   writeScan("b.afxs", 2, planes(2), bare);
