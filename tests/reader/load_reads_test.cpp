@@ -60,11 +60,10 @@ protected:
     }
   }
 
-  // Loads the points through `link`, flushes distances (`scale` times the
-  // point's index and the record's) as each record's results; returns them.
-  std::vector<std::vector<double>> flushDistances(LuAfxsUserLink& link, double scale) {
+  // Loads the points of `set`, flushes distances (`scale` times the point's
+  // index and the record's) as each record's results; returns them.
+  std::vector<std::vector<double>> flushDistances(LuAfxsUserDataSet& set, double scale) {
     std::vector<std::vector<double>> distances;
-    LuAfxsUserDataSet set(link);
     EXPECT_TRUE(set.load(LU_AFXS_MASK_POINTS));
     for (LuAfxsUserData* d : set) {
       const size_t n = d->getPlaneData().points.size();
@@ -163,7 +162,11 @@ TEST_F(LoadReadsTest, BlocksOfEverySizeAroundTheReadAheadLoadExactly) {
 TEST_F(LoadReadsTest, TheNextLoadOnTheSameLinkSeesFlushedResults) {
   std::wstring file = writeFile("results.afxs", {300, 5000, 40});
   LuAfxsUserLink link(file.c_str());
-  const std::vector<std::vector<double>> distances = flushDistances(link, 0.5);
+  std::vector<std::vector<double>> distances;
+  {
+    LuAfxsUserDataSet set(link);
+    distances = flushDistances(set, 0.5);
+  }
   LuAfxsUserDataSet again(link);
   ASSERT_TRUE(again.load(LU_AFXS_MASK_ALL));
   size_t i = 0;
@@ -175,31 +178,38 @@ TEST_F(LoadReadsTest, TheNextLoadOnTheSameLinkSeesFlushedResults) {
   EXPECT_EQ(i, distances.size());
 }
 
-// The same after an index, through the link that flushed the results (its
-// stream open for writing) and through a new one (open for reading only):
-// the index finds the results record, and the fields loaded after it are
-// read from the first block of each identifier, as documented (so the
-// distances are the plane-subset record's own, not the results').
+// The same after an index: through the link that flushed the results while
+// its stream is still open for writing (the reads go through the stream),
+// through it again once it was closed, and through a new link (positioned
+// reads). Each time the fields loaded after the index are read from the
+// first block of each identifier, as documented (so the distances are the
+// plane-subset record's own, not the results').
 TEST_F(LoadReadsTest, AnIndexAndTheFieldsAfterItReadAsDocumentedAfterAResultsFlush) {
   std::wstring file = writeFile("results_index.afxs", {300, 5000, 40});
   LuAfxsUserLink link(file.c_str());
-  const std::vector<std::vector<double>> distances = flushDistances(link, 0.25);
-  LuAfxsUserLink fresh(file.c_str());
-  for (int round = 0; round < 2; ++round) {
-    LuAfxsUserDataSet again(round == 0 ? link : fresh);
-    ASSERT_TRUE(again.load(0)) << round;
+  auto indexThenFields = [this](LuAfxsUserLink& through, const char* how) {
+    LuAfxsUserDataSet set(through);
+    ASSERT_TRUE(set.load(0)) << how;
     size_t i = 0;
-    for (LuAfxsUserData* d : again) {
-      EXPECT_NE(d->fileState() & LU_AFXS_MASK_DISTANCES, 0u) << round;
-      ASSERT_TRUE(d->load(LU_AFXS_MASK_ALL)) << round;
-      EXPECT_EQ(d->getPlaneData().distances, m_planes.at(i).distances) << round;
-      EXPECT_NE(d->getPlaneData().distances, distances.at(i)) << round;
-      EXPECT_EQ(d->getPlaneData().points, m_planes.at(i).points) << round;
-      EXPECT_EQ(d->getPlaneData().normals, m_planes.at(i).normals) << round;
+    for (LuAfxsUserData* d : set) {
+      ASSERT_TRUE(d->load(LU_AFXS_MASK_ALL)) << how;
+      EXPECT_EQ(d->getPlaneData().distances, m_planes.at(i).distances) << how << " " << i;
+      EXPECT_EQ(d->getPlaneData().points, m_planes.at(i).points) << how << " " << i;
+      EXPECT_EQ(d->getPlaneData().normals, m_planes.at(i).normals) << how << " " << i;
       ++i;
     }
-    EXPECT_EQ(i, distances.size()) << round;
+    EXPECT_EQ(i, m_planes.size()) << how;
+  };
+  {
+    LuAfxsUserDataSet flushing(link);
+    flushDistances(flushing, 0.25);
+    luIoResetCounts();
+    indexThenFields(link, "open for writing");
+    EXPECT_GT(luIoCallCount(LuIoOp::Seek), 0u);
   }
+  indexThenFields(link, "closed and opened again");
+  LuAfxsUserLink fresh(file.c_str());
+  indexThenFields(fresh, "a new link");
 }
 
 // A read that fails in the middle of a record's blocks fails the load and
