@@ -247,20 +247,16 @@ void LuAfxsUserData::loadRecordData(afxs::ByteSource& source, uint64_t at, long 
 // a whole number of elements is refused as damage (reading it would write past
 // the vector), as is any count running past the end of the file.
 void LuAfxsUserData::loadFieldData(FILE* stream, long id) {
-  uint32_t countWord = afxs::offset32(stream);
-  uint32_t count = afxs::getU32(stream);
-  const uint32_t field = static_cast<uint32_t>(id);
-  // Only fields of the directory that the mask asks for come here.
-  checkedUse(LU_AFXS_REC_PLANE_SUBSET, field, count, countWord, LU_AFXS_MASK_ALL,
-             m_link->m_fileSize);
-  auto read = [stream](void* data, size_t size) { afxs::getBytes(stream, data, size); };
-  readFieldBody(read, field, count, m_plane, m_resultsOffset);
+  const uint32_t countAt = afxs::offset32(stream);
+  StreamOnwards source(stream, countAt);
+  loadFieldData(source, countAt, id);
 }
 
 void LuAfxsUserData::loadFieldData(afxs::ByteSource& source, uint64_t countAt, long id) {
   uint32_t count = 0;
   if (!source.u32At(countAt, count)) afxs::fail();
   const uint32_t field = static_cast<uint32_t>(id);
+  // Only fields of the directory that the mask asks for come here.
   checkedUse(LU_AFXS_REC_PLANE_SUBSET, field, count, countAt, LU_AFXS_MASK_ALL, m_link->m_fileSize);
   auto read = [&source, countAt](void* data, size_t size) {
     if (!source.readExactly(countAt + 4, data, size)) afxs::fail();

@@ -153,11 +153,6 @@ public:
     m_lastKey = key;
     return m_planes[m_last];
   }
-  // The points read so far of a plane subset (0 for one not met yet).
-  size_t pointsOf(uint32_t planeId, uint32_t subsetId) const {
-    auto it = m_index.find(std::make_pair(planeId, subsetId));
-    return it == m_index.end() ? 0 : m_planes[it->second].plane.points.size();
-  }
   std::vector<ImportedPlane> take() { return std::move(m_planes); }
 
 private:
@@ -367,11 +362,13 @@ std::vector<ImportedPlane> readAsciiPly(const PlyHeader& h, std::string_view bod
       }
       row[k] = cell;
     }
-    // The index column counts the points of each plane subset.
+    // The index column counts the points of each plane subset (the row's
+    // plane subset is the one it goes to next, found from the last one).
     const uint64_t line = firstLine + v;
-    index = std::to_string(
-        planes.pointsOf(static_cast<uint32_t>(whole(row[0], line, "plane", 0xFFFFFFFF)),
-                        static_cast<uint32_t>(whole(row[1], line, "subset", 0xFFFFFFFF))));
+    const ImportedPlane& next =
+        planes.of(static_cast<uint32_t>(whole(row[0], line, "plane", 0xFFFFFFFF)),
+                  static_cast<uint32_t>(whole(row[1], line, "subset", 0xFFFFFFFF)));
+    index = std::to_string(next.plane.points.size());
     row[2] = index;
     std::copy(cells.begin(), cells.begin() + static_cast<long>(nd), row.begin() + 3);
     readCsvRow(columns, row, line, planes);
