@@ -182,14 +182,23 @@ def main():
         way = "same direction" if same else "opposite directions"
         out.append(row(f"blend, 2 x {points:,} points, {way}", lib, floor,
                        "memcpy of both contours"))
-    unify_floor = first(results, r"unify:RawFloor.*") or first(results, r"RawFloor.*")
-    unify_memcpy = first(results, r"unify:MemcpyFloor.*") or first(results, r"MemcpyFloor.*")
-    for label, rx in (("unify 8 scans, blending off", r"UnifyBlendingOff.*"),
-                      ("unify 8 scans, blending on", r"UnifyBlendingOn.*")):
-        lib = first(results, r"unify:" + rx) or first(results, rx)
+    def unify_result(name):
+        return first(results, rf"unify:{name}/.*") or first(results, rf"{name}/.*")
+    unify_memcpy = unify_result("MemcpyFloor")
+    floors = {
+        "off": (("RawFloor", "fread of the inputs + fwrite of the output"),
+                ("HeldFloor", "every input read whole into memory, then the output written from it")),
+        "on": (("RawFloor", "fread of the inputs + fwrite of an output of the unblended size"),
+               ("RawFloorBlendingOn", "fread of the inputs + fwrite of its own (smaller) output"),
+               ("HeldFloorBlendingOn", "every input read whole into memory, then its output written")),
+    }
+    for way in ("off", "on"):
+        label = f"unify 8 scans, blending {way}"
+        lib = unify_result(f"UnifyBlending{way.capitalize()}")
         planes = int(lib["entry"].get("planes", 0)) if lib else 0
-        out.append(row(f"{label} ({planes} planes x 2,000 points)", lib, unify_floor,
-                       "fread of the inputs + fwrite of the output"))
+        for floor_name, floor_text in floors[way]:
+            out.append(row(f"{label} ({planes} planes x 2,000 points)", lib,
+                           unify_result(floor_name), floor_text))
         out.append(row(f"{label}, against memcpy", lib, unify_memcpy,
                        "memcpy of every input byte"))
     out.append("")
@@ -267,7 +276,7 @@ def main():
             prefix = tag.split(":")[0]
             off_name = off["entry"].get("run_name", off["entry"]["name"])
             on = results.get(prefix + ":" + off_name.replace("Off", "On"))
-            floor = first(results, prefix + r":RawFloor.*")
+            floor = first(results, prefix + r":RawFloor/.*")
             per = planes * 8
             out.append(f"| {planes} | {per * 2000:,} | {ms(off['cpu'])} | "
                        f"{off['cpu'] * 1e3 / per:.0f} | {ms(on['cpu']) if on else '–'} | "

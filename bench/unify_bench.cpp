@@ -1,7 +1,8 @@
 // Unification of one cross-section: 8 scan files of N planes x 2,000 points
 // (points, normals, segments, result points, distances) into one output
 // file, with blending off and on, beside the raw floor of the same run: every
-// input byte read and the output's bytes written with plain fread/fwrite.
+// input byte read and an output of the same size written with plain
+// fread/fwrite, to a new file each time (as the unifications write theirs).
 //
 //   unify_bench            short run (20 planes per scan)
 //   unify_bench --full     the full size (500 planes per scan)
@@ -36,6 +37,7 @@ fs::path g_dir;
 std::vector<fs::path> g_inputs;
 uint64_t g_inputBytes = 0;
 uint64_t g_outputBytes = 0;
+uint64_t g_blendedOutputBytes = 0;
 
 bool writeScan(const fs::path& file, uint32_t subsetId, double startDeg) {
   LuAfxsCreateLink link(file.wstring().c_str());
@@ -93,10 +95,23 @@ void unifyOnce(bool blending, const fs::path& output) {
   LuAfxsUserDataSet::ClearXSBlendingInfo(1);
 }
 
-void BM_RawFloor(benchmark::State& state) {
+// Each run writes a new file where the last one was removed, untimed: so
+// neither the floor nor the unification pays for replacing an old output
+// (the system drops its pages, and ext4 writes a file replaced by a
+// truncation to the device at once, which made the floor wait on the disk).
+void removeUntimed(benchmark::State& state, const fs::path& file) {
+  state.PauseTiming();
+  std::error_code ec;
+  fs::remove(file, ec);
+  state.ResumeTiming();
+}
+
+// Every input byte read and `outputBytes` written to a new file, with plain
+// fread and fwrite through one 1 MiB buffer.
+void rawFloor(benchmark::State& state, uint64_t outputBytes, const fs::path& output) {
   std::vector<char> buffer(1 << 20);
-  const fs::path output = g_dir / "floor.bin";
   for (auto _ : state) {
+    removeUntimed(state, output);
     for (const fs::path& input : g_inputs) {
       FILE* in = std::fopen(input.c_str(), "rb");
       while (std::fread(buffer.data(), 1, buffer.size(), in) == buffer.size()) {
@@ -104,15 +119,59 @@ void BM_RawFloor(benchmark::State& state) {
       std::fclose(in);
     }
     FILE* out = std::fopen(output.c_str(), "wb");
-    for (uint64_t left = g_outputBytes; left > 0;) {
+    for (uint64_t left = outputBytes; left > 0;) {
       const size_t n = static_cast<size_t>(std::min<uint64_t>(left, buffer.size()));
       std::fwrite(buffer.data(), 1, n, out);
       left -= n;
     }
     std::fclose(out);
   }
-  state.SetBytesProcessed(
-      static_cast<int64_t>(state.iterations() * (g_inputBytes + g_outputBytes)));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * (g_inputBytes + outputBytes)));
+}
+
+// The floors of the two unifications: the inputs read, and an output of the
+// size that each writes (blending keeps one contour where scans overlap, so
+// its output is smaller).
+void BM_RawFloor(benchmark::State& state) { rawFloor(state, g_outputBytes, g_dir / "floor.bin"); }
+void BM_RawFloorBlendingOn(benchmark::State& state) {
+  rawFloor(state, g_blendedOutputBytes, g_dir / "floor_on.bin");
+}
+
+// What a unification that holds every input at once costs at the least (the
+// drivers load every record before they write the first): every input read
+// whole into memory of its own, then the output's bytes written from that
+// memory, to a new file. Against RawFloor, the reads land in and the writes
+// come from memory outside the caches instead of one buffer that stays in
+// them.
+void heldFloor(benchmark::State& state, uint64_t outputBytes, const fs::path& output) {
+  for (auto _ : state) {
+    removeUntimed(state, output);
+    std::vector<std::unique_ptr<char[]>> held;
+    std::vector<size_t> sizes;
+    for (const fs::path& input : g_inputs) {
+      const size_t size = static_cast<size_t>(fs::file_size(input));
+      FILE* in = std::fopen(input.c_str(), "rb");
+      held.emplace_back(new char[size]);
+      sizes.push_back(std::fread(held.back().get(), 1, size, in));
+      std::fclose(in);
+    }
+    FILE* out = std::fopen(output.c_str(), "wb");
+    uint64_t left = outputBytes;
+    for (size_t i = 0; i < held.size() && left > 0; ++i) {
+      const size_t n = static_cast<size_t>(std::min<uint64_t>(left, sizes[i]));
+      std::fwrite(held[i].get(), 1, n, out);
+      left -= n;
+    }
+    std::fclose(out);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * (g_inputBytes + outputBytes)));
+}
+
+void BM_HeldFloor(benchmark::State& state) {
+  heldFloor(state, g_outputBytes, g_dir / "held.bin");
+}
+void BM_HeldFloorBlendingOn(benchmark::State& state) {
+  heldFloor(state, g_blendedOutputBytes, g_dir / "held_on.bin");
 }
 
 // The in-memory floor: every input byte copied once with memcpy into fresh
@@ -129,7 +188,10 @@ void BM_MemcpyFloor(benchmark::State& state) {
 }
 
 void BM_UnifyBlendingOff(benchmark::State& state) {
-  for (auto _ : state) unifyOnce(false, g_dir / "out_off.afxs");
+  for (auto _ : state) {
+    removeUntimed(state, g_dir / "out_off.afxs");
+    unifyOnce(false, g_dir / "out_off.afxs");
+  }
   state.SetBytesProcessed(
       static_cast<int64_t>(state.iterations() * (g_inputBytes + g_outputBytes)));
   state.counters["out_MB"] = static_cast<double>(fs::file_size(g_dir / "out_off.afxs")) / 1e6;
@@ -137,8 +199,12 @@ void BM_UnifyBlendingOff(benchmark::State& state) {
 }
 
 void BM_UnifyBlendingOn(benchmark::State& state) {
-  for (auto _ : state) unifyOnce(true, g_dir / "out_on.afxs");
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * g_inputBytes));
+  for (auto _ : state) {
+    removeUntimed(state, g_dir / "out_on.afxs");
+    unifyOnce(true, g_dir / "out_on.afxs");
+  }
+  state.SetBytesProcessed(
+      static_cast<int64_t>(state.iterations() * (g_inputBytes + g_blendedOutputBytes)));
   state.counters["out_MB"] = static_cast<double>(fs::file_size(g_dir / "out_on.afxs")) / 1e6;
   state.counters["planes"] = g_planes;
 }
@@ -173,11 +239,22 @@ int main(int argc, char** argv) {
   }
   unifyOnce(false, g_dir / "out_off.afxs");
   g_outputBytes = fs::file_size(g_dir / "out_off.afxs");
+  unifyOnce(true, g_dir / "out_on.afxs");
+  g_blendedOutputBytes = fs::file_size(g_dir / "out_on.afxs");
   std::fprintf(stderr,
                "unify_bench: %d scans x %u planes x %zu points, inputs %.1f MB, output %.1f MB\n",
                kScans, g_planes, kPoints, g_inputBytes / 1e6, g_outputBytes / 1e6);
 
   benchmark::RegisterBenchmark("RawFloor", BM_RawFloor)
+      ->Unit(benchmark::kMillisecond)
+      ->UseRealTime();
+  benchmark::RegisterBenchmark("RawFloorBlendingOn", BM_RawFloorBlendingOn)
+      ->Unit(benchmark::kMillisecond)
+      ->UseRealTime();
+  benchmark::RegisterBenchmark("HeldFloor", BM_HeldFloor)
+      ->Unit(benchmark::kMillisecond)
+      ->UseRealTime();
+  benchmark::RegisterBenchmark("HeldFloorBlendingOn", BM_HeldFloorBlendingOn)
       ->Unit(benchmark::kMillisecond)
       ->UseRealTime();
   benchmark::RegisterBenchmark("MemcpyFloor", BM_MemcpyFloor)
