@@ -187,7 +187,8 @@ def main():
     unify_memcpy = unify_result("MemcpyFloor")
     floors = {
         "off": (("RawFloor", "fread of the inputs + fwrite of the output"),
-                ("HeldFloor", "every input read whole into memory, then the output written from it")),
+                ("HeldFloor", "every input read whole into memory, then the output written from it"),
+                ("HeldFloorRecordWrites", "the same, the output written one record per call")),
         "on": (("RawFloor", "fread of the inputs + fwrite of an output of the unblended size"),
                ("RawFloorBlendingOn", "fread of the inputs + fwrite of its own (smaller) output"),
                ("HeldFloorBlendingOn", "every input read whole into memory, then its output written")),
