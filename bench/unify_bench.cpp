@@ -97,8 +97,9 @@ void unifyOnce(bool blending, const fs::path& output) {
 
 // Each run writes a new file where the last one was removed, untimed: so
 // neither the floor nor the unification pays for replacing an old output
-// (the system drops its pages, and ext4 writes a file replaced by a
-// truncation to the device at once, which made the floor wait on the disk).
+// (the system drops its pages; and ext4 starts writing a file truncated by
+// "wb" to the device as it is closed, so the next truncation waited on the
+// disk).
 void removeUntimed(benchmark::State& state, const fs::path& file) {
   state.PauseTiming();
   std::error_code ec;
