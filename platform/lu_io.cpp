@@ -21,6 +21,7 @@
 #else
 #include <fcntl.h>
 #include <stdio_ext.h>
+#include <sys/statvfs.h>
 #include <sys/uio.h>
 #include <unistd.h>
 #endif
@@ -442,6 +443,37 @@ int truncate(FILE* file, int64_t size) {
   std::clearerr(file);
   return cut ? 0 : -1;
 }
+
+#if defined(_WIN32)
+bool reserve(FILE*, uint64_t, uint64_t) { return false; }
+bool releaseReserved(FILE*) { return false; }
+#else
+bool reserve(FILE* file, uint64_t offset, uint64_t bytes) {
+  constexpr uint64_t kLargestOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
+  if (bytes == 0 || offset > kLargestOffset || bytes > kLargestOffset - offset) return false;
+  const int fd = fileno(file);
+  struct statvfs volume;
+  if (::fstatvfs(fd, &volume) != 0) return false;
+  const uint64_t left = static_cast<uint64_t>(volume.f_bavail) * volume.f_frsize;
+  if (bytes > left / 2) return false;
+  if (::fallocate(fd, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset), static_cast<off_t>(bytes)) ==
+      0)
+    return true;
+  // A failed call may have reserved a part: it goes back at once.
+  const int failed = errno;
+  releaseReserved(file);
+  errno = failed;
+  return false;
+}
+
+bool releaseReserved(FILE* file) {
+  if (std::fflush(file) != 0) return false;
+  const int fd = fileno(file);
+  struct stat st;
+  if (::fstat(fd, &st) != 0) return false;
+  return ::ftruncate(fd, st.st_size) == 0;
+}
+#endif
 
 bool syncFolderOf(const std::wstring& path) {
   if (injectFault(LuIoOp::Sync)) return false;

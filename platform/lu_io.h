@@ -103,6 +103,20 @@ int sync(FILE* file);
 // Sets the file's size (shortening it), dropping whatever the stream still
 // holds for the part cut off: 0 or -1. Counts as a write for the fault seam.
 int truncate(FILE* file, int64_t size);
+// Reserves the file's room for `bytes` bytes from `offset` on without
+// changing its size or contents (fallocate with FALLOC_FL_KEEP_SIZE), so
+// that writing them later costs the file system less: ext4 then maps each
+// page to a block it already has instead of reserving one page by page. A
+// hint: false, with nothing changed, where the platform or the file system
+// has no such call, when the request is more than half the room left on the
+// volume (a reservation must never fill a disk for other writers), or when
+// the call failed (any part it had reserved is given back).
+bool reserve(FILE* file, uint64_t offset, uint64_t bytes);
+// Gives back whatever room is reserved past the end of the file: flushes
+// the stream and sets the file's size to what it is, which frees the blocks
+// behind it. The size and contents never change. False when the flush or
+// the call failed (nothing else happens then).
+bool releaseReserved(FILE* file);
 // Makes the entries of the folder that holds `path` durable (a created,
 // deleted or renamed name); true where the platform has nothing to do.
 bool syncFolderOf(const std::wstring& path);

@@ -9,15 +9,11 @@
 #include "format/io_error.h"
 #include "format/plane_arrays.h"
 #include "format/record_body.h"
+#include "writer/record_bytes.h"
 
 namespace {
 
 using afxs::forEachArray;
-
-template <typename T>
-uint64_t blockBytes(const std::vector<T>& values) {
-  return afxs::kFieldHeaderSize + static_cast<uint64_t>(values.size()) * sizeof(T);
-}
 
 // A double[3] array has the layout of LuVec3 (three binary64, 24 bytes), so
 // the points are copied in one go, without first zero-filling the vector.
@@ -183,15 +179,7 @@ bool LuAfxsCreateData::flushFrom(const LuAfxsPlane& p) {
   if (!m_link.isOK() || m_mask == 0) return false;
   if (!m_link.reopenForRecord() || !m_link.seekEndForRecord()) return false;
 
-  uint64_t body = afxs::kResultsLinkBlockSize + afxs::kEndMarkSize;
-  if (m_mask & LU_AFXS_MASK_POINTS) body += blockBytes(p.points);
-  if (m_mask & LU_AFXS_MASK_NORMALS) body += blockBytes(p.normals);
-  if (m_mask & LU_AFXS_MASK_SEGMENTS) body += blockBytes(p.segments);
-  if (m_mask & LU_AFXS_MASK_AUX)
-    body += blockBytes(p.auxCtrlPos) + blockBytes(p.auxCtrlOffsets) + blockBytes(p.auxCtrlCounts) +
-            blockBytes(p.auxCtrlFirst);
-  if (m_mask & LU_AFXS_MASK_DISTANCES) body += blockBytes(p.distances);
-  if (m_mask & LU_AFXS_MASK_RESPOINTS) body += blockBytes(p.resPoints);
+  const uint64_t body = afxs::subsetBodyBytes(p, m_mask);
 
   FILE* f = nullptr;
   try {
@@ -253,14 +241,10 @@ bool LuAfxsCreateData::Unify(const LuAfxsPlane* plane) {
   return true;
 }
 
+// Intended: the aux group is never added here; aux data travel only through
+// setAuxCtrlPos, so a unified plane is written without its aux blocks unless
+// that bit was already set.
 uint32_t LuAfxsCreateData::unifyMaskOf(const LuAfxsPlane& plane) {
-  if (!plane.points.empty()) m_mask |= LU_AFXS_MASK_POINTS;
-  if (!plane.normals.empty()) m_mask |= LU_AFXS_MASK_NORMALS;
-  if (!plane.segments.empty()) m_mask |= LU_AFXS_MASK_SEGMENTS;
-  if (!plane.resPoints.empty()) m_mask |= LU_AFXS_MASK_RESPOINTS;
-  if (!plane.distances.empty()) m_mask |= LU_AFXS_MASK_DISTANCES;
-  // Intended: the aux group is never added here; aux data travel only
-  // through setAuxCtrlPos, so a unified plane is written without its aux
-  // blocks unless that bit was already set.
+  m_mask |= afxs::unifiedGroups(plane);
   return m_mask;
 }

@@ -249,6 +249,11 @@ void LuAfxsCreateLink::closeFile(bool close) {
     }
   }
   if (!close && m_keepOpen) return;
+  if (m_reserved) {
+    // Room reserved and not written goes back; the file stays as it is.
+    m_reserved = false;
+    luio::releaseReserved(m_file);
+  }
   // The stream's last buffered bytes go out with the close: a failed close
   // is a failed write, reported once (as the STATE line's) unless the link
   // has failed already.
@@ -285,6 +290,19 @@ bool LuAfxsCreateLink::closeDurably() {
 }
 
 void LuAfxsCreateLink::release() { m_deleteOnDestroy = false; }
+
+bool LuAfxsCreateLink::reserve(uint64_t bytes) {
+  if (!m_ok || !m_keepOpen || m_file == nullptr) return false;
+  int64_t end = -1;
+  try {
+    end = seekAppendPosition();
+  } catch (...) {
+    return false;
+  }
+  if (end < 0 || !luio::reserve(m_file, static_cast<uint64_t>(end), bytes)) return false;
+  m_reserved = true;
+  return true;
+}
 
 void LuAfxsCreateLink::setHeader(const LuAfxsHeader& header) { m_header = header; }
 

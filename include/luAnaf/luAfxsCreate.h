@@ -64,6 +64,18 @@ public:
   void closeFile(bool close);
   // The file survives the link.
   void release();
+  // Reserves room on the volume for `bytes` more bytes of records behind
+  // the file's end, for a client that knows how much it will write (the
+  // sum of its arrays' bytes and a few dozen bytes per record is enough).
+  // Writing into reserved room costs the file system less (on Linux ext4,
+  // about a fifth of the kernel's share of the writes). A hint: the file's
+  // size and contents never change, and what was not written is given back
+  // when the file is closed. False, with nothing changed, for a link that
+  // is not OK or was not created with keepOpen, and where the system has
+  // no such call, the volume has less than twice the room left, or the call
+  // failed. The unification reserves its output itself when it does not
+  // blend.
+  bool reserve(uint64_t bytes);
 
   LuAfxsHeader& getHeader() { return m_header; }
   const LuAfxsHeader& getHeader() const { return m_header; }
@@ -131,6 +143,8 @@ protected:
   // a field block), so appending needs no seek. Cleared by every seek
   // elsewhere and by a reopen.
   bool m_atEnd = false;
+  // Room was reserved behind the end (reserve()); given back at the close.
+  bool m_reserved = false;
   std::map<uint32_t, uint32_t> m_planeLinks;  // plane -> offset of its last subset link
 
   // The arrays of the last LuAfxsCreateData finished on this link, emptied but

@@ -1,0 +1,114 @@
+// LuAfxsCreateLink::reserve: room reserved ahead changes neither the bytes
+// nor the size of the file, what is not written goes back at the close, and
+// a refused reservation changes nothing.
+#include <luAnaf/luAnaf.h>
+
+#include <cstdint>
+#include <vector>
+
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#endif
+
+#include "support/writer_support.h"
+
+namespace lutest {
+namespace {
+
+constexpr uint64_t kMiB = uint64_t{1} << 20;
+
+class ReserveTest : public WriterTest {
+protected:
+  // Writes `records` records of 2,000 points with every group into `name`,
+  // reserving `reserved` bytes after the create when it is not 0; returns
+  // what reserve() answered (false when nothing was asked).
+  bool writeFile(const std::string& name, uint64_t reserved, uint32_t records = 6) {
+    auto link = makeLink(name);
+    EXPECT_TRUE(link->create(true));
+    const bool answer = reserved != 0 && link->reserve(reserved);
+    for (uint32_t r = 0; r < records; ++r)
+      EXPECT_TRUE(flushPlane(*link, r / 2, r % 2 + 1, 2000, LU_AFXS_MASK_ALL));
+    link->release();
+    link->closeFile(true);
+    EXPECT_TRUE(link->isOK());
+    return answer;
+  }
+  // The bytes the volume holds for the file (its allocated blocks); 0 where
+  // the platform does not tell.
+  uint64_t allocated(const std::string& name) const {
+#if defined(_WIN32)
+    (void)name;
+    return 0;
+#else
+    struct stat st;
+    if (::stat(path(name).c_str(), &st) != 0) return 0;
+    return static_cast<uint64_t>(st.st_blocks) * 512;
+#endif
+  }
+};
+
+TEST_F(ReserveTest, TheFileIsByteForByteTheSameWithAndWithoutIt) {
+  writeFile("plain.afxs", 0);
+  writeFile("reserved.afxs", 4 * kMiB);
+  EXPECT_EQ(bytes("reserved.afxs"), bytes("plain.afxs"));
+  EXPECT_TRUE(luAfxsInspect(wpath("reserved.afxs"), true).clean());
+}
+
+TEST_F(ReserveTest, RoomNotWrittenGoesBackAtTheClose) {
+  const bool reserved = writeFile("reserved.afxs", 64 * kMiB, 2);
+#if defined(_WIN32)
+  EXPECT_FALSE(reserved);  // the platform has no such call: a hint only
+#else
+  if (!reserved) GTEST_SKIP() << "the file system of the test folder reserves nothing";
+  // Two records of about 150 kB: what stays allocated is the file, not the
+  // 64 MiB asked for.
+  const uint64_t size = sizeOf("reserved.afxs");
+  EXPECT_LT(size, kMiB);
+  EXPECT_LE(allocated("reserved.afxs"), size + 64 * 1024);
+#endif
+}
+
+TEST_F(ReserveTest, WhileTheLinkWritesTheRoomIsHeldAndTheSizeIsWhatWasWritten) {
+  auto link = makeLink();
+  ASSERT_TRUE(link->create(true));
+  if (!link->reserve(8 * kMiB)) GTEST_SKIP() << "nothing reserved here";
+  ASSERT_TRUE(flushPlane(*link, 0, 1, 100, LU_AFXS_MASK_ALL));
+  // The record is in the file; the size is the records', not the room's.
+  const uint64_t size = sizeOf();
+  EXPECT_LT(size, kMiB);
+  EXPECT_GE(allocated("out.afxs"), 8 * kMiB);
+  link->release();
+  link->closeFile(true);
+  EXPECT_EQ(sizeOf(), size);
+  EXPECT_LT(allocated("out.afxs"), kMiB);
+}
+
+TEST_F(ReserveTest, IsRefusedBeforeTheCreateAndWithoutKeepOpen) {
+  auto early = makeLink("early.afxs");
+  EXPECT_FALSE(early->reserve(kMiB));
+  auto reopening = makeLink("reopening.afxs");
+  ASSERT_TRUE(reopening->create(false));
+  EXPECT_FALSE(reopening->reserve(kMiB));
+  EXPECT_TRUE(flushPlane(*reopening, 0, 1));
+  reopening->release();
+}
+
+TEST_F(ReserveTest, MoreThanHalfTheVolumeIsRefusedAndTheWriteGoesOn) {
+  // No volume here has an exabyte left; nothing is reserved, and the file
+  // is written as without the call.
+  EXPECT_FALSE(writeFile("huge.afxs", uint64_t{1} << 60));
+  writeFile("plain.afxs", 0);
+  EXPECT_EQ(bytes("huge.afxs"), bytes("plain.afxs"));
+  EXPECT_LT(allocated("huge.afxs"), 4 * kMiB);
+}
+
+TEST_F(ReserveTest, AFailedLinkReservesNothing) {
+  auto link = makeLink();
+  ASSERT_TRUE(link->create(true));
+  link->isOK(false);
+  EXPECT_FALSE(link->reserve(kMiB));
+  EXPECT_LT(allocated("out.afxs"), kMiB);
+}
+
+}  // namespace
+}  // namespace lutest
