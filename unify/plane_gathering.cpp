@@ -12,11 +12,27 @@
 
 #include "format/format.h"
 #include "unify/unify_events.h"
+#include "writer/record_bytes.h"
 
 namespace {
 
 // The output id that lets the planes keep their own subset ids.
 constexpr uint32_t kKeepSubsetIds = 0xFFFFFFFF;
+
+// At least the bytes that writing every plane of the lists as it is takes:
+// a plane record and a plane-subset record per plane, with the groups that
+// FlushPlaneToFileLink writes.
+uint64_t unblendedOutputBytes(const LuAfxsUserDataSet::PlaneLists& planeLists) {
+  uint64_t bytes = 0;
+  for (const LuAfxsUserDataSet::PlaneList* list : planeLists) {
+    for (const LuAfxsPlane* plane : *list) {
+      if (plane == nullptr) continue;
+      bytes += afxs::kPlaneRecordSize + afxs::kSubsetRecordHead +
+               afxs::subsetBodyBytes(*plane, afxs::unifiedGroups(*plane));
+    }
+  }
+  return bytes;
+}
 
 }  // namespace
 
@@ -105,6 +121,10 @@ void LuAfxsUserDataSet::FlushPlanesVectors(PlaneLists& planeLists, LuAfxsCreateL
                                            bool /*flag*/) {
   createLink.create(true);
   createLink.release();
+  // Without blending every plane is written as it is, so the output's size
+  // is known: its room is reserved at once (a hint; given back unused at
+  // the close). A blended output is smaller by how much the blend decides.
+  if (!m_bSupportXSBlending) createLink.reserve(unblendedOutputBytes(planeLists));
   UnifyMultiplePlanesBySubsetAndFlush(planeLists, createLink);
   createLink.closeFile(true);
 }
