@@ -175,6 +175,10 @@ void bindLibraryClasses(py::module_& m) {
           },
           py::arg("close") = true)
       .def("release", &LuAfxsCreateLink::release)
+      .def("reserve", &LuAfxsCreateLink::reserve, py::arg("bytes"),
+           "Reserves room for this many more bytes of records (a hint that makes the writes "
+           "cheaper; the file's size and contents never change, and the room not written goes "
+           "back at the close). False where nothing was reserved.")
       .def("getState", &LuAfxsCreateLink::getState)
       .def("setState", &LuAfxsCreateLink::setState)
       .def("isOK", [](const LuAfxsCreateLink& l) { return l.isOK(); })

@@ -122,3 +122,46 @@ def test_plane_record_fields_copy_in_and_out():
     assert plane.segments.dtype == np.int32
     with pytest.raises(ValueError):
         plane.points = np.zeros((2, 2))
+
+
+@pytest.mark.skipif(not hasattr(__import__("os"), "statvfs"), reason="POSIX block counts")
+def test_reserved_room_changes_nothing_and_goes_back_at_the_close(tmp_path):
+    import os
+
+    planes = [make_plane(0), make_plane(1, offset=3.0)]
+    plain = tmp_path / "plain.afxs"
+    write_with_classes(plain, planes)
+
+    reserved = tmp_path / "reserved.afxs"
+    link = luanaf.LuAfxsCreateLink(str(reserved))
+    link.setHeader(luanaf.LuAfxsHeader(HEADER))
+    assert link.reserve(1 << 20) is False  # not created yet
+    link.create(True)
+    if not link.reserve(32 << 20):
+        pytest.skip("the file system of tmp_path reserves nothing")
+    assert os.stat(reserved).st_blocks * 512 >= 32 << 20
+    for p in planes:
+        data = luanaf.LuAfxsCreateData(link, p["plane_id"], p["subset_id"])
+        data.setPoints(p["points"])
+        data.setNormals(p["normals"])
+        data.setSegments(p["segments"])
+        data.setAuxCtrlPos(p["aux_ctrl_pos"], p["aux_ctrl_counts"])
+        data.setResPoints(p["res_points"])
+        data.setDistances(p["distances"])
+        data.flush(link)
+    link.release()
+    link.closeFile(True)
+    assert reserved.read_bytes() == plain.read_bytes()
+    assert os.stat(reserved).st_blocks * 512 < 1 << 20
+
+
+def test_write_leaves_no_reserved_room_behind(tmp_path):
+    import os
+
+    path = tmp_path / "w.afxs"
+    planes = [make_plane(i, n=3000) for i in range(8)]
+    luanaf.write(path, HEADER, planes)
+    with luanaf.open(path) as f:
+        assert len(f) == 8
+    if hasattr(os, "statvfs"):
+        assert os.stat(path).st_blocks * 512 <= path.stat().st_size + 64 * 1024
