@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+
 #include <benchmark/benchmark.h>
 #include <luAnaf/luAnaf.h>
 
@@ -101,13 +103,16 @@ inline void setUpLink(LuAfxsCreateLink& link, uint32_t planes, bool cameras) {
 }
 
 // Writes planes x subsets records of the input's field groups of `mask`,
-// with a table of two cameras when asked; the file's size, 0 on failure.
+// with a table of two cameras when asked, reserving `reserved` bytes of
+// room first when it is not 0; the file's size, 0 on failure.
 inline uint64_t writeFile(const fs::path& file, uint32_t planes, uint32_t subsets,
-                          const PlaneInput& in, uint32_t mask, bool cameras) {
+                          const PlaneInput& in, uint32_t mask, bool cameras,
+                          uint64_t reserved = 0) {
   {
     LuAfxsCreateLink link(file.wstring().c_str());
     setUpLink(link, planes, cameras);
     if (!link.create(true)) return 0;
+    if (reserved != 0) link.reserve(reserved);
     for (uint32_t plane = 0; plane < planes; ++plane) {
       for (uint32_t subset = 1; subset <= subsets; ++subset) {
         LuAfxsCreateData data(link, plane, subset);
@@ -124,9 +129,16 @@ inline uint64_t writeFile(const fs::path& file, uint32_t planes, uint32_t subset
 
 // The raw write floor: `total` bytes with plain fwrite, one `chunk` (a
 // record's worth) per call, into a new file. False on a short write.
-inline bool fwriteInChunks(const fs::path& file, uint64_t total, const std::vector<char>& chunk) {
+// With `reserve`, the file's room is reserved first (fallocate, size kept),
+// as LuAfxsCreateLink::reserve does.
+inline bool fwriteInChunks(const fs::path& file, uint64_t total, const std::vector<char>& chunk,
+                           bool reserve = false) {
   FILE* f = std::fopen(file.string().c_str(), "wb");
   if (f == nullptr) return false;
+  if (reserve && ::fallocate(fileno(f), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(total)) != 0) {
+    std::fclose(f);
+    return false;
+  }
   bool ok = true;
   for (uint64_t left = total; left > 0 && ok;) {
     const size_t n = static_cast<size_t>(std::min<uint64_t>(left, chunk.size()));

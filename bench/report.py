@@ -151,6 +151,18 @@ def main():
             if moved and own:
                 out.append(row(f"write, arrays handed over, against the file's bytes ({label})",
                                moved, own, f"fwrite of the file's own bytes from memory, {label}"))
+        reserved = results.get(name.replace("BM_WriterFile", "BM_WriterFileReserved"))
+        mib_reserved = results.get(name.replace("BM_WriterFile", "BM_RawFwrite1MiBReserved"))
+        if reserved:
+            out.append(row("write, room reserved first (LuAfxsCreateLink::reserve)", reserved,
+                           floor, "fwrite, record-sized chunks"))
+            if mib:
+                out.append(row("write, room reserved first, against 1 MiB chunks", reserved, mib,
+                               "fwrite, 1 MiB chunks"))
+            if mib_reserved:
+                out.append(row("write, room reserved first, against 1 MiB chunks into reserved "
+                               "room", reserved, mib_reserved,
+                               "fwrite, 1 MiB chunks, the file's room reserved first"))
         copies = results.get(name.replace("BM_WriterFile", "BM_BufferOnly"))
         if copies:
             # The writer's time less what its set calls spend copying the

@@ -175,9 +175,7 @@ void heldFloor(benchmark::State& state, uint64_t outputBytes, const fs::path& ou
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * (g_inputBytes + outputBytes)));
 }
 
-void BM_HeldFloor(benchmark::State& state) {
-  heldFloor(state, g_outputBytes, g_dir / "held.bin");
-}
+void BM_HeldFloor(benchmark::State& state) { heldFloor(state, g_outputBytes, g_dir / "held.bin"); }
 // The same with one write call per record of the output (its size divided by
 // its records), as a writer that hands each record to the system before it
 // reports the record written must: the writes then end off the page cache's

@@ -32,28 +32,39 @@ using namespace luanafbench;
 
 constexpr uint32_t kSubsets = 2;
 
-// Writes one whole file through the writer; returns its size.
-uint64_t writeWithLink(const fs::path& file, uint32_t planes, const PlaneInput& in) {
-  return writeFile(file, planes, kSubsets, in, LU_AFXS_MASK_ALL, true);
+// Writes one whole file through the writer, reserving `reserved` bytes of
+// room first when it is not 0; returns its size.
+uint64_t writeWithLink(const fs::path& file, uint32_t planes, const PlaneInput& in,
+                       uint64_t reserved = 0) {
+  return writeFile(file, planes, kSubsets, in, LU_AFXS_MASK_ALL, true, reserved);
 }
 
-void BM_WriterFile(benchmark::State& state) {
+void writerFile(benchmark::State& state, bool reserve) {
   const uint32_t planes = static_cast<uint32_t>(state.range(0));
   const PlaneInput in = makeInput(static_cast<size_t>(state.range(1)));
   const fs::path file = benchDir("write") / "writer.afxs";
+  // A client that reserves knows what it writes: here the size of the same
+  // file written once before the timing.
+  const uint64_t reserved = reserve ? writeWithLink(file, planes, in) : 0;
   uint64_t bytes = 0;
   for (auto _ : state) {
-    // Both benchmarks start each iteration without a file.
+    // Every benchmark starts each iteration without a file.
     state.PauseTiming();
     fs::remove(file);
     state.ResumeTiming();
-    bytes = writeWithLink(file, planes, in);
+    bytes = writeWithLink(file, planes, in, reserved);
     if (bytes == 0) state.SkipWithError("the writer failed");
   }
   state.SetBytesProcessed(static_cast<int64_t>(bytes * state.iterations()));
   state.counters["file_MB"] = static_cast<double>(bytes) / 1e6;
   fs::remove(file);
 }
+
+void BM_WriterFile(benchmark::State& state) { writerFile(state, false); }
+
+// The same, the file's room reserved after the create
+// (LuAfxsCreateLink::reserve), as a client that knows its sizes can.
+void BM_WriterFileReserved(benchmark::State& state) { writerFile(state, true); }
 
 // The arrays of one record as a client holds them in its own vectors.
 struct ClientRecord {
@@ -182,7 +193,7 @@ void BM_RawWritevClientArrays(benchmark::State& state) {
 
 // The same number of bytes as the writer's file, with plain stdio, in
 // chunks of `chunkSize` bytes (0: one record's size).
-void rawFwrite(benchmark::State& state, size_t chunkSize, const char* name) {
+void rawFwrite(benchmark::State& state, size_t chunkSize, const char* name, bool reserve = false) {
   const uint32_t planes = static_cast<uint32_t>(state.range(0));
   const PlaneInput in = makeInput(static_cast<size_t>(state.range(1)));
   const fs::path reference = benchDir("write") / (std::string(name) + ".afxs");
@@ -195,7 +206,7 @@ void rawFwrite(benchmark::State& state, size_t chunkSize, const char* name) {
     state.PauseTiming();
     fs::remove(file);
     state.ResumeTiming();
-    if (!fwriteInChunks(file, total, chunk)) state.SkipWithError("fwrite failed");
+    if (!fwriteInChunks(file, total, chunk, reserve)) state.SkipWithError("fwrite failed");
   }
   state.SetBytesProcessed(static_cast<int64_t>(total * state.iterations()));
   state.counters["file_MB"] = static_cast<double>(total) / 1e6;
@@ -251,6 +262,12 @@ void BM_RawFwriteFileBytes1MiB(benchmark::State& state) {
 // In 1 MiB chunks.
 void BM_RawFwrite1MiB(benchmark::State& state) { rawFwrite(state, size_t{1} << 20, "raw_1mib"); }
 
+// The same into a file whose room was reserved first: the floor of
+// BM_WriterFileReserved.
+void BM_RawFwrite1MiBReserved(benchmark::State& state) {
+  rawFwrite(state, size_t{1} << 20, "raw_1mib_reserved", true);
+}
+
 // Only the copies into the data objects that the writer's interface makes
 // (each set call keeps its own copy), without any file: the part of the
 // writer's time that a raw fwrite of ready bytes does not have.
@@ -278,10 +295,12 @@ void sizes(benchmark::internal::Benchmark* b) {
 }
 
 BENCHMARK(BM_WriterFile)->Apply(sizes);
+BENCHMARK(BM_WriterFileReserved)->Apply(sizes);
 BENCHMARK(BM_WriterFileMoveIn)->Apply(sizes);
 BENCHMARK(BM_RawWritevClientArrays)->Apply(sizes);
 BENCHMARK(BM_RawFwrite)->Apply(sizes);
 BENCHMARK(BM_RawFwrite1MiB)->Apply(sizes);
+BENCHMARK(BM_RawFwrite1MiBReserved)->Apply(sizes);
 BENCHMARK(BM_RawFwriteFileBytes)->Apply(sizes);
 BENCHMARK(BM_RawFwriteFileBytes1MiB)->Apply(sizes);
 BENCHMARK(BM_BufferOnly)->Apply(sizes);
