@@ -10,12 +10,14 @@ from conftest import DATA_DIR, HEADER, make_plane, sample_json
 from test_errors import damage
 
 
-def write_with_classes(path, planes, cameras=None):
+def write_with_classes(path, planes, cameras=None, after_create=None):
     link = luanaf.LuAfxsCreateLink(str(path))
     link.setHeader(luanaf.LuAfxsHeader(HEADER))
     if cameras is not None:
         link.setCameras(cameras)
     link.create(True)
+    if after_create is not None:
+        after_create(link)
     for p in planes:
         data = luanaf.LuAfxsCreateData(link, p["plane_id"], p["subset_id"])
         data.setPoints(p["points"])
@@ -132,25 +134,17 @@ def test_reserved_room_changes_nothing_and_goes_back_at_the_close(tmp_path):
     plain = tmp_path / "plain.afxs"
     write_with_classes(plain, planes)
 
+    early = luanaf.LuAfxsCreateLink(str(tmp_path / "early.afxs"))
+    assert early.reserve(1 << 20) is False  # not created yet
+
     reserved = tmp_path / "reserved.afxs"
-    link = luanaf.LuAfxsCreateLink(str(reserved))
-    link.setHeader(luanaf.LuAfxsHeader(HEADER))
-    assert link.reserve(1 << 20) is False  # not created yet
-    link.create(True)
-    if not link.reserve(32 << 20):
-        pytest.skip("the file system of tmp_path reserves nothing")
-    assert os.stat(reserved).st_blocks * 512 >= 32 << 20
-    for p in planes:
-        data = luanaf.LuAfxsCreateData(link, p["plane_id"], p["subset_id"])
-        data.setPoints(p["points"])
-        data.setNormals(p["normals"])
-        data.setSegments(p["segments"])
-        data.setAuxCtrlPos(p["aux_ctrl_pos"], p["aux_ctrl_counts"])
-        data.setResPoints(p["res_points"])
-        data.setDistances(p["distances"])
-        data.flush(link)
-    link.release()
-    link.closeFile(True)
+
+    def reserve(link):
+        if not link.reserve(32 << 20):
+            pytest.skip("the file system of tmp_path reserves nothing")
+        assert os.stat(reserved).st_blocks * 512 >= 32 << 20
+
+    write_with_classes(reserved, planes, after_create=reserve)
     assert reserved.read_bytes() == plain.read_bytes()
     assert os.stat(reserved).st_blocks * 512 < 1 << 20
 
