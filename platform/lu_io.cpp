@@ -467,7 +467,6 @@ bool reserve(FILE* file, uint64_t offset, uint64_t bytes) {
 }
 
 bool releaseReserved(FILE* file) {
-  if (std::fflush(file) != 0) return false;
   const int fd = fileno(file);
   struct stat st;
   if (::fstat(fd, &st) != 0) return false;

@@ -112,10 +112,11 @@ int truncate(FILE* file, int64_t size);
 // volume (a reservation must never fill a disk for other writers), or when
 // the call failed (any part it had reserved is given back).
 bool reserve(FILE* file, uint64_t offset, uint64_t bytes);
-// Gives back whatever room is reserved past the end of the file: flushes
-// the stream and sets the file's size to what it is, which frees the blocks
-// behind it. The size and contents never change. False when the flush or
-// the call failed (nothing else happens then).
+// Gives back whatever room is reserved past the end of the file: sets the
+// file's size to what it is, which frees the blocks behind it. The size and
+// contents never change; bytes still in the stream's buffer go out later as
+// any append does (with the close, whose failure is reported as before).
+// False when the call failed (nothing else happens then).
 bool releaseReserved(FILE* file);
 // Makes the entries of the folder that holds `path` durable (a created,
 // deleted or renamed name); true where the platform has nothing to do.
