@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include <luAnaf/luAfxsCreate.h>
+#include <luAnaf/luAfxsRecords.h>
 
 #include "format/format.h"
 

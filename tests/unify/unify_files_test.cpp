@@ -2,6 +2,12 @@
 // and what it refuses before anything is written.
 #include <luAnaf/luAfxsUnify.h>
 
+#include <algorithm>
+
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#endif
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -81,6 +87,50 @@ TEST_F(UnifyFilesTest, WritesEveryPlaneAndCountsWhatItWrote) {
   EXPECT_EQ(s.planesWritten, inspectOutput().loadedSubsets);
   EXPECT_TRUE(inspectOutput().clean());
 }
+
+#if !defined(_WIN32)
+// The bytes the volume holds for `file` (its allocated blocks, the reserved
+// ones included).
+uint64_t allocatedBytes(const fs::path& file) {
+  struct stat st;
+  return ::stat(file.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_blocks) * 512 : 0;
+}
+
+// Without blending the output's size is known before its first record: its
+// room is reserved then, and what was not written goes back at the close.
+TEST_F(UnifyFilesTest, WithoutBlendingTheOutputsRoomIsReservedAheadAndGivenBackAtTheEnd) {
+  {
+    LuAfxsCreateLink probe(wpath("probe.afxs").c_str());
+    ASSERT_TRUE(probe.create(true));
+    if (!probe.reserve(1 << 20)) GTEST_SKIP() << "the test folder's file system reserves nothing";
+  }
+  ArcShape left;
+  left.endDeg = 130;
+  left.points = 4000;
+  ArcShape right = left;
+  right.startDeg = 120;
+  right.endDeg = 250;
+  writeScan("a.afxs", 1, planes(kPlanes), left);
+  writeScan("b.afxs", 2, planes(kPlanes), right);
+  const uint64_t inputs = fs::file_size(path("a.afxs")) + fs::file_size(path("b.afxs"));
+  // After the first position (two of ten records written) the output being
+  // written holds room for all of it.
+  uint64_t heldAfterFirst = 0;
+  options.progress = [&](uint64_t done, uint64_t) {
+    if (done != 1) return;
+    for (const auto& entry : fs::directory_iterator(m_dir)) {
+      const std::string name = entry.path().filename().string();
+      if (name != "a.afxs" && name != "b.afxs")
+        heldAfterFirst = std::max(heldAfterFirst, allocatedBytes(entry.path()));
+    }
+  };
+  ASSERT_TRUE(unifyFiles({"a.afxs", "b.afxs"}).written());
+  const uint64_t size = fs::file_size(path("u.afxs"));
+  EXPECT_GT(size, inputs * 9 / 10);
+  EXPECT_GE(heldAfterFirst, size);
+  EXPECT_LE(allocatedBytes(path("u.afxs")), size + 64 * 1024);
+}
+#endif
 
 TEST_F(UnifyFilesTest, DefaultIdsAreTheSubsetIdsOfSingleSubsetInputs) {
   writeOverlappingScans();

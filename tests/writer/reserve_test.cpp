@@ -93,7 +93,20 @@ TEST_F(ReserveTest, IsRefusedBeforeTheCreateAndWithoutKeepOpen) {
   reopening->release();
 }
 
-TEST_F(ReserveTest, MoreThanHalfTheVolumeIsRefusedAndTheWriteGoesOn) {
+TEST_F(ReserveTest, MoreThanHalfTheVolumesFreeRoomIsRefused) {
+  // Five eighths of what is free: the volume could hold it, but a
+  // reservation never takes more than half of it from other writers.
+  const uint64_t free = fs::space(path("")).available;
+  const uint64_t asked = free / 2 + free / 8;
+  auto link = makeLink();
+  ASSERT_TRUE(link->create(true));
+  EXPECT_FALSE(link->reserve(asked));
+  EXPECT_LT(allocated("out.afxs"), kMiB);
+  EXPECT_TRUE(flushPlane(*link, 0, 1));
+  link->release();
+}
+
+TEST_F(ReserveTest, ARequestNoVolumeHoldsIsRefusedAndTheWriteGoesOn) {
   // No volume here has an exabyte left; nothing is reserved, and the file
   // is written as without the call.
   EXPECT_FALSE(writeFile("huge.afxs", uint64_t{1} << 60));
