@@ -191,6 +191,7 @@ bool LuAfxsCreateData::flushFrom(const LuAfxsPlane& p) {
                           (m_link.m_planeLinks.count(p.planeId) != 0 ? 0 : afxs::kPlaneRecordSize);
     if (static_cast<uint64_t>(end) + head <= afxs::kMaxFileOffset + 1)
       afxs::requireRoom(end + static_cast<int64_t>(head), body);
+    m_link.reserveAhead(static_cast<uint64_t>(end), head + body);
   } catch (...) {
     afxs::report(afxs::kErrDataFlush, afxs::kCreateSource, m_link.filePath());
     m_link.isOK(false);

@@ -85,6 +85,7 @@ bool LuAfxsCreateLink::create(bool keepOpen) {
   if (m_file != nullptr) closeFile(true);
   m_ok = false;
   m_keepOpen = keepOpen;
+  m_reservesAhead = true;
 
   if (LuFileExist(m_path.c_str()) && !replaceExisting()) return false;
   m_atEnd = false;
@@ -249,9 +250,9 @@ void LuAfxsCreateLink::closeFile(bool close) {
     }
   }
   if (!close && m_keepOpen) return;
-  if (m_reserved) {
+  if (m_reservedEnd != 0) {
     // Room reserved and not written goes back; the file stays as it is.
-    m_reserved = false;
+    m_reservedEnd = 0;
     luio::releaseReserved(m_file);
   }
   // The stream's last buffered bytes go out with the close: a failed close
@@ -300,8 +301,30 @@ bool LuAfxsCreateLink::reserve(uint64_t bytes) {
     return false;
   }
   if (end < 0 || !luio::reserve(m_file, static_cast<uint64_t>(end), bytes)) return false;
-  m_reserved = true;
+  m_reservedEnd = std::max(m_reservedEnd, static_cast<uint64_t>(end) + bytes);
   return true;
+}
+
+void LuAfxsCreateLink::reserveAhead(uint64_t end, uint64_t bytes) {
+  constexpr uint64_t kMiB = uint64_t{1} << 20;
+  // Small files never pay for a reservation; a large one reserves as much
+  // again as it holds, so a growing file makes a few calls, not one per
+  // record.
+  constexpr uint64_t kFrom = kMiB;
+  constexpr uint64_t kLeast = kMiB;
+  constexpr uint64_t kMost = 64 * kMiB;
+  const uint64_t needed = end + bytes;
+  if (!m_reservesAhead || !m_keepOpen || m_file == nullptr || needed < kFrom ||
+      needed <= m_reservedEnd)
+    return;
+  const uint64_t target = needed + std::clamp(end, kLeast, kMost);
+  const uint64_t from = std::max(end, m_reservedEnd);
+  // After a refusal m_reservedEnd may name more room than is left: the close
+  // gives back whatever is there all the same.
+  if (luio::reserve(m_file, from, target - from))
+    m_reservedEnd = target;
+  else
+    m_reservesAhead = false;
 }
 
 void LuAfxsCreateLink::setHeader(const LuAfxsHeader& header) { m_header = header; }

@@ -73,7 +73,15 @@ public:
   // file is closed. False, with nothing changed, for a link that is not OK
   // or was not created with keepOpen, and where the system has no such
   // call, the volume has less than twice the room left, or the call failed.
-  // The unification reserves its output itself when it does not blend.
+  //
+  // Without it, a link created with keepOpen reserves ahead on its own once
+  // its file passes 1 MiB: each time a record would run past the room
+  // reserved, it reserves as much again as the file holds (at least 1 MiB,
+  // at most 64 MiB), under the same rules, and stops reserving for that
+  // file at the first refusal. Calling reserve() still pays for a client
+  // that knows its total: one call, of the right size, from the first
+  // record on. The unification reserves its output itself when it does not
+  // blend.
   bool reserve(uint64_t bytes);
 
   LuAfxsHeader& getHeader() { return m_header; }
@@ -142,8 +150,16 @@ protected:
   // a field block), so appending needs no seek. Cleared by every seek
   // elsewhere and by a reopen.
   bool m_atEnd = false;
-  // Room was reserved behind the end (reserve()); given back at the close.
-  bool m_reserved = false;
+  // Reserves room ahead on its own (see reserve()) when a record of `bytes`
+  // appended at `end` would run past the room reserved.
+  void reserveAhead(uint64_t end, uint64_t bytes);
+
+  // The end of the room reserved behind the file's end (by reserve() or
+  // reserveAhead()), 0 when none; given back at the close.
+  uint64_t m_reservedEnd = 0;
+  // reserveAhead() still reserves: cleared at its first refusal, set again
+  // by create.
+  bool m_reservesAhead = true;
   std::map<uint32_t, uint32_t> m_planeLinks;  // plane -> offset of its last subset link
 
   // The arrays of the last LuAfxsCreateData finished on this link, emptied but

@@ -178,7 +178,9 @@ void bindLibraryClasses(py::module_& m) {
       .def("reserve", &LuAfxsCreateLink::reserve, py::arg("bytes"),
            "Reserves room for this many more bytes of records (a hint that makes the writes "
            "cheaper; the file's size and contents never change, and the room not written goes "
-           "back at the close). False where nothing was reserved.")
+           "back at the close). A link created with keepOpen reserves ahead on its own once "
+           "its file passes 1 MiB; this reserves a known total in one call. False where "
+           "nothing was reserved.")
       .def("getState", &LuAfxsCreateLink::getState)
       .def("setState", &LuAfxsCreateLink::setState)
       .def("isOK", [](const LuAfxsCreateLink& l) { return l.isOK(); })

@@ -33,6 +33,11 @@ protected:
     EXPECT_TRUE(link->isOK());
     return answer;
   }
+  // Whether the test folder's file system reserves room at all.
+  bool reservesHere() {
+    auto probe = makeLink("probe.afxs");
+    return probe->create(true) && probe->reserve(kMiB);
+  }
   // The bytes the volume holds for the file (its allocated blocks); 0 where
   // the platform does not tell.
   uint64_t allocated(const std::string& name) const {
@@ -113,6 +118,46 @@ TEST_F(ReserveTest, ARequestNoVolumeHoldsIsRefusedAndTheWriteGoesOn) {
   writeFile("plain.afxs", 0);
   EXPECT_EQ(bytes("huge.afxs"), bytes("plain.afxs"));
   EXPECT_LT(allocated("huge.afxs"), 4 * kMiB);
+}
+
+TEST_F(ReserveTest, ALinkKeptOpenReservesAheadOnItsOwnOnceTheFilePassesAMebibyte) {
+  auto link = makeLink();
+  ASSERT_TRUE(link->create(true));
+  // Under a mebibyte nothing is reserved.
+  ASSERT_TRUE(flushPlane(*link, 0, 1, 2000, LU_AFXS_MASK_ALL));
+  EXPECT_LE(allocated("out.afxs"), sizeOf() + 64 * 1024);
+  for (uint32_t r = 1; r < 12; ++r)
+    ASSERT_TRUE(flushPlane(*link, r / 2, r % 2 + 1, 2000, LU_AFXS_MASK_ALL));
+  const uint64_t size = sizeOf();
+  ASSERT_GT(size, kMiB);
+#if defined(_WIN32)
+  EXPECT_LE(allocated("out.afxs"), size + 64 * 1024);  // the platform reserves nothing
+#else
+  if (!reservesHere()) GTEST_SKIP() << "the file system of the test folder reserves nothing";
+  // At least a mebibyte ahead, at most as much again as the file holds.
+  EXPECT_GE(allocated("out.afxs"), size + kMiB - 64 * 1024);
+  EXPECT_LE(allocated("out.afxs"), 2 * size + kMiB);
+#endif
+  link->release();
+  link->closeFile(true);
+  EXPECT_EQ(sizeOf(), size);
+  EXPECT_LE(allocated("out.afxs"), size + 64 * 1024);
+  EXPECT_TRUE(luAfxsInspect(wpath("out.afxs"), true).clean());
+}
+
+TEST_F(ReserveTest, ReservingAheadLeavesTheBytesAsALinkThatReopensWritesThem) {
+  // A link without keepOpen closes the file after every record and never
+  // reserves; the bytes are the same either way.
+  writeFile("ahead.afxs", 0, 12);
+  auto reopening = makeLink("reopening.afxs");
+  ASSERT_TRUE(reopening->create(false));
+  for (uint32_t r = 0; r < 12; ++r) {
+    ASSERT_TRUE(flushPlane(*reopening, r / 2, r % 2 + 1, 2000, LU_AFXS_MASK_ALL));
+    EXPECT_LE(allocated("reopening.afxs"), sizeOf("reopening.afxs") + 64 * 1024);
+  }
+  reopening->release();
+  reopening.reset();
+  EXPECT_EQ(bytes("ahead.afxs"), bytes("reopening.afxs"));
 }
 
 TEST_F(ReserveTest, AFailedLinkReservesNothing) {
