@@ -135,7 +135,8 @@ def main():
         planes, points = size_of(name, "planes"), size_of(name, "points")
         mb = lib["entry"].get("file_MB", 0)
         floor = results.get(name.replace("BM_WriterFile", "BM_RawFwrite"))
-        out.append(row(f"write ({planes} planes x 2 x {points} points, {mb:.0f} MB)", lib, floor,
+        out.append(row(f"write ({planes} planes x 2 x {points} points, {mb:.0f} MB; the link "
+                       "reserving ahead on its own)", lib, floor,
                        "fwrite, record-sized chunks"))
         moved = results.get(name.replace("BM_WriterFile", "BM_WriterFileMoveIn"))
         if moved:
@@ -154,13 +155,13 @@ def main():
         reserved = results.get(name.replace("BM_WriterFile", "BM_WriterFileReserved"))
         mib_reserved = results.get(name.replace("BM_WriterFile", "BM_RawFwrite1MiBReserved"))
         if reserved:
-            out.append(row("write, room reserved first (LuAfxsCreateLink::reserve)", reserved,
+            out.append(row("write, the whole room reserved first (LuAfxsCreateLink::reserve)", reserved,
                            floor, "fwrite, record-sized chunks"))
             if mib:
-                out.append(row("write, room reserved first, against 1 MiB chunks", reserved, mib,
+                out.append(row("write, the whole room reserved first, against 1 MiB chunks", reserved, mib,
                                "fwrite, 1 MiB chunks"))
             if mib_reserved:
-                out.append(row("write, room reserved first, against 1 MiB chunks into reserved "
+                out.append(row("write, the whole room reserved first, against 1 MiB chunks into reserved "
                                "room", reserved, mib_reserved,
                                "fwrite, 1 MiB chunks, the file's room reserved first"))
         copies = results.get(name.replace("BM_WriterFile", "BM_BufferOnly"))

@@ -60,9 +60,10 @@ void writerFile(benchmark::State& state, bool reserve) {
   fs::remove(file);
 }
 
+// The link reserves the file's room ahead on its own as the file grows.
 void BM_WriterFile(benchmark::State& state) { writerFile(state, false); }
 
-// The same, the file's room reserved after the create
+// The same, the file's whole room reserved after the create
 // (LuAfxsCreateLink::reserve), as a client that knows its sizes can.
 void BM_WriterFileReserved(benchmark::State& state) { writerFile(state, true); }
 
