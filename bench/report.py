@@ -138,11 +138,13 @@ def main():
         out.append(row(f"write ({planes} planes x 2 x {points} points, {mb:.0f} MB; the link "
                        "reserving ahead on its own)", lib, floor,
                        "fwrite, record-sized chunks"))
+        mib = results.get(name.replace("BM_WriterFile", "BM_RawFwrite1MiB"))
+        if mib:
+            out.append(row("write, against 1 MiB chunks", lib, mib, "fwrite, 1 MiB chunks"))
         moved = results.get(name.replace("BM_WriterFile", "BM_WriterFileMoveIn"))
         if moved:
             out.append(row("write, arrays handed over (setters taking vectors)", moved, floor,
                            "fwrite, record-sized chunks"))
-        mib = results.get(name.replace("BM_WriterFile", "BM_RawFwrite1MiB"))
         if moved and mib:
             out.append(row("write, arrays handed over, against 1 MiB chunks", moved, mib,
                            "fwrite, 1 MiB chunks"))

@@ -149,9 +149,18 @@ class Tmpfs:
 @pytest.fixture
 def tmpfs(tmp_path):
     """A 384 KiB tmpfs; the test skips when mounting is not permitted."""
+    yield from mounted_tmpfs(tmp_path, 384)
+
+
+@pytest.fixture
+def large_tmpfs(tmp_path):
+    """A 6 MiB tmpfs, for files that pass a mebibyte."""
+    yield from mounted_tmpfs(tmp_path, 6 * 1024)
+
+
+def mounted_tmpfs(tmp_path, size_kib):
     mount_point = tmp_path / "mnt"
     mount_point.mkdir()
-    size_kib = 384
     done = subprocess.run(
         ["mount", "-t", "tmpfs", "-o", "size=%dk" % size_kib, "tmpfs", str(mount_point)],
         capture_output=True,

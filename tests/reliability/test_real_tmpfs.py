@@ -1,9 +1,9 @@
 """A full disk for real: a small tmpfs swept through every fill level.
 
-For each operation (a results flush and a field removal through the library, a
-unification through the tool, a write through the Python package) the tmpfs is
-filled, page by page, from empty to full, and at every level the operation
-runs once on fresh files. Each run must end in one of two ways: a reported
+For each operation (a results flush, a field removal and a large write through
+the library, a unification through the tool, a write through the Python
+package) the tmpfs is filled, page by page (by 16 pages for the large write),
+from empty to full, and at every level the operation runs once on fresh files. Each run must end in one of two ways: a reported
 failure with the files loading exactly as before, or a success with the new
 file complete (equal to what the same operation writes on a roomy disk).
 """
@@ -29,15 +29,15 @@ from real_data import CAMERAS, HEADER, python_planes
 PAGE = 4096
 
 
-def fill_levels(tmpfs):
-    return range(0, tmpfs.size_kib * 1024 + PAGE, PAGE)
+def fill_levels(tmpfs, step=PAGE):
+    return range(0, tmpfs.size_kib * 1024 + step, step)
 
 
-def sweep(tmpfs, prepare, operate, judge):
+def sweep(tmpfs, prepare, operate, judge, step=PAGE):
     """Runs operate at every fill level; returns (counts, violations)."""
     counts = {"failed as before": 0, "succeeded complete": 0}
     violations = []
-    for level in fill_levels(tmpfs):
+    for level in fill_levels(tmpfs, step):
         tmpfs.clear()
         prepare()
         tmpfs.fill(level)
@@ -134,6 +134,48 @@ def test_remove_at_every_fill_level(tmpfs, tmp_path):
         return only_files(tmpfs.path, ["scan.afxs", "scan.afxs.tmp"]) or "failed as before"
 
     assert_sweep(*sweep(tmpfs, prepare, remove_normals, judge))
+
+
+def test_large_write_at_every_fill_level(large_tmpfs, tmp_path):
+    """A writer kept open reserves room ahead once its file passes a
+    mebibyte: a success leaves the file complete with no room held behind
+    it, and a failure leaves no file and takes no room."""
+    tmpfs = large_tmpfs
+    planes, points = 12, 4400
+    reference = write_sample(tmp_path / "reference.afxs", planes, points)
+    after = digest(reference)
+    size = reference.stat().st_size
+    assert size > 3 * 1024 * 1024
+    target = tmpfs.path / "large.afxs"
+    free_before = []
+
+    def prepare():
+        pass
+
+    def write_large():
+        free_before.append(tmpfs.free_bytes())
+        return worker("write", target, planes, points)
+
+    def judge(done):
+        if done.returncode == 0:
+            if not loads_as(target, after):
+                return "the write reported success, the file is not complete"
+            held = target.stat().st_blocks * 512
+            if held > size + PAGE:
+                return "the file holds %d bytes of room for %d bytes" % (held, size)
+            return only_files(tmpfs.path, ["large.afxs"]) or "succeeded complete"
+        if os.path.lexists(target):
+            return "the write failed and left a file behind (%d bytes)" % target.stat().st_size
+        if tmpfs.free_bytes() != free_before[-1]:
+            return "the failed write holds room: %d bytes free, %d before" % (
+                tmpfs.free_bytes(),
+                free_before[-1],
+            )
+        return only_files(tmpfs.path, []) or "failed as before"
+
+    # Every 16 pages: the sweep passes every share of free room the
+    # reservation ahead meets (twice what it asks, less, none).
+    assert_sweep(*sweep(tmpfs, prepare, write_large, judge, step=16 * PAGE))
 
 
 def test_tool_unify_at_every_fill_level(tmpfs, tmp_path):
