@@ -250,11 +250,7 @@ void LuAfxsCreateLink::closeFile(bool close) {
     }
   }
   if (!close && m_keepOpen) return;
-  if (m_reservedEnd != 0) {
-    // Room reserved and not written goes back; the file stays as it is.
-    m_reservedEnd = 0;
-    luio::releaseReserved(m_file);
-  }
+  giveBackReserved();
   // The stream's last buffered bytes go out with the close: a failed close
   // is a failed write, reported once (as the STATE line's) unless the link
   // has failed already.
@@ -277,6 +273,9 @@ bool LuAfxsCreateLink::closeDurably() {
   m_keepOpen = true;
   closeFile(false);  // the STATE line, when it changed
   m_keepOpen = keepOpen;
+  // Before the sync, so that the file on the device holds no room behind
+  // its end.
+  giveBackReserved();
   if (m_ok && (end < 0 || luio::sync(m_file) != 0)) {
     afxs::report(afxs::kErrCloseState, afxs::kCreateSource, m_path);
     m_ok = false;
@@ -303,6 +302,13 @@ bool LuAfxsCreateLink::reserve(uint64_t bytes) {
   if (end < 0 || !luio::reserve(m_file, static_cast<uint64_t>(end), bytes)) return false;
   m_reservedEnd = std::max(m_reservedEnd, static_cast<uint64_t>(end) + bytes);
   return true;
+}
+
+void LuAfxsCreateLink::giveBackReserved() {
+  if (m_reservedEnd == 0) return;
+  // Room reserved and not written goes back; the file stays as it is.
+  m_reservedEnd = 0;
+  luio::releaseReserved(m_file);
 }
 
 void LuAfxsCreateLink::reserveAhead(uint64_t end, uint64_t bytes) {

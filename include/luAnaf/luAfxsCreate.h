@@ -153,6 +153,9 @@ protected:
   // Reserves room ahead on its own (see reserve()) when a record of `bytes`
   // appended at `end` would run past the room reserved.
   void reserveAhead(uint64_t end, uint64_t bytes);
+  // Gives back the room reserved behind the file's end, if any; the file's
+  // size and bytes stay as they are.
+  void giveBackReserved();
 
   // The end of the room reserved behind the file's end (by reserve() or
   // reserveAhead()), 0 when none; given back at the close.

@@ -160,6 +160,23 @@ TEST_F(ReserveTest, ReservingAheadLeavesTheBytesAsALinkThatReopensWritesThem) {
   EXPECT_EQ(bytes("ahead.afxs"), bytes("reopening.afxs"));
 }
 
+TEST_F(ReserveTest, ARewriteOfALargeFileHoldsNoRoomBehindItsEnd) {
+  // The removal rewrites the file through a link kept open, which reserves
+  // ahead as the rewrite passes a mebibyte and gives the room back before
+  // the rewrite goes to the device.
+  writeFile("large.afxs", 0, 20);
+  {
+    LuAfxsUserLink link(wpath("large.afxs").c_str());
+    LuAfxsUserDataSet set(link);
+    ASSERT_TRUE(set.remove(LU_AFXS_MASK_NORMALS));
+  }
+  const uint64_t size = sizeOf("large.afxs");
+  EXPECT_GT(size, kMiB);
+  EXPECT_LE(allocated("large.afxs"), size + 64 * 1024);
+  const LuAfxsInspection inspection = luAfxsInspect(wpath("large.afxs"), true);
+  EXPECT_TRUE(inspection.clean());
+}
+
 TEST_F(ReserveTest, AFailedLinkReservesNothing) {
   auto link = makeLink();
   ASSERT_TRUE(link->create(true));
