@@ -7,6 +7,10 @@
 #include <sstream>
 #include <cstdlib>
 
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#endif
+
 namespace lutest {
 
 SinkCapture::SinkCapture() {
@@ -84,6 +88,22 @@ void setReadOnly(const fs::path& file, bool readOnly) {
   if (!readOnly) fs::permissions(file, fs::perms::owner_write, fs::perm_options::add);
 }
 
+uint64_t allocatedBytes(const fs::path& file) {
+#if defined(_WIN32)
+  (void)file;
+  return 0;
+#else
+  struct stat st;
+  return ::stat(file.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_blocks) * 512 : 0;
+#endif
+}
+
+bool reservesRoom(const fs::path& probe) {
+  LuAfxsCreateLink link(probe.wstring().c_str());
+  // Not released: the link deletes its file.
+  return link.create(true) && link.reserve(uint64_t{1} << 20);
+}
+
 std::string platformLines(const std::string& text) {
 #if defined(_WIN32)
   std::string out;
@@ -126,7 +146,9 @@ void putU32At(std::vector<uint8_t>& bytes, size_t offset, uint32_t value) {
   std::memcpy(bytes.data() + offset, &value, 4);
 }
 
-void appendU32(std::vector<uint8_t>& bytes, uint32_t value) { putU32At(bytes, bytes.size(), value); }
+void appendU32(std::vector<uint8_t>& bytes, uint32_t value) {
+  putU32At(bytes, bytes.size(), value);
+}
 
 void appendDoubles(std::vector<uint8_t>& bytes, const std::vector<double>& values) {
   size_t at = bytes.size();

@@ -60,6 +60,12 @@ void writeBytes(const fs::path& file, const std::vector<uint8_t>& bytes);
 std::string readText(const fs::path& file);
 // Clears or sets the owner-write bit of a file.
 void setReadOnly(const fs::path& file, bool readOnly);
+// The bytes the volume holds for `file` (its allocated blocks, room reserved
+// behind its end included); 0 where the platform does not tell.
+uint64_t allocatedBytes(const fs::path& file);
+// Whether the file system at `probe` (a file made there and deleted again)
+// reserves room for a writer (LuAfxsCreateLink::reserve).
+bool reservesRoom(const fs::path& probe);
 // Text files written in text mode end their lines the platform's way: this
 // turns each "\n" of an expected text into that line end.
 std::string platformLines(const std::string& text);

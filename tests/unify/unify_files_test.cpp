@@ -4,10 +4,6 @@
 
 #include <algorithm>
 
-#if !defined(_WIN32)
-#include <sys/stat.h>
-#endif
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -34,11 +30,11 @@ protected:
     return ids;
   }
   // Two scans of kPlanes planes whose arcs overlap (subsets 1 and 2).
-  void writeOverlappingScans() {
+  void writeOverlappingScans(size_t points = 40) {
     ArcShape left;
     left.startDeg = 0;
     left.endDeg = 130;
-    left.points = 40;
+    left.points = points;
     ArcShape right = left;
     right.startDeg = 120;
     right.endDeg = 250;
@@ -89,29 +85,12 @@ TEST_F(UnifyFilesTest, WritesEveryPlaneAndCountsWhatItWrote) {
 }
 
 #if !defined(_WIN32)
-// The bytes the volume holds for `file` (its allocated blocks, the reserved
-// ones included).
-uint64_t allocatedBytes(const fs::path& file) {
-  struct stat st;
-  return ::stat(file.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_blocks) * 512 : 0;
-}
-
 // Without blending the output's size is known before its first record: its
 // room is reserved then, and what was not written goes back at the close.
 TEST_F(UnifyFilesTest, WithoutBlendingTheOutputsRoomIsReservedAheadAndGivenBackAtTheEnd) {
-  {
-    LuAfxsCreateLink probe(wpath("probe.afxs").c_str());
-    ASSERT_TRUE(probe.create(true));
-    if (!probe.reserve(1 << 20)) GTEST_SKIP() << "the test folder's file system reserves nothing";
-  }
-  ArcShape left;
-  left.endDeg = 130;
-  left.points = 4000;
-  ArcShape right = left;
-  right.startDeg = 120;
-  right.endDeg = 250;
-  writeScan("a.afxs", 1, planes(kPlanes), left);
-  writeScan("b.afxs", 2, planes(kPlanes), right);
+  if (!reservesRoom(path("probe.afxs")))
+    GTEST_SKIP() << "the test folder's file system reserves nothing";
+  writeOverlappingScans(4000);
   const uint64_t inputs = fs::file_size(path("a.afxs")) + fs::file_size(path("b.afxs"));
   // After the first position (two of ten records written) the output being
   // written holds room for all of it.

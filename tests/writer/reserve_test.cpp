@@ -6,10 +6,6 @@
 #include <cstdint>
 #include <vector>
 
-#if !defined(_WIN32)
-#include <sys/stat.h>
-#endif
-
 #include "support/writer_support.h"
 
 namespace lutest {
@@ -33,23 +29,8 @@ protected:
     EXPECT_TRUE(link->isOK());
     return answer;
   }
-  // Whether the test folder's file system reserves room at all.
-  bool reservesHere() {
-    auto probe = makeLink("probe.afxs");
-    return probe->create(true) && probe->reserve(kMiB);
-  }
-  // The bytes the volume holds for the file (its allocated blocks); 0 where
-  // the platform does not tell.
-  uint64_t allocated(const std::string& name) const {
-#if defined(_WIN32)
-    (void)name;
-    return 0;
-#else
-    struct stat st;
-    if (::stat(path(name).c_str(), &st) != 0) return 0;
-    return static_cast<uint64_t>(st.st_blocks) * 512;
-#endif
-  }
+  bool reservesHere() const { return reservesRoom(path("probe.afxs")); }
+  uint64_t allocated(const std::string& name) const { return allocatedBytes(path(name)); }
 };
 
 TEST_F(ReserveTest, TheFileIsByteForByteTheSameWithAndWithoutIt) {
