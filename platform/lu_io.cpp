@@ -445,10 +445,14 @@ int truncate(FILE* file, int64_t size) {
 }
 
 #if defined(_WIN32)
-bool reserve(FILE*, uint64_t, uint64_t) { return false; }
+bool reserve(FILE*, uint64_t, uint64_t) {
+  injectFault(LuIoOp::Reserve);  // counted; the platform has no such call
+  return false;
+}
 bool releaseReserved(FILE*) { return false; }
 #else
 bool reserve(FILE* file, uint64_t offset, uint64_t bytes) {
+  if (injectFault(LuIoOp::Reserve)) return false;
   constexpr uint64_t kLargestOffset = static_cast<uint64_t>(std::numeric_limits<off_t>::max());
   if (bytes == 0 || offset > kLargestOffset || bytes > kLargestOffset - offset) return false;
   const int fd = fileno(file);

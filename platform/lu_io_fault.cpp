@@ -5,7 +5,7 @@
 namespace {
 
 struct FaultState {
-  uint64_t counts[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
+  uint64_t counts[10] = {};
   uint64_t bytesRead = 0;
   LuIoOp armedOp = LuIoOp::Any;
   uint64_t armedAt = 0;  // 0: disarmed

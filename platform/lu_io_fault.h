@@ -6,7 +6,7 @@
 // arming, 1-based) fail as the runtime would: open returns null, read and
 // write come up short, seek returns non-zero, tell returns -1, a flush, a
 // close or a sync (to the device) returns failure (a failed close still
-// closes the stream). Not for production use; one thread at a time.
+// closes the stream), a reservation is refused. Not for production use; one thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -21,9 +21,10 @@ enum class LuIoOp : int {
   Tell = 4,
   Any = 5,
   // Added later; Any counts them too.
-  Flush = 6,  // handing a stream's buffered bytes to the system
-  Close = 7,  // closing a stream (its last buffered bytes go out then)
-  Sync = 8,   // making a file's or a folder's contents durable on the device
+  Flush = 6,    // handing a stream's buffered bytes to the system
+  Close = 7,    // closing a stream (its last buffered bytes go out then)
+  Sync = 8,     // making a file's or a folder's contents durable on the device
+  Reserve = 9,  // reserving a file's room ahead (a fault is a refusal, which loses nothing)
 };
 
 // Fail the nth call of op from now on (Any: of any kind). Replaces an armed fault.

@@ -158,6 +158,32 @@ TEST_F(ReserveTest, ARewriteOfALargeFileHoldsNoRoomBehindItsEnd) {
   EXPECT_TRUE(inspection.clean());
 }
 
+TEST_F(ReserveTest, AGrowingFileAsksForRoomAFewTimesNotOncePerRecord) {
+  // 20 records of about 160 kB: past the first mebibyte the link asks for
+  // as much again as the file holds, so 3.2 MB take two or three calls
+  // (one where the system refuses the first: it then stops asking).
+  luIoResetCounts();
+  writeFile("growing.afxs", 0, 20);
+  ASSERT_GT(sizeOf("growing.afxs"), 3 * kMiB);
+  const uint64_t calls = luIoCallCount(LuIoOp::Reserve);
+  EXPECT_GE(calls, 1u);
+  EXPECT_LE(calls, 3u);
+}
+
+TEST_F(ReserveTest, AfterTheFirstRefusalTheLinkAsksNoMore) {
+  writeFile("plain.afxs", 0, 20);
+  luIoFaultArm(LuIoOp::Reserve, 1);
+  writeFile("refused.afxs", 0, 20);
+  EXPECT_TRUE(luIoFaultFired());
+  EXPECT_EQ(luIoCallCount(LuIoOp::Reserve), 1u);
+  luIoFaultDisarm();
+  // A refusal is no failure: the file is whole, byte for byte, and holds
+  // no room behind its end.
+  EXPECT_EQ(bytes("refused.afxs"), bytes("plain.afxs"));
+  EXPECT_LE(allocated("refused.afxs"), sizeOf("refused.afxs") + 64 * 1024);
+  EXPECT_TRUE(luAfxsInspect(wpath("refused.afxs"), true).clean());
+}
+
 TEST_F(ReserveTest, AFailedLinkReservesNothing) {
   auto link = makeLink();
   ASSERT_TRUE(link->create(true));
