@@ -662,9 +662,9 @@ def write(path, header, planes, cameras=None):
     on any failure (:class:`Error`, e.g. a full disk, or KeyboardInterrupt)
     ``path`` is left as it was and no temporary stays. A symlink at ``path``
     keeps pointing at the rewritten file. The arrays are copied into the
-    library's buffers. The file's room is reserved on the volume before the
-    first record (where the system can), and what is not written goes back
-    when the file is closed.
+    library's buffers. Once the file passes 1 MiB its room is reserved on the
+    volume ahead of the writes (where the system can), and what is not written
+    goes back when the file is closed.
     """
     unknown = set(header) - _HEADER_KEYS
     if unknown:

@@ -317,29 +317,6 @@ PlaneInput planeFromDict(const py::dict& d, size_t index) {
   return p;
 }
 
-// What the records of `inputs` will take, a little more rather than less:
-// the arrays, a head per block and 160 bytes of record heads, links and end
-// marks per plane (the aux group's derived offsets and firsts included as
-// two more arrays of the counts' size). The room not written goes back when
-// the file is closed.
-uint64_t bytesToWrite(const std::vector<PlaneInput>& inputs) {
-  uint64_t bytes = 0;
-  for (const PlaneInput& p : inputs) {
-    bytes += 160;
-    auto add = [&bytes](const auto& array, uint64_t times = 1) {
-      if (array) bytes += times * (static_cast<uint64_t>(array->nbytes()) + 8);
-    };
-    add(p.points);
-    add(p.normals);
-    add(p.resPoints);
-    add(p.segments);
-    add(p.auxPos);
-    add(p.auxCounts, 3);
-    add(p.distances);
-  }
-  return bytes;
-}
-
 void writeFile(const std::wstring& path, const py::dict& header, const py::list& planes,
                py::object cameras) {
   // The arrays' shapes and lengths are checked by the package before this call.
@@ -359,7 +336,6 @@ void writeFile(const std::wstring& path, const py::dict& header, const py::list&
     link.setHeader(h);
     link.setCameras(table);
     if (!link.create(true)) raiseError("cannot create the file", path, cap.reports, errnoOf(path));
-    link.reserve(bytesToWrite(inputs));  // a hint: the writes cost the file system less
     for (size_t i = 0; i < inputs.size(); ++i) {
       checkInterrupt(cap);
       const PlaneInput& p = inputs[i];
