@@ -30,7 +30,12 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr uint32_t kSubsets = 2;
-constexpr size_t kPoints = 5000;
+// Points per record: 5,000, or LUANAF_READ_BENCH_POINTS (larger records
+// have arrays past glibc's first mmap threshold of 128 kB).
+const size_t kPoints = [] {
+  const char* env = std::getenv("LUANAF_READ_BENCH_POINTS");
+  return env && std::atoi(env) > 0 ? static_cast<size_t>(std::atoi(env)) : size_t{5000};
+}();
 // Records of the index file: 100,000, or LUANAF_READ_BENCH_INDEX_RECORDS
 // (an even number) to see how the index scales. Read once: the timed loops
 // ask for it on every iteration.
