@@ -155,6 +155,8 @@ def test_write_leaves_no_reserved_room_behind(tmp_path):
     path = tmp_path / "w.afxs"
     planes = [make_plane(i, n=3000) for i in range(8)]
     luanaf.write(path, HEADER, planes)
+    # Past the mebibyte from which the writer reserves room ahead.
+    assert path.stat().st_size > 1 << 20
     with luanaf.open(path) as f:
         assert len(f) == 8
     if hasattr(os, "statvfs"):
