@@ -122,7 +122,7 @@ std::string whereDiffer(const std::optional<std::string>& a, const std::optional
 struct OpRun {
   bool result = false;
   bool fired = false;
-  uint64_t calls[9] = {};  // by LuIoOp
+  uint64_t calls[10] = {};  // by LuIoOp
   std::vector<LuErrorReport> reports;
   std::vector<std::wstring> failureLogs;  // level-5 log lines
 };
@@ -345,7 +345,7 @@ protected:
     run.result = act();
     run.fired = luIoFaultFired();
     luIoFaultDisarm();
-    for (int op = 0; op < 9; ++op) run.calls[op] = luIoCallCount(static_cast<LuIoOp>(op));
+    for (int op = 0; op < 10; ++op) run.calls[op] = luIoCallCount(static_cast<LuIoOp>(op));
     run.reports = reports();
     tearDownOp(run.result);
     for (const LuLogRecord& r : logs())
@@ -501,8 +501,8 @@ TEST_P(FaultSweepTest, EveryFailedCallIsReportedAndLosesNoFile) {
   std::cout << "[ fault points ] " << GetParam().name << ": " << calls << " calls (open "
             << clean.calls[0] << ", read " << clean.calls[1] << ", write " << clean.calls[2]
             << ", seek " << clean.calls[3] << ", tell " << clean.calls[4] << ", flush "
-            << clean.calls[6] << ", close " << clean.calls[7] << ", sync " << clean.calls[8] << ")"
-            << (quickMode() ? ", quick mode" : "") << "\n";
+            << clean.calls[6] << ", close " << clean.calls[7] << ", sync " << clean.calls[8]
+            << ", reserve " << clean.calls[9] << ")" << (quickMode() ? ", quick mode" : "") << "\n";
   RecordProperty("fault_points", static_cast<int>(calls));
   size_t index = 1;
   for (bool sticky : {false, true}) {
