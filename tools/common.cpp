@@ -12,9 +12,72 @@ namespace luafxs {
 
 void error(const std::string& file, const std::string& what) {
   if (file.empty())
-    fmt::print(stderr, "luafxs: {}\n", what);
+    fmt::print(stderr, "luafxs: {}\n", printable(what));
   else
-    fmt::print(stderr, "luafxs: {}: {}\n", file, what);
+    fmt::print(stderr, "luafxs: {}: {}\n", printable(file), printable(what));
+}
+
+namespace {
+
+bool continuation(unsigned char c) { return (c & 0xC0) == 0x80; }
+
+// The length of the UTF-8 sequence at text[at] (2 to 4), or 0 when the bytes
+// there are no well-formed sequence (RFC 3629: no overlong forms, no
+// surrogates, nothing past U+10FFFF) or encode a C1 control (U+0080-U+009F).
+size_t utf8Sequence(std::string_view text, size_t at) {
+  const auto byte = [&](size_t k) {
+    return at + k < text.size() ? static_cast<unsigned char>(text[at + k]) : 0;
+  };
+  const unsigned char lead = byte(0);
+  unsigned char low = 0x80, high = 0xBF;  // the second byte's range
+  size_t length = 0;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+    if (lead == 0xC2) low = 0xA0;  // U+0080-U+009F are C1 controls
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    if (lead == 0xE0) low = 0xA0;
+    if (lead == 0xED) high = 0x9F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    if (lead == 0xF0) low = 0x90;
+    if (lead == 0xF4) high = 0x8F;
+  } else {
+    return 0;
+  }
+  if (byte(1) < low || byte(1) > high) return 0;
+  for (size_t k = 2; k < length; ++k)
+    if (!continuation(byte(k))) return 0;
+  return length;
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  size_t at = 0;
+  while (at < text.size()) {
+    const unsigned char c = static_cast<unsigned char>(text[at]);
+    if (c >= 0x20 && c < 0x7F) {
+      out += static_cast<char>(c);
+      ++at;
+    } else if (const size_t length = c >= 0x80 ? utf8Sequence(text, at) : 0; length != 0) {
+      out.append(text.substr(at, length));
+      at += length;
+    } else {
+      out += fmt::format("\\x{:02x}", c);
+      ++at;
+    }
+  }
+  return out;
+}
+
+std::string quotedCell(std::string_view cell, size_t longest) {
+  if (cell.size() <= longest) return std::string(cell);
+  size_t cut = longest;
+  while (cut > 0 && continuation(static_cast<unsigned char>(cell[cut]))) --cut;
+  return std::string(cell.substr(0, cut)) + "...";
 }
 
 void warning(const std::string& file, const std::string& what) { error(file, "warning: " + what); }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <luAnaf/luAfxsFileCheck.h>
@@ -21,10 +22,19 @@ constexpr int kExitOk = 0;
 constexpr int kExitBad = 1;    // bad or damaged input, or an operation that failed
 constexpr int kExitUsage = 2;  // wrong command line
 
-// "luafxs: <file>: <what>" on standard error.
+// "luafxs: <file>: <what>" on standard error, both shown printable.
 void error(const std::string& file, const std::string& what);
 // "luafxs: <file>: warning: <what>" on standard error.
 void warning(const std::string& file, const std::string& what);
+
+// The text as a terminal shows it safely: valid UTF-8 stays as it is, while
+// control characters (C0, DEL, C1) and bytes that are no UTF-8 become \xNN,
+// so that a message quoting a file's bytes never moves the cursor, sends an
+// escape sequence or breaks its line.
+std::string printable(std::string_view text);
+// A cell of an input quoted in a message: printable, and cut after
+// `longest` bytes (at a character's start) with "..." behind.
+std::string quotedCell(std::string_view cell, size_t longest = 64);
 
 std::wstring widen(const std::string& path);
 std::string narrow(const std::wstring& text);

@@ -50,9 +50,11 @@ double number(std::string_view cell, uint64_t line, std::string_view column) {
   double v = 0;
   auto [end, ec] = std::from_chars(cell.data(), cell.data() + cell.size(), v);
   if (cell.empty() || ec != std::errc() || end != cell.data() + cell.size())
-    throw ImportError{line, fmt::format("column {}: '{}' is not a number", column, cell)};
+    throw ImportError{line,
+                      fmt::format("column {}: '{}' is not a number", column, quotedCell(cell))};
   if (!std::isfinite(v))
-    throw ImportError{line, fmt::format("column {}: '{}' is not a finite number", column, cell)};
+    throw ImportError{
+        line, fmt::format("column {}: '{}' is not a finite number", column, quotedCell(cell))};
   return v;
 }
 
@@ -60,8 +62,8 @@ uint64_t whole(std::string_view cell, uint64_t line, std::string_view column, ui
   uint64_t v = 0;
   auto [end, ec] = std::from_chars(cell.data(), cell.data() + cell.size(), v);
   if (cell.empty() || ec != std::errc() || end != cell.data() + cell.size() || v > max)
-    throw ImportError{
-        line, fmt::format("column {}: '{}' is not a whole number from 0 to {}", column, cell, max)};
+    throw ImportError{line, fmt::format("column {}: '{}' is not a whole number from 0 to {}",
+                                        column, quotedCell(cell), max)};
   return v;
 }
 
@@ -298,7 +300,7 @@ PlyProperty plyProperty(const std::vector<std::string_view>& w, uint64_t line) {
         throw ImportError{line, fmt::format("property {} must be of an integer type", w[2])};
       return {std::string(w[2]), t.type, t.size};
     }
-  throw ImportError{line, fmt::format("'{}' is not a PLY scalar type", w[1])};
+  throw ImportError{line, fmt::format("'{}' is not a PLY scalar type", quotedCell(w[1]))};
 }
 
 std::vector<std::string_view> propertyNames(const PlyHeader& h) {
@@ -547,6 +549,9 @@ int runImport(const ImportArgs& args) {
       bool csv = !lines.empty() && lines[0].rfind("plane,", 0) == 0;
       planes = csv ? readCsv(lines) : readXyz(lines);
     }
+    // A file without records cannot be read: a header with no rows under
+    // it (csv, or PLY with no vertices) is refused as an empty xyz is.
+    if (planes.empty()) throw ImportError{0, "no points"};
     for (ImportedPlane& p : planes) finish(p);
   } catch (const ImportError& e) {
     error(args.input, e.line > 0 ? fmt::format("line {}: {}; nothing was written", e.line, e.what)
