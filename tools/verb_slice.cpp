@@ -2,6 +2,7 @@
 // write the contours as a cross-section file (one subset, one segment per
 // polyline, normals pointing out of the solid); with --view-split, two
 // partial scans of the mesh seen from two directions instead.
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <utility>
@@ -119,6 +120,20 @@ nlohmann::json reportJson(const SlicedFile& s) {
 int runSlice(const SliceArgs& args) {
   if ((args.planes > 0) == (args.spacing > 0)) {
     error("", "slice needs exactly one of --planes N and --spacing D (run 'luafxs slice --help')");
+    return kExitUsage;
+  }
+  // A zero or non-finite normal has no direction, and a non-finite origin no
+  // place: said as such, not as a family that misses the mesh.
+  const LuVec3 normal = vec(args.normal);
+  if (!std::isfinite(normal.length()) || normal.length() == 0) {
+    error("", fmt::format("--normal: {},{},{} gives no direction (its length is 0 or not finite; "
+                          "run 'luafxs slice --help')",
+                          normal.x, normal.y, normal.z));
+    return kExitUsage;
+  }
+  if (!std::all_of(args.origin.begin(), args.origin.end(),
+                   [](double c) { return std::isfinite(c); })) {
+    error("", "--origin: every coordinate must be a finite number (run 'luafxs slice --help')");
     return kExitUsage;
   }
   std::vector<SlicedFile> files;

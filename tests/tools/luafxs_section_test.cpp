@@ -193,6 +193,18 @@ TEST_F(SectionVerbs, SliceNeedsExactlyOneOfPlanesAndSpacing) {
   EXPECT_FALSE(std::filesystem::exists(path("a.afxs")));
 }
 
+TEST_F(SectionVerbs, SliceRefusesANormalWithoutDirectionAndAnOriginWithoutPlace) {
+  writeStl("cube.stl");
+  auto r = run("slice " + q("cube.stl") + " --planes 3 --normal 0,0,0 -o " + q("a.afxs"));
+  EXPECT_EQ(r.code, 2);
+  EXPECT_NE(r.err.find("--normal: 0,0,0 gives no direction"), std::string::npos) << r.err;
+  r = run("slice " + q("cube.stl") + " --planes 3 --normal 1e308,1e308,0 -o " + q("a.afxs"));
+  EXPECT_EQ(r.code, 2) << r.err;
+  r = run("slice " + q("cube.stl") + " --planes 3 --origin 0,inf,0 -o " + q("a.afxs"));
+  EXPECT_EQ(r.code, 2) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(path("a.afxs")));
+}
+
 TEST_F(SectionVerbs, SliceRefusesToWriteOverItsMesh) {
   writeStl("cube.stl");
   std::string before = lutest::readText(path("cube.stl"));
