@@ -35,6 +35,9 @@ export WINEDEBUG=-all WINEPREFIX="$build/wineprefix"
 # One Wine server for the whole run: left to itself it exits a few seconds
 # after its last program, and a program that starts just then loses its
 # connection ("recvmsg: Connection reset by peer").
+# (A server left by wineboot ignores -p: it goes first.)
+wineserver -k >/dev/null 2>&1 || true
+wineserver -w
 wineserver -p
 trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
 # Wine maps drive Z: to the root; a Windows path without asking its server.
