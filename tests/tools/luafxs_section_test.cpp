@@ -117,11 +117,12 @@ protected:
   // each a seed changed at random (`mutated`), and checks what the tool
   // promises of any input: it ends with 0 or 1, never a crash or a hang
   // (each run is stopped after two minutes); on 0 its output validates, on
-  // 1 it wrote nothing and said why in one printable line. Returns how many
-  // runs wrote a file.
+  // 1 it wrote nothing and said why in one printable line, which holds
+  // `refusal` when that is not empty. Returns how many runs wrote a file.
   int checkMutatedRuns(const std::vector<std::pair<std::string, std::string>>& seeds,
                        const std::vector<std::string>& tokens, int count,
-                       const std::function<std::string(const std::string&)>& command) {
+                       const std::function<std::string(const std::string&)>& command,
+                       const std::string& refusal = {}) {
     std::mt19937 random = mutationRandom();
     int written = 0;
     for (int i = 0; i < count; ++i) {
@@ -141,6 +142,9 @@ protected:
       }
       EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
       EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+      if (!refusal.empty()) {
+        EXPECT_NE(r.err.find(refusal), std::string::npos) << r.err;
+      }
       EXPECT_TRUE(std::all_of(r.err.begin(), r.err.end(), [](char c) {
         return c == '\n' || static_cast<unsigned char>(c) >= 0x20;
       })) << r.err;
@@ -519,7 +523,8 @@ TEST_F(SectionVerbs, ImportOfMutatedInputsNeverCrashesAndWritesOnlyValidFiles) {
                                            "format ascii 1.0\n"};
   const int written = checkMutatedRuns(
       seeds, tokens, mutationCount(120),
-      [&](const std::string& in) { return "import " + q(in) + " -o " + q("out.afxs"); });
+      [&](const std::string& in) { return "import " + q(in) + " -o " + q("out.afxs"); },
+      "nothing was written");
   RecordProperty("imports_written", written);
 }
 
