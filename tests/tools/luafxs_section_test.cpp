@@ -3,6 +3,7 @@
 // the refusals that keep every file whole.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -564,6 +565,42 @@ TEST_F(SectionVerbs, SliceRefusesAMeshThatStopsItsReaderInOneLine) {
       << r.err;
   EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
   EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
+}
+
+// Where the tool cannot start the process its mesh reader runs in (a
+// container's process limit, say), it reads the mesh itself and cuts it as
+// usual. A pids cgroup that allows one process makes every fork fail, for
+// root too; the test is skipped where no such group can be made.
+TEST_F(SectionVerbs, SliceReadsTheMeshItselfWhereNoProcessCanBeStarted) {
+  std::filesystem::path group;
+  for (const char* root : {"/sys/fs/cgroup/pids", "/sys/fs/cgroup"}) {
+    const std::filesystem::path candidate =
+        std::filesystem::path(root) / ("luanaf-test-" + std::to_string(::getpid()));
+    std::error_code ec;
+    if (!std::filesystem::create_directory(candidate, ec)) continue;
+    if (std::ofstream(candidate / "pids.max") << "1" << std::flush) {
+      group = candidate;
+      break;
+    }
+    std::filesystem::remove(candidate, ec);
+  }
+  if (group.empty()) GTEST_SKIP() << "no pids cgroup can be made here";
+  // A shell that moves itself into the group, then runs its command.
+  const std::string enter = "sh -c 'echo $$ >" + (group / "cgroup.procs").string() + " && ";
+  // In the group even the shell can start nothing.
+  const int forked = std::system((enter + "/bin/true && /bin/true' 2>/dev/null").c_str());
+  writeObj("cube.obj");
+  const lutools::Outcome r =
+      runWithStreamsIn(m_dir, "slice " + q("cube.obj") + " --planes 4 -o " + q("cube.afxs"),
+                       enter + "exec \"$0\" \"$@\"' ");
+  std::error_code ec;
+  for (int tries = 0; tries < 100 && !std::filesystem::remove(group, ec); ++tries) ::usleep(10000);
+  ASSERT_NE(forked, 0) << "a process was started in a group that allows one";
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("4 planes cut"), std::string::npos) << r.out;
+  const Loaded f = load("cube.afxs");
+  ASSERT_EQ(f.planes.size(), 4u);
+  for (const LuAfxsPlane& p : f.planes) EXPECT_EQ(p.points.front(), p.points.back());
 }
 
 // Meshes of every kind that slice reads, each changed at random: the same
