@@ -202,6 +202,11 @@ int run(int argc, char** argv) {
                    "instead of one file, two partial scans seen from two directions A "
                    "degrees apart: OUT-1.afxs (subset S) and OUT-2.afxs (subset S+1)")
       ->check(CLI::Range(0.0, 360.0));
+  sliceCmd
+      ->add_option("--read-seconds", slice.readSeconds,
+                   "stop reading the mesh after this much CPU time (default 30 s plus 1 s per "
+                   "MiB of the file)")
+      ->check(CLI::Range(1u, 86400u));
   sliceCmd->add_flag("--json", slice.json, "print the summary as one JSON object");
   sliceCmd->footer(example("luafxs slice bunny.ply --planes 40 -o bunny.afxs"));
 

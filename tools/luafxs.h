@@ -141,7 +141,9 @@ struct MeshData {
   std::vector<uint32_t> faces;  // three vertex indices per triangle
 };
 // Reads the triangles of a PLY, STL or OBJ file; false with the reason.
-bool readMesh(const std::string& path, MeshData& mesh, std::string& why);
+// Where the reader runs in a process of its own, it may spend `cpuSeconds`
+// of CPU time (0: 30 s plus 1 s per MiB of the file) before it is stopped.
+bool readMesh(const std::string& path, MeshData& mesh, std::string& why, unsigned cpuSeconds = 0);
 
 // ---- Verbs -----------------------------------------------------------------
 struct InfoArgs {
@@ -205,7 +207,8 @@ struct SliceArgs {
   std::vector<double> normal{0, 0, 1};
   std::vector<double> origin;
   uint32_t subset = 1;
-  double viewSplit = -1;  // degrees between the two partial scans; < 0: one full scan
+  double viewSplit = -1;     // degrees between the two partial scans; < 0: one full scan
+  unsigned readSeconds = 0;  // the mesh reader's CPU time; 0: by the file's size
   bool json = false;
 };
 struct CompareArgs {

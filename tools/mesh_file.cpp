@@ -93,10 +93,13 @@ bool readWithAssimp(const std::string& path, MeshData& mesh, std::string& why) {
 
 #if !defined(_WIN32)
 
-// CPU seconds the reader may spend on a file: far more than assimp needs
-// for a mesh of that size (it reads tens of MB a second), so that only a
-// reader caught in a loop meets the bound.
-rlim_t cpuSecondsFor(const std::string& path) {
+// CPU seconds the reader may spend on a file: the caller's `cpuSeconds`,
+// else far more than assimp needs for a mesh of that size (it reads tens of
+// MB a second), so that only a reader caught in a loop, or cutting a huge
+// polygon into triangles (a single face of 100,000 vertices takes about a
+// minute), meets the bound.
+rlim_t cpuSecondsFor(const std::string& path, unsigned cpuSeconds) {
+  if (cpuSeconds > 0) return cpuSeconds;
   std::error_code ec;
   const uintmax_t bytes = std::filesystem::file_size(path, ec);
   return 30 + (ec ? 0 : static_cast<rlim_t>(bytes >> 20));
@@ -170,10 +173,10 @@ bool receive(std::string_view bytes, MeshData& mesh, bool& read, std::string& wh
 
 // Runs the reader in a child process; false with the reason when it
 // refused the file, stopped or was stopped.
-bool readInChild(const std::string& path, MeshData& mesh, std::string& why) {
+bool readInChild(const std::string& path, MeshData& mesh, std::string& why, unsigned cpuSeconds) {
   int fds[2];
   if (::pipe(fds) != 0) return readWithAssimp(path, mesh, why);
-  const rlim_t seconds = cpuSecondsFor(path);
+  const rlim_t seconds = cpuSecondsFor(path, cpuSeconds);
   const pid_t pid = ::fork();
   if (pid < 0) {
     ::close(fds[0]);
@@ -210,7 +213,7 @@ bool readInChild(const std::string& path, MeshData& mesh, std::string& why) {
     why = sig == SIGXCPU || sig == SIGKILL
               ? fmt::format(
                     "cannot be read as a mesh (the mesh reader spent more than {} s of CPU "
-                    "time on it and was stopped)",
+                    "time on it and was stopped; --read-seconds allows more)",
                     seconds)
               : fmt::format("cannot be read as a mesh (the mesh reader stopped on it: {})",
                             ::strsignal(sig));
@@ -230,8 +233,11 @@ bool readInChild(const std::string& path, MeshData& mesh, std::string& why) {
 
 }  // namespace
 
-bool readMesh(const std::string& path, MeshData& mesh, std::string& why) {
+bool readMesh(const std::string& path, MeshData& mesh, std::string& why, unsigned cpuSeconds) {
   mesh = MeshData{};
+#if defined(LUAFXS_WITHOUT_MESH_READER) || defined(_WIN32)
+  (void)cpuSeconds;
+#endif
 #if defined(LUAFXS_WITHOUT_MESH_READER)
   (void)path;
   why = "this build of luafxs reads no mesh files (it was built without assimp)";
@@ -244,7 +250,7 @@ bool readMesh(const std::string& path, MeshData& mesh, std::string& why) {
 #if defined(_WIN32)
   const bool read = readWithAssimp(path, mesh, why);
 #else
-  const bool read = readInChild(path, mesh, why);
+  const bool read = readInChild(path, mesh, why, cpuSeconds);
 #endif
   if (!read) return false;
   if (mesh.faces.empty()) {

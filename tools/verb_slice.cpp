@@ -147,7 +147,7 @@ int runSlice(const SliceArgs& args) {
     if (!outputAllowed(f.path, {args.mesh})) return kExitBad;
   MeshData mesh;
   std::string why;
-  if (!readMesh(args.mesh, mesh, why)) {
+  if (!readMesh(args.mesh, mesh, why, args.readSeconds)) {
     error(args.mesh, why);
     return kExitBad;
   }

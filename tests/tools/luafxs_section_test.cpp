@@ -567,6 +567,35 @@ TEST_F(SectionVerbs, SliceRefusesAMeshThatStopsItsReaderInOneLine) {
   EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
 }
 
+// The mesh reader's CPU time is bounded: a single face of 30,000 vertices,
+// which assimp cuts into triangles for seconds, is refused after the
+// second that --read-seconds allows, in one line and with nothing written.
+TEST_F(SectionVerbs, SliceStopsAMeshReaderThatSpendsMoreThanItsCpuTime) {
+  const int n = 30000;
+  std::ofstream out(path("polygon.ply"));
+  out << "ply\nformat ascii 1.0\nelement vertex " << n
+      << "\nproperty float x\nproperty float y\nproperty float z\nelement face 1\n"
+         "property list uint int vertex_indices\nend_header\n";
+  for (int i = 0; i < n; ++i) {
+    const double a = 2 * M_PI * i / n;
+    out << std::cos(a) << ' ' << std::sin(a) << ' ' << (i % 2) * 0.01 << '\n';
+  }
+  out << n;
+  for (int i = 0; i < n; ++i) out << ' ' << i;
+  out << '\n';
+  out.close();
+  auto r = runWithStreamsIn(
+      m_dir, "slice " + q("polygon.ply") + " --planes 3 --read-seconds 1 -o " + q("out.afxs"),
+      "timeout 60 ");
+  EXPECT_EQ(r.code, 1) << r.err;
+  EXPECT_NE(r.err.find("cannot be read as a mesh (the mesh reader spent more than 1 s of CPU "
+                       "time on it and was stopped; --read-seconds allows more)"),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
+}
+
 // Where the tool cannot start the process its mesh reader runs in (a
 // container's process limit, say), it reads the mesh itself and cuts it as
 // usual. A pids cgroup that allows one process makes every fork fail, for
