@@ -2,18 +2,35 @@
 // library's reports and logs are silenced (they would only slow the run).
 #pragma once
 
+#include <unistd.h>
 #include <cstdint>
 #include <cstdio>
 #include <string>
-#include <unistd.h>
+#include <vector>
 
 #include <luAnaf/luAnaf.h>
 
 namespace lufuzz {
 
+// The scratch file of one target process (and the ".tmp" beside it that a
+// rewrite makes), removed when the process ends normally; a crash leaves it
+// for a look.
 inline std::string scratchPath(const char* tag) {
+  struct Removal {
+    std::vector<std::string> paths;
+    ~Removal() {
+      for (const std::string& path : paths) {
+        std::remove(path.c_str());
+        std::remove((path + ".tmp").c_str());
+      }
+    }
+  };
+  static Removal removal;
   const char* dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-  return std::string(dir) + "/luanaf-fuzz-" + tag + "-" + std::to_string(getpid()) + ".afxs";
+  std::string path =
+      std::string(dir) + "/luanaf-fuzz-" + tag + "-" + std::to_string(getpid()) + ".afxs";
+  removal.paths.push_back(path);
+  return path;
 }
 
 inline std::wstring widen(const std::string& s) { return std::wstring(s.begin(), s.end()); }
