@@ -10,11 +10,15 @@ importable, examples/python/dask_unify.py with N workers, for N = 1 and 2
 (--workers to change), blending off and on. Each figure is the median of
 --reps runs; --dir picks the file system (every output is flushed to the
 device before it is renamed into place, so on a disk the device's write
-bandwidth is shared by the processes; a tmpfs leaves it out); "work alone" leaves out the start of the Dask cluster (the
-same as the whole run for batch). A control at the end runs a pure CPU
-loop in 2 (the last --workers) processes at once against in a row: the
-speed-up the machine itself allows at that moment. Prints a Markdown table. Timing only:
-nothing is asserted.
+bandwidth is shared by the processes; a tmpfs leaves it out); "work
+alone" leaves out the start of the Dask cluster (the same as the whole run
+for batch), and "in luanaf.unify" sums the seconds the Dask workers spent
+unifying. Two controls at the end run the same code in 2 (the last
+--workers) processes at once against in a row: a pure CPU loop, and a copy
+of one cross-section's bytes (numpy.copyto, 25 MB by default) again and
+again, bound by the memory's bandwidth: the speed-ups the machine itself
+allows at that moment. Prints a Markdown table. Timing only: nothing is
+asserted.
 """
 
 import argparse
@@ -63,37 +67,42 @@ def write_sections(folder, sections, planes, points):
 
 
 def timed(command):
-    """Wall-clock seconds of the run, and of its work alone when it says so
-    (the Dask example: the time after its cluster was up and its workers had
-    imported the module)."""
+    """Wall-clock seconds of the run, of its work alone when it says so (the
+    Dask example: the time after its cluster was up and its workers had
+    imported the module), and the seconds its workers spent in
+    luanaf.unify (None for batch)."""
     started = time.perf_counter()
     run = subprocess.run(command, check=True, capture_output=True, text=True)
     wall = time.perf_counter() - started
-    work = re.search(r"\(([0-9.]+) s of work once the cluster was up and warm\)", run.stdout)
-    return wall, float(work.group(1)) if work else wall
+    work = re.search(r"\(([0-9.]+) s of work once the cluster was up and warm; "
+                     r"([0-9.]+) s in luanaf.unify", run.stdout)
+    if not work:
+        return wall, wall, None
+    return wall, float(work.group(1)), float(work.group(2))
 
 
 def median_time(command, out, reps):
-    walls, works = [], []
+    runs = []
     for _ in range(reps):
         shutil.rmtree(out, ignore_errors=True)
         out.mkdir()
-        wall, work = timed(command)
-        walls.append(wall)
-        works.append(work)
-    return statistics.median(walls), statistics.median(works)
+        runs.append(timed(command))
+    unifying = [r[2] for r in runs if r[2] is not None]
+    return (statistics.median(r[0] for r in runs), statistics.median(r[1] for r in runs),
+            statistics.median(unifying) if unifying else None)
 
 
 SPIN = "s = 0\nfor i in range(4_000_000): s += i\n"
+COPY = ("import numpy as np\na = np.ones({size} // 8)\nb = np.empty_like(a)\n"
+        "for i in range({times}): np.copyto(b, a)\n")
 
 
-def control(n, reps):
-    """The machine's own ceiling at that moment: `n` copies of a pure CPU
-    loop run at once against one copy run n times in a row (medians of
-    reps)."""
+def control(code, n, reps):
+    """The machine's own ceiling at that moment: `n` copies of `code` run at
+    once against one copy run n times in a row (medians of reps)."""
     def run(copies):
         started = time.perf_counter()
-        procs = [subprocess.Popen([sys.executable, "-c", SPIN]) for _ in range(copies)]
+        procs = [subprocess.Popen([sys.executable, "-c", code]) for _ in range(copies)]
         for p in procs:
             p.wait()
         return time.perf_counter() - started
@@ -127,8 +136,9 @@ def main():
               f"load average {os.getloadavg()[0]:.1f} at the start\n")
         print("| runner | blending | " + " | ".join(f"{n} proc. (s)" for n in args.workers)
               + " | speed-up | work alone: " + " | ".join(f"{n} proc. (s)" for n in args.workers)
-              + " | speed-up |")
-        print("|---|---|" + "---|" * (2 * len(args.workers) + 2))
+              + " | speed-up | in luanaf.unify: "
+              + " | ".join(f"{n} proc. (s)" for n in args.workers) + " |")
+        print("|---|---|" + "---|" * (3 * len(args.workers) + 2))
         for blend in (False, True):
             runners = [("luafxs batch", lambda n: [args.luafxs, "batch", str(scans), "-o",
                                                    str(out), "-j", str(n)]
@@ -141,14 +151,20 @@ def main():
                 times = [median_time(command(n), out, args.reps) for n in args.workers]
                 walls = [t[0] for t in times]
                 works = [t[1] for t in times]
+                unifying = [t[2] for t in times]
                 print(f"| {name} | {'on' if blend else 'off'} | "
                       + " | ".join(f"{t:.2f}" for t in walls)
                       + f" | {walls[0] / walls[-1]:.2f}x | "
                       + " | ".join(f"{t:.2f}" for t in works)
-                      + f" | {works[0] / works[-1]:.2f}x |")
+                      + f" | {works[0] / works[-1]:.2f}x | "
+                      + " | ".join("" if t is None else f"{t:.2f}" for t in unifying) + " |")
         n = args.workers[-1]
-        print(f"\nload average {os.getloadavg()[0]:.1f} at the end; control, a pure CPU loop in "
-              f"{n} processes at once against in a row: {control(n, args.reps):.2f}x")
+        section = size // args.sections
+        copy = COPY.format(size=section, times=max(1, (5 << 30) // section))
+        print(f"\nload average {os.getloadavg()[0]:.1f} at the end; controls in {n} processes "
+              f"at once against in a row: a pure CPU loop {control(SPIN, n, args.reps):.2f}x, "
+              f"copies of {section / 1e6:.0f} MB (5 GiB in all) "
+              f"{control(copy, n, args.reps):.2f}x")
 
 
 if __name__ == "__main__":

@@ -1,6 +1,7 @@
 """examples/python/dask_unify.py on a small folder of cross-sections."""
 
 import pathlib
+import re
 import subprocess
 import sys
 
@@ -29,6 +30,10 @@ def test_every_cross_section_of_a_folder_is_unified(tmp_path):
     )
     assert run.returncode == 0, run.stderr
     assert "dask: 3 cross-sections, 2 workers, 0 failed" in run.stdout
+    summary = re.search(r"\(([0-9.]+) s of work once the cluster was up and warm; "
+                        r"([0-9.]+) s in luanaf.unify, summed over the workers\)", run.stdout)
+    assert summary, run.stdout
+    assert float(summary.group(2)) <= 2 * float(summary.group(1)) + 0.01
     for s in range(3):
         reference = tmp_path / f"ref{s}.afxs"
         luanaf.unify(sorted(str(p) for p in (scans / f"xs{s}").glob("*.afxs")), reference)
