@@ -1,7 +1,8 @@
-// luafxs batch: many unify and validate jobs run by worker processes. The
-// job table says which verbs a job may run; adding a verb to batch is one
-// row there. Each job is one run of this program with the job's arguments,
-// so jobs share nothing (the library serves one thread at a time).
+// luafxs batch: many unify, validate, slice and compare jobs run by worker
+// processes. The job table says which verbs a job may run; adding a verb to
+// batch is one row there. Each job is one run of this program with the
+// job's arguments, so jobs share nothing (the library serves one thread at
+// a time).
 #pragma once
 
 #include <cstdint>

@@ -84,6 +84,10 @@ const std::vector<BatchVerb>& batchVerbs() {
   static const std::vector<BatchVerb> verbs = {
       {"unify", 3, "unify -o OUT IN[:ID] IN[:ID]... [--blend] [--xs-id N] [--load-mode M]"},
       {"validate", 1, "validate FILE [--json]"},
+      {"slice", 5,
+       "slice MESH -o OUT (--planes N | --spacing D) [--normal X,Y,Z] [--origin X,Y,Z] "
+       "[--subset S] [--view-split A] [--read-seconds S] [--json]"},
+      {"compare", 2, "compare MEASURED NOMINAL [-o OUT] [--json]"},
   };
   return verbs;
 }

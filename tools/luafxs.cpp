@@ -164,11 +164,13 @@ int run(int argc, char** argv) {
 
   BatchArgs batch;
   auto* batchCmd = app.add_subcommand(
-      "batch", "Run many unify and validate jobs from a list file or a folder, N at a time");
+      "batch",
+      "Run many unify, validate, slice and compare jobs from a list file or a folder, N at a time");
   batchCmd
       ->add_option("SOURCE", batch.source,
-                   "a list file (one job per line: 'unify -o OUT IN...' or 'validate FILE') or a "
-                   "folder (one unify job per subfolder of .afxs files)")
+                   "a list file (one job per line: 'unify -o OUT IN...', 'validate FILE', "
+                   "'slice MESH -o OUT --planes N' or 'compare MEASURED NOMINAL -o OUT', as on the "
+                   "command line) or a folder (one unify job per subfolder of .afxs files)")
       ->required();
   batchCmd->add_option("-j,--jobs", batch.workers, "worker processes at once (default 1)");
   batchCmd->add_option("-o,--output", batch.output,

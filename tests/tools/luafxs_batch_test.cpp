@@ -119,13 +119,52 @@ TEST_F(BatchTest, TheJsonSummaryHoldsEveryJob) {
   EXPECT_THAT(j["results"][1]["stderr"].get<std::string>(), HasSubstr("none.afxs"));
 }
 
+// slice and compare jobs run as the verbs run on their own: the same files.
+TEST_F(BatchTest, SliceAndCompareJobsWriteWhatTheVerbsWrite) {
+  std::ofstream mesh(path("cube.obj"));
+  const int corners[8][3] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0},
+                             {0, 0, 1}, {1, 0, 1}, {1, 1, 1}, {0, 1, 1}};
+  const int faces[12][3] = {{1, 3, 2}, {1, 4, 3}, {5, 6, 7}, {5, 7, 8}, {1, 2, 6}, {1, 6, 5},
+                            {2, 3, 7}, {2, 7, 6}, {3, 4, 8}, {3, 8, 7}, {4, 1, 5}, {4, 5, 8}};
+  for (const auto& c : corners) mesh << "v " << c[0] << ' ' << c[1] << ' ' << c[2] << '\n';
+  for (const auto& f : faces) mesh << "f " << f[0] << ' ' << f[1] << ' ' << f[2] << '\n';
+  mesh.close();
+  writeFile("measured.afxs", 3, 1);
+  writeFile("nominal.afxs", 3, 1, false, 11);
+  writeList("jobs.txt", "slice " + p("cube.obj") + " -o " + p("cut.afxs") + " --planes 4\n" +
+                            "compare " + p("measured.afxs") + " " + p("nominal.afxs") + " -o " +
+                            p("deviation.afxs") + "\n");
+  Outcome r = run("batch " + q("jobs.txt") + " -j 2");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("batch: 2 jobs, 2 workers\nok                2\n"));
+  ASSERT_EQ(run("slice " + q("cube.obj") + " -o " + q("cut-alone.afxs") + " --planes 4").code, 0);
+  ASSERT_EQ(run("compare " + q("measured.afxs") + " " + q("nominal.afxs") + " -o " +
+                q("deviation-alone.afxs"))
+                .code,
+            0);
+  EXPECT_EQ(lutest::readText(path("cut.afxs")), lutest::readText(path("cut-alone.afxs")));
+  EXPECT_EQ(lutest::readText(path("deviation.afxs")),
+            lutest::readText(path("deviation-alone.afxs")));
+}
+
+TEST_F(BatchTest, ASliceJobWithoutItsFamilyRefusesTheList) {
+  writeList("jobs.txt", "slice mesh.ply -o cut.afxs\n");
+  Outcome r = run("batch " + q("jobs.txt"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("line 1: too few arguments (usage: slice MESH -o OUT (--planes N "
+                               "| --spacing D)"));
+}
+
 TEST_F(BatchTest, AnUnknownVerbInTheListRunsNothing) {
   writeFile("a.afxs", 2, 1);
   writeList("jobs.txt", "unify -o " + p("u.afxs") + " " + p("a.afxs") + "\nremove " + p("a.afxs") +
                             " --fields normals\n");
   Outcome r = run("batch " + q("jobs.txt"));
   EXPECT_EQ(r.code, 1);
-  EXPECT_THAT(r.err, HasSubstr("line 2: 'remove' is no batch verb (batch verbs: unify, validate)"));
+  EXPECT_THAT(
+      r.err,
+      HasSubstr(
+          "line 2: 'remove' is no batch verb (batch verbs: unify, validate, slice, compare)"));
   EXPECT_FALSE(lutest::fs::exists(path("u.afxs")));
 }
 
