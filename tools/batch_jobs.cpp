@@ -1,5 +1,6 @@
 // The batch job table and the two ways to fill it: a list file, a folder.
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 
@@ -40,6 +41,20 @@ bool splitWords(const std::string& line, std::vector<std::string>& words) {
   }
   if (inWord) words.push_back(word);
   return !quoted;
+}
+
+// The arguments after the verb as its parser counts them: "--name=value"
+// and "-nVALUE" are an option and its value, two arguments in one word.
+size_t argumentCount(const std::vector<std::string>& words) {
+  size_t count = 0;
+  for (size_t i = 1; i < words.size(); ++i) {
+    const std::string& word = words[i];
+    const bool longWithValue = word.rfind("--", 0) == 0 && word.find('=') != std::string::npos;
+    const bool shortWithValue =
+        word.size() > 2 && word[0] == '-' && std::isalpha(static_cast<unsigned char>(word[1]));
+    count += longWithValue || shortWithValue ? 2 : 1;
+  }
+  return count;
 }
 
 const BatchVerb* findVerb(const std::string& name) {
@@ -113,7 +128,7 @@ bool readJobList(const std::string& path, std::vector<BatchJob>& jobs, std::stri
                             verbList());
       return false;
     }
-    if (words.size() - 1 < verb->minArguments) {
+    if (argumentCount(words) < verb->minArguments) {
       problem = fmt::format("{}: too few arguments (usage: {})", where, verb->usage);
       return false;
     }

@@ -147,6 +147,18 @@ TEST_F(BatchTest, SliceAndCompareJobsWriteWhatTheVerbsWrite) {
             lutest::readText(path("deviation-alone.afxs")));
 }
 
+// A job is checked for too few arguments as the verb counts them: an option
+// and its value in one word are two.
+TEST_F(BatchTest, OptionsWithTheirValuesInOneWordAreTwoArguments) {
+  writeFile("a.afxs", 2, 1);
+  writeList("jobs.txt", "unify --output=" + p("u1.afxs") + " " + p("a.afxs") + "\nunify -o" +
+                            p("u2.afxs") + " " + p("a.afxs") + "\n");
+  Outcome r = run("batch " + q("jobs.txt"));
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_TRUE(lutest::fs::exists(path("u1.afxs")));
+  EXPECT_TRUE(lutest::fs::exists(path("u2.afxs")));
+}
+
 TEST_F(BatchTest, ASliceJobWithoutItsFamilyRefusesTheList) {
   writeList("jobs.txt", "slice mesh.ply -o cut.afxs\n");
   Outcome r = run("batch " + q("jobs.txt"));
