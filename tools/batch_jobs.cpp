@@ -43,6 +43,24 @@ bool splitWords(const std::string& line, std::vector<std::string>& words) {
   return !quoted;
 }
 
+// A line longer than this is no job: the list is refused rather than read
+// into memory without end (a list named by mistake, /dev/zero, a binary).
+constexpr size_t kMaxLineBytes = size_t{1} << 20;
+
+enum class LineRead { Line, End, TooLong };
+
+// The next line of `in` without its line feed (a last line may lack one).
+LineRead nextLine(std::istream& in, std::string& line) {
+  line.clear();
+  char c = 0;
+  while (in.get(c)) {
+    if (c == '\n') return LineRead::Line;
+    if (line.size() == kMaxLineBytes) return LineRead::TooLong;
+    line += c;
+  }
+  return line.empty() ? LineRead::End : LineRead::Line;
+}
+
 // The arguments after the verb as its parser counts them: "--name=value"
 // and "-nVALUE" are an option and its value, two arguments in one word.
 size_t argumentCount(const std::vector<std::string>& words) {
@@ -114,9 +132,15 @@ bool readJobList(const std::string& path, std::vector<BatchJob>& jobs, std::stri
     return false;
   }
   std::string line;
-  for (size_t number = 1; std::getline(in, line); ++number) {
-    std::vector<std::string> words;
+  for (size_t number = 1;; ++number) {
+    const LineRead read = nextLine(in, line);
+    if (read == LineRead::End) break;
     const std::string where = fmt::format("line {}", number);
+    if (read == LineRead::TooLong) {
+      problem = fmt::format("{}: longer than {} bytes, which no job is", where, kMaxLineBytes);
+      return false;
+    }
+    std::vector<std::string> words;
     if (!splitWords(line, words)) {
       problem = where + ": a quote is not closed";
       return false;
@@ -133,6 +157,10 @@ bool readJobList(const std::string& path, std::vector<BatchJob>& jobs, std::stri
       return false;
     }
     jobs.push_back({words, path + ":" + std::to_string(number)});
+  }
+  if (in.bad()) {
+    problem = "cannot be read";
+    return false;
   }
   return true;
 }

@@ -159,6 +159,18 @@ TEST_F(BatchTest, OptionsWithTheirValuesInOneWordAreTwoArguments) {
   EXPECT_TRUE(lutest::fs::exists(path("u2.afxs")));
 }
 
+// A list whose line runs on past a mebibyte (a binary or an endless file
+// named by mistake) is refused, not read into memory without end.
+TEST_F(BatchTest, AListWithALinePastAMebibyteRunsNothing) {
+  writeFile("a.afxs", 2, 1);
+  writeList("jobs.txt", "unify -o " + p("u1.afxs") + " " + p("a.afxs") + "\n" +
+                            std::string((size_t{1} << 20) + 1, 'x'));
+  Outcome r = run("batch " + q("jobs.txt"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("jobs.txt: line 2: longer than 1048576 bytes, which no job is"));
+  EXPECT_FALSE(lutest::fs::exists(path("u1.afxs")));
+}
+
 TEST_F(BatchTest, ASliceJobWithoutItsFamilyRefusesTheList) {
   writeList("jobs.txt", "slice mesh.ply -o cut.afxs\n");
   Outcome r = run("batch " + q("jobs.txt"));
