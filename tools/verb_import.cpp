@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -76,8 +77,9 @@ struct ImportedPlane {
   bool hasAux = false;
 };
 
-// The whole input, read to its end (a pipe as well as a file); a directory or
-// a failed read is refused.
+// The whole input, read to its end (a pipe as well as a file); a directory,
+// a failed read or an input larger than the memory the system grants (an
+// endless device named by mistake) is refused.
 std::string readWhole(const std::string& path) {
   std::error_code ec;
   if (std::filesystem::is_directory(path, ec)) throw ImportError{0, "is a directory, not a file"};
@@ -87,7 +89,11 @@ std::string readWhole(const std::string& path) {
   std::string text(ec ? size_t{1} << 16 : static_cast<size_t>(size) + 1, '\0');
   size_t got = 0;
   for (;;) {
-    if (got == text.size()) text.resize(2 * text.size());
+    try {
+      if (got == text.size()) text.resize(2 * text.size());
+    } catch (const std::bad_alloc&) {
+      throw ImportError{0, fmt::format("is too large to be read into memory ({} bytes read)", got)};
+    }
     in.read(text.data() + got, static_cast<std::streamsize>(text.size() - got));
     got += static_cast<size_t>(in.gcount());
     if (!in) break;

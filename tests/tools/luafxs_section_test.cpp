@@ -696,6 +696,27 @@ TEST_F(SectionVerbs, ImportRefusesAFolder) {
   EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
 }
 
+// An endless input is read until the system grants no more memory, then
+// refused in one line. A sanitizer build cannot start under the bound on
+// its address space that the test sets.
+TEST_F(SectionVerbs, ImportRefusesAnInputLargerThanTheMemoryGranted) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "a sanitizer build needs more address space than the test allows";
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+  GTEST_SKIP() << "a sanitizer build needs more address space than the test allows";
+#endif
+#endif
+  auto r = runWithStreamsIn(m_dir, "import /dev/zero -o " + q("out.afxs"),
+                            "ulimit -v 600000 && timeout 120 ");
+  EXPECT_EQ(r.code, 1) << r.err;
+  EXPECT_NE(r.err.find("luafxs: /dev/zero: is too large to be read into memory ("),
+            std::string::npos)
+      << r.err;
+  EXPECT_NE(r.err.find("bytes read); nothing was written"), std::string::npos) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(path("out.afxs")));
+}
+
 // A pipe has no size to read up front: it is read to its end.
 TEST_F(SectionVerbs, ImportReadsAPipeToItsEnd) {
   const std::string fifo = path("points.fifo").string();
