@@ -206,11 +206,16 @@ bool readInChild(const std::string& path, MeshData& mesh, std::string& why, unsi
   }
   ::close(fds[0]);
   int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  rusage usage{};
+  while (::wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
   }
   if (WIFSIGNALED(status)) {
     const int sig = WTERMSIG(status);
-    why = sig == SIGXCPU || sig == SIGKILL
+    // SIGKILL is the hard bound, but also the system's answer to a reader
+    // that took all memory: only the CPU time it spent tells which.
+    const bool spent =
+        static_cast<rlim_t>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) >= seconds;
+    why = sig == SIGXCPU || (sig == SIGKILL && spent)
               ? fmt::format(
                     "cannot be read as a mesh (the mesh reader spent more than {} s of CPU "
                     "time on it and was stopped; --read-seconds allows more)",
