@@ -38,20 +38,27 @@ namespace {
 
 // Whether a file that starts as a PLY file ("ply" on its first line) has
 // the end_header line its header must close with, within the first MiB. A
-// file that is no PLY passes.
+// file that is no PLY passes. Only that MiB is read, so an endless file
+// (a device named by mistake) costs no more.
 bool plyHeaderEnds(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::string line;
-  if (!std::getline(in, line)) return true;
-  if (!line.empty() && line.back() == '\r') line.pop_back();
-  if (line != "ply") return true;
-  size_t read = line.size() + 1;
-  while (read < (size_t{1} << 20) && std::getline(in, line)) {
-    read += line.size() + 1;
-    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
-    if (line == "end_header") return true;
+  std::string head(size_t{1} << 20, '\0');
+  in.read(head.data(), static_cast<std::streamsize>(head.size()));
+  const bool whole = static_cast<size_t>(in.gcount()) < head.size();
+  head.resize(static_cast<size_t>(in.gcount()));
+  std::string_view rest = head;
+  bool first = true;
+  while (!rest.empty()) {
+    const size_t end = rest.find('\n');
+    if (end == std::string_view::npos && !first && !whole) break;  // a line the MiB cuts
+    std::string_view line = rest.substr(0, end);
+    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.remove_suffix(1);
+    if (first && line != "ply") return true;
+    if (!first && line == "end_header") return true;
+    first = false;
   }
-  return false;
+  return first;
 }
 
 bool readWithAssimp(const std::string& path, MeshData& mesh, std::string& why) {
