@@ -1,6 +1,9 @@
 // luafxs batch: jobs from a list file or a folder, run by worker processes;
 // a failing job never stops the others; one summary, as text or JSON.
+#include <algorithm>
 #include <fstream>
+#include <random>
+#include <sstream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -177,6 +180,44 @@ TEST_F(BatchTest, ASliceJobWithoutItsFamilyRefusesTheList) {
   EXPECT_EQ(r.code, 1);
   EXPECT_THAT(r.err, HasSubstr("line 1: too few arguments (usage: slice MESH -o OUT (--planes N "
                                "| --spacing D)"));
+}
+
+// Lists of validate jobs changed at random: batch ends with 0 or 1, never
+// a crash or a hang, and what it says on standard error is printable lines
+// of its own. (validate writes nothing, so no mutated path can lead a job
+// to write elsewhere.) 60 lists here; LUANAF_MUTATIONS=N runs more.
+TEST_F(BatchTest, MutatedListsNeverCrashTheBatch) {
+  writeFile("a.afxs", 2, 1);
+  writeFile("b c.afxs", 2, 2);
+  const std::string seed = "# checks\nvalidate " + p("a.afxs") + "\nvalidate \"" + p("b c.afxs") +
+                           "\" --json\n\n  validate " + p("a.afxs") + "   # again\n";
+  const std::vector<std::string> tokens = {"\"",     "#",
+                                           "\n",     "\t",
+                                           " ",      "\r",
+                                           "--json", "validate",
+                                           "x",      std::string(1, '\0'),
+                                           "\xff",   "\x1b[2J",
+                                           "\"\"",   "validate \"\n"};
+  std::mt19937 random = lutools::mutationRandom();
+  const int count = lutools::mutationCount(60);
+  for (int i = 0; i < count; ++i) {
+    std::ofstream(path("jobs.txt"), std::ios::binary | std::ios::trunc)
+        << lutools::mutated(seed, random, tokens);
+    SCOPED_TRACE("list " + std::to_string(i));
+    const Outcome r = runWithStreamsIn(m_dir, "batch " + q("jobs.txt") + " -j 2", "timeout 120 ");
+    ASSERT_TRUE(r.code == 0 || r.code == 1) << "exit " << r.code << ": " << r.err;
+    EXPECT_TRUE(std::all_of(r.err.begin(), r.err.end(), [](char c) {
+      return c == '\n' || static_cast<unsigned char>(c) >= 0x20;
+    })) << r.err;
+    std::istringstream lines(r.err);
+    for (std::string line; std::getline(lines, line);) {
+      EXPECT_EQ(line.rfind("luafxs: ", 0), 0u) << r.err;
+    }
+    if (r.code == 0) {
+      EXPECT_THAT(r.out, HasSubstr("failed            0\n"));
+    }
+    if (HasFailure()) break;
+  }
 }
 
 TEST_F(BatchTest, AnUnknownVerbInTheListRunsNothing) {

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,46 @@ struct Outcome {
 
 inline std::vector<std::vector<double>> square(double size, double z) {
   return {{0, 0, z}, {size, 0, z}, {size, size, z}, {0, size, z}};
+}
+
+// The input changed at random in one to four places: bytes overwritten,
+// inserted, deleted, cut off or repeated, or one of `tokens` (extreme
+// numbers, huge counts, stray separators) put in.
+inline std::string mutated(std::string bytes, std::mt19937& random,
+                           const std::vector<std::string>& tokens) {
+  auto below = [&](size_t n) { return n == 0 ? size_t{0} : random() % n; };
+  const size_t changes = 1 + below(4);
+  for (size_t c = 0; c < changes; ++c) {
+    const size_t at = below(bytes.size() + 1);
+    switch (below(5)) {
+      case 0:
+        if (!bytes.empty()) bytes[below(bytes.size())] = static_cast<char>(random());
+        break;
+      case 1:
+        bytes.insert(at, tokens[below(tokens.size())]);
+        break;
+      case 2:
+        bytes.erase(at, 1 + below(16));
+        break;
+      case 3:
+        bytes.resize(at);
+        break;
+      default:
+        bytes.insert(at, bytes.substr(below(bytes.size() + 1), 1 + below(200)));
+    }
+  }
+  return bytes;
+}
+
+// How many mutated inputs a test tries (`fallback` unless
+// LUANAF_MUTATIONS=N), and the seed of their changes (LUANAF_MUTATION_SEED).
+inline int mutationCount(int fallback) {
+  const char* env = std::getenv("LUANAF_MUTATIONS");
+  return env != nullptr && std::atoi(env) > 0 ? std::atoi(env) : fallback;
+}
+inline std::mt19937 mutationRandom() {
+  const char* env = std::getenv("LUANAF_MUTATION_SEED");
+  return std::mt19937(env != nullptr ? static_cast<unsigned>(std::atoi(env)) : 20261125u);
 }
 
 class LuafxsTest : public lutest::TempDirTest {

@@ -21,6 +21,9 @@
 namespace {
 
 using lutools::LuafxsTest;
+using lutools::mutated;
+using lutools::mutationCount;
+using lutools::mutationRandom;
 
 const double kCube[8][3] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0},
                             {0, 0, 1}, {1, 0, 1}, {1, 1, 1}, {0, 1, 1}};
@@ -31,46 +34,6 @@ struct Loaded {
   LuAfxsHeader header;
   std::vector<LuAfxsPlane> planes;
 };
-
-// The input changed at random in one to four places: bytes overwritten,
-// inserted, deleted, cut off or repeated, or one of `tokens` (extreme
-// numbers, huge counts, stray separators) put in.
-std::string mutated(std::string bytes, std::mt19937& random,
-                    const std::vector<std::string>& tokens) {
-  auto below = [&](size_t n) { return n == 0 ? size_t{0} : random() % n; };
-  const size_t changes = 1 + below(4);
-  for (size_t c = 0; c < changes; ++c) {
-    const size_t at = below(bytes.size() + 1);
-    switch (below(5)) {
-      case 0:
-        if (!bytes.empty()) bytes[below(bytes.size())] = static_cast<char>(random());
-        break;
-      case 1:
-        bytes.insert(at, tokens[below(tokens.size())]);
-        break;
-      case 2:
-        bytes.erase(at, 1 + below(16));
-        break;
-      case 3:
-        bytes.resize(at);
-        break;
-      default:
-        bytes.insert(at, bytes.substr(below(bytes.size() + 1), 1 + below(200)));
-    }
-  }
-  return bytes;
-}
-
-// How many mutated inputs a test tries (`fallback` unless
-// LUANAF_MUTATIONS=N), and the seed of their changes (LUANAF_MUTATION_SEED).
-int mutationCount(int fallback) {
-  const char* env = std::getenv("LUANAF_MUTATIONS");
-  return env != nullptr && std::atoi(env) > 0 ? std::atoi(env) : fallback;
-}
-std::mt19937 mutationRandom() {
-  const char* env = std::getenv("LUANAF_MUTATION_SEED");
-  return std::mt19937(env != nullptr ? static_cast<unsigned>(std::atoi(env)) : 20261125u);
-}
 
 class SectionVerbs : public LuafxsTest {
 protected:
