@@ -1,4 +1,5 @@
 // luafxs plot: one or more planes of one or more files as an SVG.
+#include <charconv>
 #include <cmath>
 #include <filesystem>
 #include <sstream>
@@ -11,22 +12,31 @@ namespace luafxs {
 
 namespace {
 
+// `text` as a whole number, every character of it but blanks around it.
+bool wholeNumber(const std::string& text, long long& value) {
+  const size_t from = text.find_first_not_of(' ');
+  if (from == std::string::npos) return false;
+  const char* end = text.data() + text.find_last_not_of(' ') + 1;
+  const auto [at, ec] = std::from_chars(text.data() + from, end, value);
+  return ec == std::errc() && at == end;
+}
+
 // "3,5,10-12" as plane numbers in the order given; false on a bad list.
 bool parsePlaneList(const std::string& list, std::vector<int64_t>& planes) {
   std::stringstream in(list);
   std::string item;
   while (std::getline(in, item, ',')) {
     if (item.empty()) continue;
-    size_t dash = item.find('-', 1);
-    try {
-      size_t used = 0;
-      long long first = std::stoll(item.substr(0, dash), &used);
-      long long last = dash == std::string::npos ? first : std::stoll(item.substr(dash + 1));
-      if (first < 0 || last < first || last - first > 10000 || last > 4294967295LL) return false;
-      for (long long p = first; p <= last; ++p) planes.push_back(p);
-    } catch (const std::exception&) {
+    const size_t dash = item.find('-', 1);
+    long long first = 0, last = 0;
+    if (!wholeNumber(item.substr(0, dash), first)) return false;
+    if (dash == std::string::npos) {
+      last = first;
+    } else if (!wholeNumber(item.substr(dash + 1), last)) {
       return false;
     }
+    if (first < 0 || last < first || last - first > 10000 || last > 4294967295LL) return false;
+    for (long long p = first; p <= last; ++p) planes.push_back(p);
   }
   return !planes.empty();
 }

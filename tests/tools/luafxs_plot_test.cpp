@@ -273,7 +273,15 @@ TEST_F(PlotTest, ABadPlaneListIsAUsageError) {
   writeFile("a.afxs", 2, 1);
   EXPECT_EQ(run("plot " + q("a.afxs") + " --planes x").code, 2);
   EXPECT_EQ(run("plot " + q("a.afxs") + " --planes 3-1").code, 2);
+  // Every character counts: a number with a tail is no number.
+  EXPECT_EQ(run("plot " + q("a.afxs") + " --planes 0-1-2").code, 2);
+  EXPECT_EQ(run("plot " + q("a.afxs") + " --planes 1x").code, 2);
   EXPECT_EQ(run("plot " + q("a.afxs") + " --planes 0,7").code, 1);  // no such plane
+}
+
+TEST_F(PlotTest, BlanksAroundThePlanesOfAListAreAllowed) {
+  writeFile("a.afxs", 4, 1);
+  EXPECT_EQ(count(plot(q("a.afxs") + " --planes '0, 1 - 2'").out, "class=\"panel\""), 3u);
 }
 
 TEST_F(PlotTest, ColourByDistanceColoursEachPointAndAddsAColourBar) {
