@@ -360,12 +360,15 @@ std::vector<ImportedPlane> readAsciiPly(const PlyHeader& h, std::string_view bod
     if (cells.size() != nd + 2)
       throw ImportError{firstLine + v,
                         fmt::format("{} values where {} were expected", cells.size(), nd + 2)};
-    // dump writes an int: -1 stands for 4294967295.
+    // dump writes an int: -1 stands for 4294967295. Any other cell is left
+    // for the column's own check.
     for (size_t k = 0; k < 2; ++k) {
       std::string_view cell = cells[nd + k];
-      if (cell.size() > 1 && cell[0] == '-') {
-        ids[k] = std::to_string(
-            static_cast<uint32_t>(std::strtol(std::string(cell).c_str(), nullptr, 10)));
+      int32_t negative = 0;
+      const char* end = cell.data() + cell.size();
+      const auto [at, ec] = std::from_chars(cell.data(), end, negative);
+      if (cell.size() > 1 && cell[0] == '-' && ec == std::errc() && at == end) {
+        ids[k] = std::to_string(static_cast<uint32_t>(negative));
         cell = ids[k];
       }
       row[k] = cell;

@@ -741,6 +741,12 @@ INSTANTIATE_TEST_SUITE_P(
                   "y\nproperty double z\nproperty int plane\nproperty int subset\nend_header\n1 x "
                   "3 0 1\n",
                   "line 10: column y"},
+        // dump writes plane 4294967295 as -1; "-1x" is no such number.
+        Malformed{"PlyNegativePlaneWithATail",
+                  "ply\nformat ascii 1.0\nelement vertex 1\nproperty double x\nproperty double "
+                  "y\nproperty double z\nproperty int plane\nproperty int subset\nend_header\n1 2 "
+                  "3 -1x 1\n",
+                  "line 10: column plane"},
         // A file without records cannot be read, so none is written.
         Malformed{"CsvHeaderOnly", "plane,subset,index,x,y,z\n", "no points; nothing was written"},
         Malformed{"PlyNoVertices",
