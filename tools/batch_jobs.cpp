@@ -1,8 +1,9 @@
 // The batch job table and the two ways to fill it: a list file, a folder.
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <filesystem>
-#include <fstream>
+#include <memory>
 
 #include <fmt/format.h>
 
@@ -50,13 +51,13 @@ constexpr size_t kMaxLineBytes = size_t{1} << 20;
 enum class LineRead { Line, End, TooLong };
 
 // The next line of `in` without its line feed (a last line may lack one).
-LineRead nextLine(std::istream& in, std::string& line) {
+// A failed read ends the lines too; the caller asks `std::ferror`.
+LineRead nextLine(std::FILE* in, std::string& line) {
   line.clear();
-  char c = 0;
-  while (in.get(c)) {
+  for (int c = std::getc(in); c != EOF; c = std::getc(in)) {
     if (c == '\n') return LineRead::Line;
     if (line.size() == kMaxLineBytes) return LineRead::TooLong;
-    line += c;
+    line += static_cast<char>(c);
   }
   return line.empty() ? LineRead::End : LineRead::Line;
 }
@@ -126,14 +127,17 @@ const std::vector<BatchVerb>& batchVerbs() {
 }
 
 bool readJobList(const std::string& path, std::vector<BatchJob>& jobs, std::string& problem) {
-  std::ifstream in(path);
+  struct Close {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+  const std::unique_ptr<std::FILE, Close> in(std::fopen(path.c_str(), "rb"));
   if (!in) {
     problem = "cannot be opened for reading";
     return false;
   }
   std::string line;
   for (size_t number = 1;; ++number) {
-    const LineRead read = nextLine(in, line);
+    const LineRead read = nextLine(in.get(), line);
     if (read == LineRead::End) break;
     const std::string where = fmt::format("line {}", number);
     if (read == LineRead::TooLong) {
@@ -158,7 +162,7 @@ bool readJobList(const std::string& path, std::vector<BatchJob>& jobs, std::stri
     }
     jobs.push_back({words, path + ":" + std::to_string(number)});
   }
-  if (in.bad()) {
+  if (std::ferror(in.get())) {
     problem = "cannot be read";
     return false;
   }

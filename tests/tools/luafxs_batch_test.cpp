@@ -15,6 +15,7 @@
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 using json = nlohmann::json;
 using lutools::LuafxsTest;
 using lutools::Outcome;
@@ -172,6 +173,15 @@ TEST_F(BatchTest, AListWithALinePastAMebibyteRunsNothing) {
   EXPECT_EQ(r.code, 1);
   EXPECT_THAT(r.err, HasSubstr("jobs.txt: line 2: longer than 1048576 bytes, which no job is"));
   EXPECT_FALSE(lutest::fs::exists(path("u1.afxs")));
+}
+
+// A list that fails to be read is refused, not run as far as it was read:
+// /proc/self/mem fails its first read (EIO).
+TEST_F(BatchTest, AListThatCannotBeReadRunsNothing) {
+  Outcome r = run("batch /proc/self/mem");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_THAT(r.err, HasSubstr("luafxs: /proc/self/mem: cannot be read"));
+  EXPECT_THAT(r.out, Not(HasSubstr("batch:")));
 }
 
 TEST_F(BatchTest, ASliceJobWithoutItsFamilyRefusesTheList) {
