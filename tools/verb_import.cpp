@@ -86,15 +86,12 @@ std::string readWhole(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw ImportError{0, "cannot be opened for reading"};
   const uintmax_t size = std::filesystem::file_size(path, ec);
+  const size_t first = ec ? size_t{1} << 16 : static_cast<size_t>(size) + 1;
   std::string text;
   size_t got = 0;
   for (;;) {
     try {
-      if (text.empty()) {
-        text.resize(ec ? size_t{1} << 16 : static_cast<size_t>(size) + 1);
-      } else if (got == text.size()) {
-        text.resize(2 * text.size());
-      }
+      if (got == text.size()) text.resize(text.empty() ? first : 2 * text.size());
     } catch (const std::exception&) {  // bad_alloc, or length_error past max_size
       throw ImportError{0, fmt::format("is too large to be read into memory ({} bytes read)", got)};
     }

@@ -3,6 +3,7 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <random>
 #include <string>
@@ -60,6 +61,13 @@ inline int mutationCount(int fallback) {
 inline std::mt19937 mutationRandom() {
   const char* env = std::getenv("LUANAF_MUTATION_SEED");
   return std::mt19937(env != nullptr ? static_cast<unsigned>(std::atoi(env)) : 20261125u);
+}
+
+// Whether the tool's text holds only line feeds and printable bytes (no
+// control character that a file's bytes could have carried in).
+inline bool printableLines(const std::string& text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return c == '\n' || static_cast<unsigned char>(c) >= 0x20; });
 }
 
 class LuafxsTest : public lutest::TempDirTest {

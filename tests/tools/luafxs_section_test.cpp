@@ -109,9 +109,7 @@ protected:
       if (!refusal.empty()) {
         EXPECT_NE(r.err.find(refusal), std::string::npos) << r.err;
       }
-      EXPECT_TRUE(std::all_of(r.err.begin(), r.err.end(), [](char c) {
-        return c == '\n' || static_cast<unsigned char>(c) >= 0x20;
-      })) << r.err;
+      EXPECT_TRUE(lutools::printableLines(r.err)) << r.err;
       if (HasFailure()) break;
     }
     return written;
